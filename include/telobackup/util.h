@@ -1,0 +1,11 @@
+// Umbrella header: the whole interface of libtelobackup-util.
+#ifndef TELOBACKUP_UTIL_H
+#define TELOBACKUP_UTIL_H
+
+#include "telobackup/json_text.h"
+#include "telobackup/log.h"
+#include "telobackup/mustache.h"
+#include "telobackup/path/path_util.h"
+#include "telobackup/stringf.h"
+
+#endif

@@ -1,0 +1,195 @@
+/*
+ * Storage-server platform interfaces used by libtelobackup-util.
+ *
+ * libtelobackup-platform implements them for a generic Linux server; on the storage server the
+ * vendor libraries provide the same names. Every call is synchronous on the caller's thread.
+ * A failing call sets the calling thread's last platform error (code, source file, line), read
+ * back with TLIBCErrGet, TLIBCErrorGetFile and TLIBCErrorGetLine; a successful call leaves it as
+ * it was. Unless a contract says otherwise, errno is left as the failing system call set it.
+ *
+ * Files the generic implementation reads, each overridable by an environment variable (tests
+ * point them at fixtures):
+ *   TELO_SHARES_CONF      shares defined by the administrator, default /etc/telobackup/shares.conf
+ *   TELO_SMB_CONF         Samba configuration, default /etc/samba/smb.conf
+ *   TELO_MOUNTINFO        mount table, default /proc/self/mountinfo
+ *   TELO_SECRET_KEY_FILE  key of the string encryption, default /etc/telobackup/secret.key
+ */
+#ifndef TELO_PLATFORM_H
+#define TELO_PLATFORM_H
+
+#include <stddef.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define TELO_PLATFORM_API __attribute__((visibility("default")))
+#else
+#define TELO_PLATFORM_API
+#endif
+
+/* ---- Last platform error ------------------------------------------------------------------ */
+
+/* Codes of the last platform error (TLIBCErrGet).
+ *   0x0000 TELO_ERR_NONE           no platform call of this thread has failed yet
+ *   0x0001 TELO_ERR_INVALID_PARAM  a null pointer, an empty string or a bad size was passed
+ *   0x0002 TELO_ERR_NOT_FOUND      the path, share, volume or mount entry does not exist
+ *   0x0003 TELO_ERR_NOT_SUPPORTED  the generic server has no such facility (platform ACLs)
+ *   0x0004 TELO_ERR_SYSTEM         a system call failed; errno holds its error
+ *   0x0005 TELO_ERR_BUFFER_SMALL   the caller's buffer cannot hold the result
+ *   0x0006 TELO_ERR_NO_MEMORY      an allocation failed
+ *   0x0007 TELO_ERR_BAD_CONFIG     a configuration or table file is malformed
+ *   0x0008 TELO_ERR_CRYPTO         a ciphertext is malformed or failed authentication
+ *   0x0009 TELO_ERR_KEY            the secret key is missing, unreadable or of the wrong size
+ *   0x000A TELO_ERR_LOOKUP         a host name could not be resolved */
+enum {
+    TELO_ERR_NONE = 0x0000,
+    TELO_ERR_INVALID_PARAM = 0x0001,
+    TELO_ERR_NOT_FOUND = 0x0002,
+    TELO_ERR_NOT_SUPPORTED = 0x0003,
+    TELO_ERR_SYSTEM = 0x0004,
+    TELO_ERR_BUFFER_SMALL = 0x0005,
+    TELO_ERR_NO_MEMORY = 0x0006,
+    TELO_ERR_BAD_CONFIG = 0x0007,
+    TELO_ERR_CRYPTO = 0x0008,
+    TELO_ERR_KEY = 0x0009,
+    TELO_ERR_LOOKUP = 0x000A
+};
+
+/* Code of the calling thread's last platform error (table above); TELO_ERR_NONE when none. */
+TELO_PLATFORM_API unsigned int TLIBCErrGet(void);
+
+/* Platform source file that recorded the last error, relative to the platform's source root
+ * (for example "src/fs_type.cpp"); "" when none. The text is static and never freed. */
+TELO_PLATFORM_API const char *TLIBCErrorGetFile(void);
+
+/* Source line that recorded the last error; 0 when none. */
+TELO_PLATFORM_API int TLIBCErrorGetLine(void);
+
+/* ---- ACLs and file systems ---------------------------------------------------------------- */
+
+/* File-system type codes of TELOGetFSType. */
+enum {
+    TELO_FS_FAT = 0,     /* vfat, msdos */
+    TELO_FS_EXT3 = 1,    /* ext2, ext3 */
+    TELO_FS_EXT4 = 2,    /* ext4 */
+    TELO_FS_BTRFS = 3,   /* btrfs */
+    TELO_FS_XFS = 4,     /* xfs */
+    TELO_FS_FOREIGN = 5, /* exfat, ntfs, ntfs3, fuseblk (both refuse chmod) */
+    TELO_FS_NETWORK = 6, /* nfs, nfs4, cifs, smb3 */
+    TELO_FS_OTHER = 7    /* anything else: tmpfs, overlay, zfs, ... */
+};
+
+/* Type code of the file system holding `path`: the mount-table entry whose mount point is the
+ * longest component-wise prefix of the path's real path (the last such entry when mounts are
+ * stacked). `flags` is reserved and must be 0.
+ * Failure: -1 with TELO_ERR_INVALID_PARAM (null or empty path), TELO_ERR_NOT_FOUND (the path
+ * cannot be resolved; errno from realpath), TELO_ERR_SYSTEM (mount table unreadable; errno set)
+ * or TELO_ERR_BAD_CONFIG (no entry covers the path). */
+TELO_PLATFORM_API int TELOGetFSType(const char *path, int flags);
+
+/* Non-zero when the file system at `path` (or the open descriptor `fd` when path is null)
+ * carries platform ACLs. A generic Linux server has none: always 0, nothing recorded. */
+TELO_PLATFORM_API int TELOACLIsSupport(const char *path, int fd, int flags);
+
+/* Copies the platform ACL of `from` onto `to`. 0 on success, negative on failure. Generic
+ * server: always -1 with TELO_ERR_NOT_SUPPORTED and errno ENOTSUP. */
+TELO_PLATFORM_API int TELOACLCopy(const char *from, const char *to);
+
+/* Copies the platform archive attributes of `from` onto `to`. 0 on success, negative on
+ * failure. Generic server: always -1 with TELO_ERR_NOT_SUPPORTED and errno ENOTSUP. */
+TELO_PLATFORM_API int TELOACLArchiveCopy(const char *from, const char *to);
+
+/* Makes the ACL of `path` inherit from its parent again. 0 on success, non-zero on failure.
+ * Generic server: always -1 with TELO_ERR_NOT_SUPPORTED and errno ENOTSUP. */
+TELO_PLATFORM_API int TELOACLResetInherit(const char *path);
+
+/* ---- Shares ------------------------------------------------------------------------------- */
+
+/* Finds the share holding `path`: the configured share whose path is the longest component-wise
+ * prefix of `path` (taken as given, not resolved). Shares come from TELO_SHARES_CONF (section
+ * config format: "[name]" then "path=\"/srv/name\"") or, when that file does not exist, from the
+ * share sections of TELO_SMB_CONF (every section but global, homes, printers and print$ that has
+ * a "path" line; "include" lines are followed; ";" and "#" start comments).
+ * Writes the share's name into `name` and its path into `sharePath` (each NUL-terminated) and
+ * returns 0. Failure: -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_NOT_FOUND (no share holds the
+ * path, or neither file exists), TELO_ERR_BUFFER_SMALL or TELO_ERR_SYSTEM. */
+TELO_PLATFORM_API int TELOShareNamePathGet(const char *path, char *name, int nameSize,
+                                           char *sharePath, int sharePathSize);
+
+/* Directory for temporary data on the volume mounted at `volPath`: "<volPath>/.telobackup-tmp",
+ * created with mode 01777 when missing and the volume root is writable. Writes it into `buf`
+ * and returns 0. Failure: -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_BUFFER_SMALL or
+ * TELO_ERR_SYSTEM (the directory is missing and cannot be created; errno set). */
+TELO_PLATFORM_API int TELOShareTmpPathGet(const char *volPath, char *buf, int size);
+
+/* ---- Volumes ------------------------------------------------------------------------------ */
+
+/* One mounted volume. Records of an enumeration are chained through `next`. */
+typedef struct TELOVOLInfo {
+    char volPath[4096];           /* mount point of the volume, "" when unknown */
+    int fsType;                   /* TELOGetFSType code */
+    unsigned long long freeBytes; /* space available to the caller */
+    int mounted;                  /* status: non-zero when mounted */
+    int usable;                   /* status: non-zero when writable and healthy */
+    struct TELOVOLInfo *next;     /* next record of an enumeration, NULL at the end */
+} TELOVOLInfo;
+
+/* Location code of the volumes that can hold application data; 0 when the machine has none.
+ * Generic server: 1 (the disk file systems of the mount table). */
+TELO_PLATFORM_API int TELOVolumeSupportLocGet(void);
+
+/* Every mounted disk volume of `location` as a list of records (free it with
+ * TELOMountVolInfoFree); `flags` is reserved (0) and `mode` 2 asks for free-space figures.
+ * Pseudo file systems and bind mounts of single files are left out; one record per mount
+ * point. Failure or no volume: NULL with TELO_ERR_SYSTEM, TELO_ERR_NOT_FOUND or
+ * TELO_ERR_NO_MEMORY. */
+TELO_PLATFORM_API TELOVOLInfo *TELOMountVolAllEnum(int flags, int location, int mode);
+
+/* Fills `info` with the volume holding `path` (longest mount-point prefix of its real path);
+ * info->next is set to NULL. 0 on success; -1 with TELO_ERR_INVALID_PARAM or TELO_ERR_NOT_FOUND. */
+TELO_PLATFORM_API int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info);
+
+/* Frees a list returned by TELOMountVolAllEnum; NULL is ignored. */
+TELO_PLATFORM_API void TELOMountVolInfoFree(TELOVOLInfo *list);
+
+/* ---- Processes and network ---------------------------------------------------------------- */
+
+/* fork(2): the child's pid in the parent, 0 in the child; -1 with TELO_ERR_SYSTEM (errno set). */
+TELO_PLATFORM_API pid_t TLIBCProcFork(void);
+
+/* Size of one text address of TELONetLookupIP, terminator included. */
+#define TELO_IP_TEXT_SIZE 52
+
+/* Resolves `host` with getaddrinfo into at most `capacity` text addresses, duplicates removed
+ * and the resolver's order kept; `flags` is reserved (0). Returns their number. Failure: 0 or
+ * less with TELO_ERR_INVALID_PARAM or TELO_ERR_LOOKUP. */
+TELO_PLATFORM_API int TELONetLookupIP(const char *host, char (*entries)[TELO_IP_TEXT_SIZE],
+                                      int capacity, int flags);
+
+/* 1 when `addr` is an IPv4 literal, 2 when it is an IPv6 literal, 0 otherwise (NULL included).
+ * Records nothing. */
+TELO_PLATFORM_API int BlTLIBIsIpAddr(const char *addr);
+
+/* Non-zero when `addr` is a valid IPv6 literal (inet_pton), 0 otherwise. Records nothing. */
+TELO_PLATFORM_API int BlTLIBIsv6IpAddrValid(const char *addr);
+
+/* ---- String encryption -------------------------------------------------------------------- */
+
+/* Encrypts the NUL-terminated `plain` into printable, NUL-terminated text in `out`, which must
+ * hold (strlen(plain) + 2) * 2 bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM,
+ * TELO_ERR_BUFFER_SMALL, TELO_ERR_KEY or TELO_ERR_SYSTEM. */
+TELO_PLATFORM_API int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize);
+
+/* Decrypts text made by TLIBCCryptSzEncrypt into `out`, which must hold
+ * max(strlen(cipher), 10) bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM,
+ * TELO_ERR_BUFFER_SMALL, TELO_ERR_KEY or TELO_ERR_CRYPTO (malformed or tampered text). */
+TELO_PLATFORM_API int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TELO_PLATFORM_H */

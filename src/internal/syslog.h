@@ -1,0 +1,32 @@
+// The library's one way to write a diagnostic line to the system log.
+//
+// Each source file defines, before including this header or at least before the first use,
+//     static constexpr char kLogSource[] = "path/path_util";
+// its path relative to src/ without extension. The macros prepend the fixed prefixes and leave
+// "%m" to syslog, so errno must still hold the failure when they run.
+#ifndef TELO_SRC_INTERNAL_SYSLOG_H
+#define TELO_SRC_INTERNAL_SYSLOG_H
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include "telo/platform.h"
+
+// "(pid) [err] source:line message" at LOG_ERR.
+#define TELO_LOG_ERR(fmt, ...) \
+    ::syslog(LOG_ERR, "(%d) [err] %s:%d " fmt, ::getpid(), kLogSource, __LINE__, ##__VA_ARGS__)
+
+// "(pid) [debug] source:line message" at LOG_DEBUG.
+#define TELO_LOG_DEBUG(fmt, ...) \
+    ::syslog(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, ::getpid(), kLogSource, __LINE__, ##__VA_ARGS__)
+
+// The short form "source:line message", at the given priority.
+#define TELO_LOG_SHORT(priority, fmt, ...) \
+    ::syslog((priority), "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)
+
+// The platform-error suffix and its three arguments, for messages about platform calls:
+//     TELO_LOG_ERR("lookup[%s] failed: " TELO_PLATFORM_ERR_FMT, host, TELO_PLATFORM_ERR_ARGS);
+#define TELO_PLATFORM_ERR_FMT "[0x%04X %s:%d]"
+#define TELO_PLATFORM_ERR_ARGS ::TLIBCErrGet(), ::TLIBCErrorGetFile(), ::TLIBCErrorGetLine()
+
+#endif

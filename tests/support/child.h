@@ -1,0 +1,63 @@
+// Runs a piece of a test in a forked child: for process-wide state (the log stream, signal
+// dispositions), for an unprivileged caller, or for a private /tmp.
+#ifndef TELO_TESTS_SUPPORT_CHILD_H
+#define TELO_TESTS_SUPPORT_CHILD_H
+
+#include <functional>
+#include <string>
+
+namespace testsupport {
+
+struct ChildOptions {
+    // Drop to uid/gid 65534 (nobody/nogroup) before running; needs root, else the test skips.
+    bool dropPrivileges = false;
+    // A private mount namespace, so the child may mount; needs CAP_SYS_ADMIN, else skips.
+    bool privateMounts = false;
+    // A private mount namespace with a fresh tmpfs on /tmp; needs CAP_SYS_ADMIN, else skips.
+    bool privateTmp = false;
+};
+
+struct ChildResult {
+    bool skipped = false;  // the requested environment could not be set up
+    int status = 0;        // raw wait status
+    std::string
+        message;  // what the child reported: "" on success, else the failure or the skip reason
+    bool ok() const { return !skipped && message.empty() && status == 0; }
+};
+
+// Forks, prepares the child as `options` asks and runs `body` there; `body` returns "" on
+// success or a description of what went wrong. The child ends with _exit, never returning into
+// the test framework.
+ChildResult runInChild(const std::function<std::string()> &body, ChildOptions options = {});
+
+// True when this process may give files to other users (chown), i.e. it runs as root.
+bool canChangeOwner();
+
+}  // namespace testsupport
+
+// Checks inside a runInChild body: return a description of the first failed check.
+#define CHILD_CHECK(cond)                                                                      \
+    do {                                                                                       \
+        if (!(cond)) return std::string(__FILE__ ":") + std::to_string(__LINE__) + ": " #cond; \
+    } while (0)
+#define CHILD_CHECK_EQ(expected, actual)                                  \
+    do {                                                                  \
+        auto childExpected_ = (expected);                                 \
+        auto childActual_ = (actual);                                     \
+        if (!(childExpected_ == childActual_)) {                          \
+            return std::string(__FILE__ ":") + std::to_string(__LINE__) + \
+                   ": " #expected " == " #actual;                         \
+        }                                                                 \
+    } while (0)
+
+// Runs a body in a child (the arguments of runInChild) and turns its outcome into a gtest
+// result: a skip when the environment could not be set up, else a failure with the message.
+#define EXPECT_CHILD_OK(...)                                                                   \
+    do {                                                                                       \
+        ::testsupport::ChildResult childResult_ = ::testsupport::runInChild(__VA_ARGS__);      \
+        if (childResult_.skipped) GTEST_SKIP() << childResult_.message;                        \
+        EXPECT_TRUE(childResult_.ok())                                                         \
+            << "child: " << childResult_.message << " (status " << childResult_.status << ")"; \
+    } while (0)
+
+#endif

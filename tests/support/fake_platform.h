@@ -1,0 +1,39 @@
+// A fake of the platform layer for unit tests of the library: every function counts its calls,
+// can be switched to fail (recording the error triple as a real failure would), and otherwise
+// returns outcomes the test chose.
+#ifndef TELO_TESTS_SUPPORT_FAKE_PLATFORM_H
+#define TELO_TESTS_SUPPORT_FAKE_PLATFORM_H
+
+#include <string>
+
+#include "telo/platform.h"
+
+namespace fakeplatform {
+
+// The source file the fake records in the error triple.
+constexpr char kFakeFile[] = "fake_platform.cpp";
+
+struct FunctionState {
+    int calls = 0;
+    bool fail = false;
+    unsigned int errorCode = TELO_ERR_SYSTEM;  // recorded when failing
+};
+
+// The state of the platform function `name` (for example "TELOGetFSType").
+FunctionState &state(const std::string &name);
+int calls(const std::string &name);
+void setFail(const std::string &name, bool fail = true, unsigned int errorCode = TELO_ERR_SYSTEM);
+
+// Outcomes of the functions that do not fail.
+struct Outcomes {
+    int fsType = TELO_FS_EXT4;  // TELOGetFSType
+    int aclSupport = 0;         // TELOACLIsSupport
+};
+Outcomes &outcomes();
+
+// Back to zero counts, no failures, default outcomes and an empty error triple.
+void reset();
+
+}  // namespace fakeplatform
+
+#endif

@@ -1,0 +1,151 @@
+#include "support/syslog_capture.h"
+
+#include <pthread.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <regex>
+
+namespace testsupport {
+
+namespace {
+
+// A child forked while another thread logs must not inherit a held lock.
+std::mutex &linesMutex() {
+    static std::mutex *mutex = [] {
+        auto *m = new std::mutex;
+        pthread_atfork([] { linesMutex().lock(); }, [] { linesMutex().unlock(); },
+                       [] { linesMutex().unlock(); });
+        return m;
+    }();
+    return *mutex;
+}
+
+std::vector<LogLine> &lineStore() {
+    static auto *lines = new std::vector<LogLine>;
+    return *lines;
+}
+
+// Replaces "%m" by the text of `savedErrno`, leaving "%%" pairs alone.
+std::string expandErrno(const char *format, int savedErrno) {
+    std::string out;
+    for (const char *p = format; *p != '\0'; ++p) {
+        if (p[0] == '%' && p[1] == '%') {
+            out += "%%";
+            ++p;
+        } else if (p[0] == '%' && p[1] == 'm') {
+            for (const char *e = strerror(savedErrno); *e != '\0'; ++e) {
+                out += *e;
+                if (*e == '%') out += '%';
+            }
+            ++p;
+        } else {
+            out += *p;
+        }
+    }
+    return out;
+}
+
+void record(int priority, const char *format, va_list ap) {
+    int savedErrno = errno;
+    std::string expanded = expandErrno(format, savedErrno);
+    va_list copy;
+    va_copy(copy, ap);
+    int length = vsnprintf(nullptr, 0, expanded.c_str(), copy);
+    va_end(copy);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length > 0) vsnprintf(&text[0], text.size() + 1, expanded.c_str(), ap);
+    {
+        std::lock_guard<std::mutex> lock(linesMutex());
+        lineStore().push_back({LOG_PRI(priority), std::move(text)});
+    }
+    errno = savedErrno;
+}
+
+std::string regexFromPattern(const std::string &pattern) {
+    static const std::string kSpecial = R"(\^$.|?*+()[]{})";
+    std::string out;
+    for (size_t i = 0; i < pattern.size();) {
+        if (pattern.compare(i, 5, "<pid>") == 0) {
+            out += std::to_string(getpid());
+            i += 5;
+        } else if (pattern.compare(i, 6, "<line>") == 0) {
+            out += "[0-9]+";
+            i += 6;
+        } else if (pattern.compare(i, 5, "<any>") == 0) {
+            out += "[\\s\\S]*";
+            i += 5;
+        } else {
+            if (kSpecial.find(pattern[i]) != std::string::npos) out += '\\';
+            out += pattern[i++];
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::vector<LogLine> capturedLines() {
+    std::lock_guard<std::mutex> lock(linesMutex());
+    return lineStore();
+}
+
+void clearCapturedLines() {
+    std::lock_guard<std::mutex> lock(linesMutex());
+    lineStore().clear();
+}
+
+bool matchesLogPattern(const std::string &pattern, const std::string &text) {
+    return std::regex_match(text, std::regex(regexFromPattern(pattern)));
+}
+
+int SyslogCapture::count(int priority, const std::string &pattern) const {
+    std::regex re(regexFromPattern(pattern));
+    int n = 0;
+    for (const LogLine &line : capturedLines()) {
+        if (line.priority == priority && std::regex_match(line.text, re)) ++n;
+    }
+    return n;
+}
+
+std::string SyslogCapture::dump() const {
+    std::string out;
+    for (const LogLine &line : capturedLines()) {
+        out += "<" + std::to_string(line.priority) + "> " + line.text + "\n";
+    }
+    return out.empty() ? "(no lines)\n" : out;
+}
+
+}  // namespace testsupport
+
+// Interposed libc entry points.
+extern "C" {
+
+void syslog(int priority, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    testsupport::record(priority, format, ap);
+    va_end(ap);
+}
+
+void vsyslog(int priority, const char *format, va_list ap) {
+    testsupport::record(priority, format, ap);
+}
+
+void __syslog_chk(int priority, int, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    testsupport::record(priority, format, ap);
+    va_end(ap);
+}
+
+void __vsyslog_chk(int priority, int, const char *format, va_list ap) {
+    testsupport::record(priority, format, ap);
+}
+
+}  // extern "C"

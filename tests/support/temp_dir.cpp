@@ -1,0 +1,100 @@
+#include "support/temp_dir.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace testsupport {
+
+TempDir::TempDir() {
+    const char *base = getenv("TMPDIR");
+    std::string templ =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/telotest.XXXXXX";
+    if (mkdtemp(&templ[0]) == nullptr) {
+        ADD_FAILURE() << "mkdtemp failed: " << strerror(errno);
+    }
+    path_ = templ;
+}
+
+TempDir::~TempDir() {
+    forceRemoveTree(path_);
+}
+
+std::string TempDir::file(const std::string &name) const {
+    return path_ + "/" + name;
+}
+
+void writeFile(const std::string &path, const std::string &content, mode_t mode) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0) {
+        ADD_FAILURE() << "open " << path << ": " << strerror(errno);
+        return;
+    }
+    if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+        ADD_FAILURE() << "write " << path << ": " << strerror(errno);
+    }
+    fchmod(fd, mode);
+    close(fd);
+}
+
+std::string readFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        ADD_FAILURE() << "cannot read " << path;
+        return std::string();
+    }
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+bool exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> listDir(const std::string &path) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) return names;
+    while (struct dirent *entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+            names.push_back(entry->d_name);
+        }
+    }
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+int fileMode(const std::string &path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return -1;
+    return static_cast<int>(st.st_mode & 07777);
+}
+
+void forceRemoveTree(const std::string &path) {
+    if (path.empty() || !exists(path)) return;
+    nftw(
+        path.c_str(),
+        [](const char *entry, const struct stat *st, int type, struct FTW *) {
+            if (type == FTW_D || type == FTW_DNR) chmod(entry, (st->st_mode & 07777) | 0700);
+            return 0;
+        },
+        16, FTW_PHYS);
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+}  // namespace testsupport

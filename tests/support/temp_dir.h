@@ -1,0 +1,42 @@
+// A fresh temporary directory per test, and small file helpers for assertions.
+#ifndef TELO_TESTS_SUPPORT_TEMP_DIR_H
+#define TELO_TESTS_SUPPORT_TEMP_DIR_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+// Creates a directory under $TMPDIR (or /tmp) and removes it with everything in it, whatever
+// the test did to the modes inside.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+
+    const std::string &path() const { return path_; }
+    // path() + "/" + name.
+    std::string file(const std::string &name) const;
+
+  private:
+    std::string path_;
+};
+
+// Whole-file helpers; they fail the current test (ADD_FAILURE) on I/O errors.
+void writeFile(const std::string &path, const std::string &content, mode_t mode = 0644);
+std::string readFile(const std::string &path);
+bool exists(const std::string &path);  // lstat succeeds
+// Sorted names in a directory, without "." and "..".
+std::vector<std::string> listDir(const std::string &path);
+// st_mode & 07777 of lstat, or -1.
+int fileMode(const std::string &path);
+// Removes a tree, restoring write and search permission on directories first.
+void forceRemoveTree(const std::string &path);
+
+}  // namespace testsupport
+
+#endif
