@@ -30,8 +30,16 @@ void BM_Filelog(benchmark::State &state) {
     for (auto _ : state) filelog(6, "%s", kMessage.c_str());
 }
 
-BENCHMARK(BM_RawWriteSync)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
-BENCHMARK(BM_Filelog)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
+BENCHMARK(BM_RawWriteSync)
+    ->Unit(benchmark::kMicrosecond)
+    ->MinTime(0.3)
+    ->Repetitions(7)
+    ->ReportAggregatesOnly();
+BENCHMARK(BM_Filelog)
+    ->Unit(benchmark::kMicrosecond)
+    ->MinTime(0.3)
+    ->Repetitions(7)
+    ->ReportAggregatesOnly();
 
 }  // namespace
 

@@ -76,8 +76,18 @@ void BM_RmRf(benchmark::State &state) {
     });
 }
 
-BENCHMARK(BM_RmRf)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(8);
-BENCHMARK(BM_RemoveAll)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(8);
+BENCHMARK(BM_RmRf)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(4)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
+BENCHMARK(BM_RemoveAll)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(4)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
 
 }  // namespace
 

@@ -45,6 +45,7 @@ BENCHMARK(BM_Floor)
     ->Arg(10000)
     ->Repetitions(15)
     ->MinTime(0.05)
+    ->ComputeStatistics("min", telobench::minimumOf)
     ->ReportAggregatesOnly();
 BENCHMARK(BM_Stringf)
     ->Arg(20)
@@ -53,6 +54,7 @@ BENCHMARK(BM_Stringf)
     ->Arg(10000)
     ->Repetitions(15)
     ->MinTime(0.05)
+    ->ComputeStatistics("min", telobench::minimumOf)
     ->ReportAggregatesOnly();
 
 }  // namespace
