@@ -1,6 +1,9 @@
 #include "support/fake_platform.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 
 namespace fakeplatform {
@@ -94,6 +97,71 @@ int TELOACLArchiveCopy(const char *, const char *) {
 
 int TELOACLResetInherit(const char *) {
     return enter("TELOACLResetInherit", __LINE__) ? -1 : 0;
+}
+
+}  // extern "C"
+
+// ---- Volumes ----------------------------------------------------------------------------------
+
+extern "C" {
+
+int TELOVolumeSupportLocGet(void) {
+    if (enter("TELOVolumeSupportLocGet", __LINE__)) return 0;
+    return outcomes().volumeLocation;
+}
+
+TELOVOLInfo *TELOMountVolAllEnum(int, int, int) {
+    if (enter("TELOMountVolAllEnum", __LINE__)) return nullptr;
+    if (outcomes().volumes.empty()) {
+        fakeplatform::lastError = {TELO_ERR_NOT_FOUND, fakeplatform::kFakeFile, __LINE__};
+        return nullptr;
+    }
+    TELOVOLInfo *head = nullptr;
+    TELOVOLInfo **tail = &head;
+    for (const fakeplatform::Volume &volume : outcomes().volumes) {
+        auto *record = static_cast<TELOVOLInfo *>(calloc(1, sizeof(TELOVOLInfo)));
+        snprintf(record->volPath, sizeof(record->volPath), "%s", volume.path.c_str());
+        record->fsType = volume.fsType;
+        record->freeBytes = volume.freeBytes;
+        record->mounted = volume.mounted;
+        record->usable = volume.usable;
+        *tail = record;
+        tail = &record->next;
+    }
+    return head;
+}
+
+int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
+    if (enter("TELOMountVolInfoGet", __LINE__)) return -1;
+    auto it = outcomes().volumeOfPath.find(path);
+    if (it == outcomes().volumeOfPath.end()) {
+        fakeplatform::lastError = {TELO_ERR_NOT_FOUND, fakeplatform::kFakeFile, __LINE__};
+        return -1;
+    }
+    snprintf(info->volPath, sizeof(info->volPath), "%s", it->second.c_str());
+    info->mounted = 1;
+    info->usable = 1;
+    info->next = nullptr;
+    return 0;
+}
+
+void TELOMountVolInfoFree(TELOVOLInfo *list) {
+    ++fakeplatform::state("TELOMountVolInfoFree").calls;
+    while (list != nullptr) {
+        TELOVOLInfo *next = list->next;
+        free(list);
+        list = next;
+    }
+}
+
+int TELOShareTmpPathGet(const char *volPath, char *buf, int size) {
+    if (enter("TELOShareTmpPathGet", __LINE__)) return -1;
+    auto it = outcomes().shareTmpPaths.find(volPath);
+    std::string path = it != outcomes().shareTmpPaths.end()
+                           ? it->second
+                           : std::string(volPath) + "/.telobackup-tmp";
+    snprintf(buf, static_cast<size_t>(size), "%s", path.c_str());
+    return 0;
 }
 
 }  // extern "C"
