@@ -7,5 +7,6 @@
 #include "telobackup/mustache.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/stringf.h"
+#include "telobackup/temp_manager/temp_manager.h"
 
 #endif
