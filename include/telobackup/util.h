@@ -6,6 +6,7 @@
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/section_config.h"
 #include "telobackup/stringf.h"
 #include "telobackup/temp_manager/temp_manager.h"
 
