@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <stdio_ext.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -52,11 +54,18 @@ FILE *openPrivate(const std::string &path, const char *mode) {
     return f;
 }
 
-// Hands out the lines of a stream one at a time, without their "\n" and NUL-terminated, from
-// one buffer that grows to the longest line; the stream is read in large chunks.
+// Hands out the lines of a stream one at a time, without their "\n", from one buffer that
+// grows to the longest line; the stream is read in large chunks.
 class LineReader {
   public:
     explicit LineReader(FILE *stream) : stream_(stream) {
+        // A small file is read whole in one call, without a larger buffer than it needs.
+        struct stat64 st;
+        off64_t position = ftello64(stream);
+        if (fstat64(fileno(stream), &st) == 0 && S_ISREG(st.st_mode) && position >= 0 &&
+            st.st_size - position < static_cast<off64_t>(kReadChunk)) {
+            capacity_ = std::max<size_t>(static_cast<size_t>(st.st_size - position) + 1, 256);
+        }
         buffer_ = static_cast<char *>(malloc(capacity_ + 1));
         if (buffer_ == nullptr) throw std::bad_alloc();
     }
@@ -64,12 +73,17 @@ class LineReader {
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
-    bool next(char *&line, size_t &length) {
+    // The next line and whether a "\n" ended it; false at the end of the input. The line may
+    // be modified in place. `beforeRefill` runs before the buffer is reused, which invalidates
+    // every line handed out so far.
+    template <typename BeforeRefill>
+    bool next(char *&line, size_t &length, bool &newlineEnded, BeforeRefill &&beforeRefill) {
         for (;;) {
             char *newline = static_cast<char *>(memchr(buffer_ + scan_, '\n', end_ - scan_));
             if (newline != nullptr) {
                 line = buffer_ + begin_;
                 length = static_cast<size_t>(newline - line);
+                newlineEnded = true;
                 begin_ = scan_ = static_cast<size_t>(newline - buffer_) + 1;
                 return true;
             }
@@ -78,9 +92,12 @@ class LineReader {
                 if (begin_ == end_) return false;
                 line = buffer_ + begin_;
                 length = end_ - begin_;
+                line[length] = '\0';
+                newlineEnded = false;
                 begin_ = scan_ = end_;
                 return true;
             }
+            beforeRefill();
             fill();
         }
     }
@@ -92,6 +109,9 @@ class LineReader {
         fseeko64(stream_, -static_cast<off64_t>(end_ - begin_), SEEK_CUR);
         errno = saved;
     }
+
+    // False while no NUL byte has been read, so lines need not be searched for one.
+    bool mayHoldNul() const { return nulSeen_; }
 
     // errno of the failed read, if one failed.
     int readErrno() const { return readErrno_; }
@@ -112,6 +132,7 @@ class LineReader {
         }
         size_t wanted = std::min(kReadChunk, capacity_ - end_);
         size_t got = fread(buffer_ + end_, 1, wanted, stream_);
+        if (!nulSeen_ && memchr(buffer_ + end_, '\0', got) != nullptr) nulSeen_ = true;
         end_ += got;
         if (got < wanted) {
             eof_ = true;
@@ -126,13 +147,16 @@ class LineReader {
     size_t scan_ = 0;   // where the search for its "\n" goes on
     size_t end_ = 0;    // end of the bytes read
     bool eof_ = false;
+    bool nulSeen_ = false;
     int readErrno_ = 0;
 };
 
 // Fills `info` from one raw line (without its "\n"), which is modified in place.
-inline void classify(char *text, size_t length, SectionConfig::LineInfo &info) {
-    if (const void *nul = memchr(text, '\0', length)) {
-        length = static_cast<size_t>(static_cast<const char *>(nul) - text);
+inline void classify(char *text, size_t length, bool mayHoldNul, SectionConfig::LineInfo &info) {
+    if (mayHoldNul) {
+        if (const void *nul = memchr(text, '\0', length)) {
+            length = static_cast<size_t>(static_cast<const char *>(nul) - text);
+        }
     }
     size_t start = 0;
     while (start < length && isBlank(text[start])) ++start;
@@ -180,8 +204,9 @@ bool scanStream(FILE *stream, Handler &&handle) {
     bool stop = false;
     char *line;
     size_t length;
-    while (!stop && reader.next(line, length)) {
-        classify(line, length, info);
+    bool newline;
+    while (!stop && reader.next(line, length, newline, [] {})) {
+        classify(line, length, reader.mayHoldNul(), info);
         if (!handle(stop, info)) result = false;
     }
     if (stop) reader.giveBack();
@@ -214,6 +239,118 @@ inline bool putSectionName(FILE *stream, const char *name) {
 inline bool putText(FILE *stream, const char *text) {
     return putLine(stream, "", text, "", "", "\n");
 }
+
+// What a rewrite does with one line.
+enum class LineAction { kCopy, kDrop, kCopyThenMembers };
+
+// A raw line that is already in the form a rewrite writes (trimmed, "key=value" without blanks
+// beside the first "=", no NUL, ended by "\n") is copied as it is, together with its neighbours
+// in one write; only other lines are classified in place and written back normalised.
+class Rewriter {
+  public:
+    Rewriter(FILE *in, FILE *out, const std::string &section)
+        : in_(in), out_(out), section_(section) {}
+
+    // Calls decide(type, isWantedHeader) for every line and carries out the action. A write
+    // failure of a copied run makes the result false only with `strict`. `onHeaderFailed`
+    // and `onMembersFailed` are called (to log) when a header or the members cannot be written.
+    template <typename Decide, typename Members, typename Failed>
+    bool run(Decide &&decide, Members &&writeMembers, bool strict, Failed &&onHeaderFailed) {
+        LineReader reader(in_);
+        SectionConfig::LineInfo info;
+        bool result = true, stop = false, newline;
+        char *raw;
+        size_t length;
+        auto flushRun = [&] {
+            if (runSize_ > 0 && fwrite(runBegin_, 1, runSize_, out_) != runSize_ && strict) {
+                result = false;
+                stop = true;
+            }
+            runSize_ = 0;
+        };
+        while (!stop && reader.next(raw, length, newline, flushRun)) {
+            int type;
+            bool verbatim = newline && quickKind(raw, length, reader.mayHoldNul(), type);
+            bool wanted;
+            if (verbatim) {
+                wanted = type == SectionConfig::LINE_SECTION && length - 2 == section_.size() &&
+                         memcmp(raw + 1, section_.data(), section_.size()) == 0;
+            } else {
+                classify(raw, length, reader.mayHoldNul(), info);
+                type = info.type;
+                wanted = type == SectionConfig::LINE_SECTION && info.sectionName == section_;
+            }
+            LineAction action = decide(type, wanted);
+            if (action == LineAction::kDrop) {
+                flushRun();
+                continue;
+            }
+            if (verbatim) {
+                if (runSize_ > 0 && raw != runBegin_ + runSize_) flushRun();
+                if (runSize_ == 0) runBegin_ = raw;
+                runSize_ += length + 1;
+            } else {
+                flushRun();
+                bool written = type == SectionConfig::LINE_SECTION
+                                   ? putSectionName(out_, info.section)
+                               : type == SectionConfig::LINE_KEY_VALUE
+                                   ? putKeyValue(out_, info.key, info.value)
+                                   : putText(out_, info.line);
+                if (!written && (strict || type == SectionConfig::LINE_SECTION)) {
+                    if (!strict) onHeaderFailed();
+                    result = false;
+                    break;
+                }
+            }
+            if (action == LineAction::kCopyThenMembers) {
+                flushRun();
+                if (!writeMembers()) {
+                    result = false;
+                    break;
+                }
+            }
+        }
+        if (!stop) flushRun();
+        if (int failed = ferror(in_)) {
+            errno = reader.readErrno();
+            TELO_LOG_ERR("read fd failed [%d]", failed);
+            result = false;
+        }
+        return result;
+    }
+
+  private:
+    // The kind of a line if it can be copied as it is; false when it must be normalised.
+    static bool quickKind(const char *raw, size_t length, bool mayHoldNul, int &type) {
+        if (length == 0) {
+            type = SectionConfig::LINE_BLANK;
+            return true;
+        }
+        if (isBlank(raw[0]) || isBlank(raw[length - 1])) return false;
+        if (mayHoldNul && memchr(raw, '\0', length) != nullptr) return false;
+        if (raw[0] == '#') {
+            type = SectionConfig::LINE_COMMENT;
+        } else if (raw[0] == '[') {
+            type = length >= 2 && raw[length - 1] == ']' ? SectionConfig::LINE_SECTION
+                                                         : SectionConfig::LINE_INVALID;
+        } else if (const char *equals = static_cast<const char *>(memchr(raw, '=', length))) {
+            if ((equals > raw && isBlank(equals[-1])) ||
+                (equals + 1 < raw + length && isBlank(equals[1]))) {
+                return false;
+            }
+            type = SectionConfig::LINE_KEY_VALUE;
+        } else {
+            type = SectionConfig::LINE_INVALID;
+        }
+        return true;
+    }
+
+    FILE *in_;
+    FILE *out_;
+    const std::string &section_;
+    const char *runBegin_ = nullptr;
+    size_t runSize_ = 0;
+};
 
 bool readsBackAs(const std::string &name, bool isKey) {
     for (char c : name) {
@@ -416,33 +553,24 @@ bool SectionConfig::updateSection(const std::string &file, const std::string &se
     bool found = false;
     if (in) {
         bool inSection = false;
-        bool scanned = scanStream(in.get(), [&](bool &stop, const LineInfo &info) {
-            switch (info.type) {
-                case LINE_SECTION:
-                    if (!putSectionName(output, info.section)) {
-                        TELO_LOG_ERR("write section name failed, %m");
-                        stop = true;
-                        return false;
-                    }
-                    // Every copy of the section gets the new members, adjacent copies too.
-                    inSection = info.sectionName == section;
-                    if (!inSection) return true;
-                    found = true;
-                    if (!writeMembers()) {
-                        TELO_LOG_ERR("write key-value failed, %m");
-                        stop = true;
-                        return false;
-                    }
-                    return true;
-                case LINE_KEY_VALUE:
-                    if (!inSection) putKeyValue(output, info.key, info.value);
-                    return true;
-                default:
-                    putText(output, info.line);
-                    return true;
+        // Comments, blank and invalid lines inside the section stay; its keys are replaced.
+        auto decide = [&](int type, bool wanted) {
+            if (type == LINE_SECTION) {
+                // Every copy of the section gets the new members, adjacent copies too.
+                inSection = wanted;
+                found = found || wanted;
+                return wanted ? LineAction::kCopyThenMembers : LineAction::kCopy;
             }
-        });
-        if (!scanned) {
+            return inSection && type == LINE_KEY_VALUE ? LineAction::kDrop : LineAction::kCopy;
+        };
+        auto members = [&] {
+            if (writeMembers()) return true;
+            TELO_LOG_ERR("write key-value failed, %m");
+            return false;
+        };
+        auto headerFailed = [] { TELO_LOG_ERR("write section name failed, %m"); };
+        Rewriter rewriter(in.get(), output, section);
+        if (!rewriter.run(decide, members, false, headerFailed)) {
             TELO_LOG_ERR("parse failed, %m");
             return false;
         }
@@ -486,23 +614,18 @@ bool SectionConfig::removeSection(const std::string &file, const std::string &se
     temp.close();
     FILE *output = out.stream.get();
 
+    // Every copy of the section goes, with all its lines.
     bool inSection = false, found = false;
-    bool scanned = scanStream(in.get(), [&](bool &stop, const LineInfo &info) {
-        bool written = true;
-        if (info.type == LINE_SECTION) {
-            inSection = info.sectionName == section;
-            found = found || inSection;
-            if (!inSection) written = putSectionName(output, info.section);
-        } else if (inSection) {
-            return true;
-        } else if (info.type == LINE_KEY_VALUE) {
-            written = putKeyValue(output, info.key, info.value);
-        } else {
-            written = putText(output, info.line);
+    auto decide = [&](int type, bool wanted) {
+        if (type == LINE_SECTION) {
+            inSection = wanted;
+            found = found || wanted;
         }
-        if (!written) stop = true;
-        return written;
-    });
+        return inSection ? LineAction::kDrop : LineAction::kCopy;
+    };
+    Rewriter rewriter(in.get(), output, section);
+    bool scanned = rewriter.run(
+        decide, [] { return true; }, true, [] {});
     if (!scanned) return false;
     if (!found) {
         errno = ENOENT;
