@@ -114,20 +114,14 @@ int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize) {
 int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize) {
     if (enter("TLIBCCryptSzDecrypt", __LINE__)) return 0;
     size_t length = strlen(cipher);
-    if (length % 2 != 0 || outSize < length / 2 + 1) {
-        fakeplatform::lastError = {TELO_ERR_CRYPTO, fakeplatform::kFakeFile, __LINE__};
-        return 0;
-    }
-    for (size_t i = 0; i < length / 2; ++i) {
-        unsigned int byte;
-        if (sscanf(cipher + 2 * i, "%2x", &byte) != 1 || (byte ^ 0x5A) == 0) {
-            fakeplatform::lastError = {TELO_ERR_CRYPTO, fakeplatform::kFakeFile, __LINE__};
-            return 0;
-        }
+    unsigned int byte = 0;
+    for (size_t i = 0; i < length / 2 && length / 2 < outSize; ++i) {
+        if (sscanf(cipher + 2 * i, "%2x", &byte) != 1 || (byte ^ 0x5A) == 0) break;
         out[i] = static_cast<char>(byte ^ 0x5A);
+        if (i + 1 == length / 2 && length % 2 == 0) return (out[i + 1] = '\0', 1);
     }
-    out[length / 2] = '\0';
-    return 1;
+    fakeplatform::lastError = {TELO_ERR_CRYPTO, fakeplatform::kFakeFile, __LINE__};
+    return 0;
 }
 
 }  // extern "C"
