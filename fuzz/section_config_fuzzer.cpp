@@ -27,14 +27,23 @@ void check(bool condition) {
     if (!condition) abort();
 }
 
+void removeScratch();
+
+// Never destroyed, so that the exit handler can still use it.
 const std::string &scratchDir() {
-    static const std::string dir = [] {
+    static const std::string *dir = [] {
         std::string base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        std::string path = base + "/telo-section-fuzz.XXXXXX";
-        check(mkdtemp(&path[0]) != nullptr);
+        auto *path = new std::string(base + "/telo-section-fuzz.XXXXXX");
+        check(mkdtemp(&(*path)[0]) != nullptr);
+        atexit(removeScratch);
         return path;
     }();
-    return dir;
+    return *dir;
+}
+
+void removeScratch() {
+    unlink((scratchDir() + "/c.conf").c_str());
+    rmdir(scratchDir().c_str());
 }
 
 void writeText(const std::string &path, const std::string &content) {
