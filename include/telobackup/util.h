@@ -5,8 +5,11 @@
 #include "telobackup/json_text.h"
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
+#include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/section_config.h"
 #include "telobackup/stringf.h"
+#include "telobackup/temp_manager/temp_manager.h"
 #include "telobackup/temp_manager/volume_path_manager.h"
 
 #endif

@@ -99,6 +99,32 @@ int TELOACLResetInherit(const char *) {
     return enter("TELOACLResetInherit", __LINE__) ? -1 : 0;
 }
 
+// ---- String encryption: hex of each byte XOR 0x5A, so tests can read and forge it ----------
+
+int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize) {
+    if (enter("TLIBCCryptSzEncrypt", __LINE__)) return 0;
+    size_t length = strlen(plain);
+    if (outSize < (length + 2) * 2) return 0;
+    for (size_t i = 0; i < length; ++i) {
+        snprintf(out + 2 * i, 3, "%02x", static_cast<unsigned char>(plain[i]) ^ 0x5A);
+    }
+    out[2 * length] = '\0';
+    return 1;
+}
+
+int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize) {
+    if (enter("TLIBCCryptSzDecrypt", __LINE__)) return 0;
+    size_t length = strlen(cipher);
+    unsigned int byte = 0;
+    for (size_t i = 0; i < length / 2 && length / 2 < outSize; ++i) {
+        if (sscanf(cipher + 2 * i, "%2x", &byte) != 1 || (byte ^ 0x5A) == 0) break;
+        out[i] = static_cast<char>(byte ^ 0x5A);
+        if (i + 1 == length / 2 && length % 2 == 0) return (out[i + 1] = '\0', 1);
+    }
+    fakeplatform::lastError = {TELO_ERR_CRYPTO, fakeplatform::kFakeFile, __LINE__};
+    return 0;
+}
+
 }  // extern "C"
 
 // ---- Volumes ----------------------------------------------------------------------------------

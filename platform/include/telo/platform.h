@@ -192,14 +192,31 @@ TELO_PLATFORM_API int BlTLIBIsv6IpAddrValid(const char *addr);
 
 /* ---- String encryption -------------------------------------------------------------------- */
 
+/* Key: 32 bytes in TELO_SECRET_KEY_FILE (default /etc/telobackup/secret.key). When the file is
+ * missing, the first call creates it (and its directory, mode 0755) with random bytes and mode
+ * 0600, without overwriting: of two processes starting at once, both end up with the same key.
+ * A key that cannot be created, opened or read, or that is not exactly 32 bytes, fails the call
+ * with TELO_ERR_KEY (errno from the failing call; EINVAL for a wrong size).
+ *
+ * Ciphertext: base64url text (A-Z a-z 0-9 - _) of at most 2 * strlen(plain) + 3 characters.
+ * Any change to it makes decryption fail, except with the chance of a forged authenticator,
+ * whose size is all the size rule leaves room for: for a plain text of L bytes the
+ * authenticator has min(16 + 8 * (L / 2), 128) bits (integer division): 16 bits for 0-1 bytes,
+ * 32 for 4-5, 64 for 12-13, 96 for 20-21, the full 128 from 28 bytes on. Texts shorter than
+ * 30 bytes are encrypted deterministically (equal texts give equal ciphertexts, which shows
+ * that they are equal); from 30 bytes on, random salt is added (16 bytes from 60 bytes on). */
+
 /* Encrypts the NUL-terminated `plain` into printable, NUL-terminated text in `out`, which must
- * hold (strlen(plain) + 2) * 2 bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM,
- * TELO_ERR_BUFFER_SMALL, TELO_ERR_KEY or TELO_ERR_SYSTEM. */
+ * hold (strlen(plain) + 2) * 2 bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM
+ * (null pointer; errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE), TELO_ERR_KEY or
+ * TELO_ERR_SYSTEM. */
 TELO_PLATFORM_API int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize);
 
 /* Decrypts text made by TLIBCCryptSzEncrypt into `out`, which must hold
- * max(strlen(cipher), 10) bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM,
- * TELO_ERR_BUFFER_SMALL, TELO_ERR_KEY or TELO_ERR_CRYPTO (malformed or tampered text). */
+ * max(strlen(cipher), 10) bytes (the plain text and its NUL always fit there). Non-zero on
+ * success; 0 with TELO_ERR_INVALID_PARAM (errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE),
+ * TELO_ERR_KEY or TELO_ERR_CRYPTO (malformed or tampered text, or another key; errno EBADMSG),
+ * `out` then untouched. */
 TELO_PLATFORM_API int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize);
 
 #ifdef __cplusplus
