@@ -8,6 +8,7 @@
 #include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/section_config.h"
+#include "telobackup/session.h"
 #include "telobackup/stringf.h"
 #include "telobackup/temp_manager/temp_manager.h"
 #include "telobackup/temp_manager/volume_path_manager.h"

@@ -316,5 +316,76 @@ std::string ScopedTempFolder::preserve() {
     return kept;
 }
 
+// ---- Volume temporaries -----------------------------------------------------------------------
+
+namespace {
+
+// The template of a volume temporary, or "" (logged where the filter or name is at fault).
+std::string volumeTemplate(const std::shared_ptr<FilterVolume> &filter, const std::string &name,
+                           const char *defaultName) {
+    if (!filter) {
+        TELO_LOG_ERR("volume temp filter is null!");
+        return std::string();
+    }
+    if (!name.empty() && name.find('/') != std::string::npos) {
+        TELO_LOG_ERR("name[%s] is invalid!", name.c_str());
+        return std::string();
+    }
+    std::string directory;
+    if (!VolumePathManager::getInstance().getVolumePath(filter, directory)) return std::string();
+    return Path::join(directory, name.empty() ? defaultName : name);
+}
+
+}  // namespace
+
+ScopedVolumeTempFile::ScopedVolumeTempFile(std::shared_ptr<FilterVolume> filter,
+                                           const std::string &name, bool closeNow)
+    : ScopedTempFile(0) {
+    std::string templ = volumeTemplate(filter, name, "scoped_volume_temp_file.XXXXXX");
+    if (!templ.empty() && create(templ) && closeNow) close();
+}
+
+ScopedVolumeTempFolder::ScopedVolumeTempFolder(std::shared_ptr<FilterVolume> filter,
+                                               const std::string &name)
+    : ScopedTempFolder(0) {
+    std::string templ = volumeTemplate(filter, name, "scoped_volume_temp_folder.XXXXXX");
+    if (!templ.empty()) create(templ);
+}
+
+// ---- Filter factories -------------------------------------------------------------------------
+
+std::shared_ptr<FilterVolume> TempManager::maxVolume() {
+    return std::make_shared<FilterMaxVolume>();
+}
+std::shared_ptr<FilterVolume> TempManager::maxVolume(bool useTmpFallback) {
+    return std::make_shared<FilterMaxVolume>(useTmpFallback);
+}
+std::shared_ptr<FilterVolume> TempManager::maxVolume(int location, int mode, bool useTmpFallback) {
+    return std::make_shared<FilterMaxVolume>(location, mode, useTmpFallback);
+}
+std::shared_ptr<FilterVolume> TempManager::maxExtVolume() {
+    return std::make_shared<FilterMaxExtVolume>();
+}
+std::shared_ptr<FilterVolume> TempManager::maxExtVolume(bool useTmpFallback) {
+    return std::make_shared<FilterMaxExtVolume>(useTmpFallback);
+}
+std::shared_ptr<FilterVolume> TempManager::maxExtVolume(int location, int mode,
+                                                        bool useTmpFallback) {
+    return std::make_shared<FilterMaxExtVolume>(location, mode, useTmpFallback);
+}
+std::shared_ptr<FilterVolume> TempManager::maxExtBtrfsVolume() {
+    return std::make_shared<FilterMaxExtBtrfsVolume>();
+}
+std::shared_ptr<FilterVolume> TempManager::maxExtBtrfsVolume(bool useTmpFallback) {
+    return std::make_shared<FilterMaxExtBtrfsVolume>(useTmpFallback);
+}
+std::shared_ptr<FilterVolume> TempManager::maxExtBtrfsVolume(int location, int mode,
+                                                             bool useTmpFallback) {
+    return std::make_shared<FilterMaxExtBtrfsVolume>(location, mode, useTmpFallback);
+}
+std::shared_ptr<FilterVolume> TempManager::sameVolume(const std::string &path) {
+    return std::make_shared<FilterSameVolume>(path);
+}
+
 }  // namespace Backup
 }  // namespace TELO

@@ -1,5 +1,7 @@
 // Scoped temporary files and folders: one object owns one temporary made from a name template,
 // removes it when destroyed, and can hand it over instead (preserve, rename, renameWithMode).
+// The volume variants place theirs on the storage volume a filter chooses; TempManager hands out
+// the filters.
 //
 // Every call is synchronous on the caller's thread and takes no lock; one object is used by one
 // thread at a time. Diagnostics go to the system log with the source "temp_manager/temp_manager".
@@ -7,9 +9,11 @@
 #define TELOBACKUP_TEMP_MANAGER_TEMP_MANAGER_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "telobackup/export.h"
+#include "telobackup/temp_manager/volume_path_manager.h"
 
 namespace TELO {
 namespace Backup {
@@ -129,6 +133,45 @@ class TELO_EXPORT ScopedTempFolder {
   private:
     std::string path_;
     uint32_t hash_;
+};
+
+// A ScopedTempFile in the directory that `filter` selects (VolumePathManager), so that large
+// temporary data lands on a volume with room. `name` must be a bare file name: the file is
+// <directory>/<name>, or <directory>/<name>.XXXXXX when it does not end in six X, or
+// <directory>/scoped_volume_temp_file.XXXXXX when `name` is empty; over-long names are shortened
+// as ScopedTempFile::create describes. With `closeNow` the descriptor is closed at once.
+// Test isValid(): every failure leaves an object that owns nothing. Logs
+// "(pid) [err] temp_manager/temp_manager:line volume temp filter is null!" for a null filter and
+// "... name[%s] is invalid!" for a name holding "/"; no directory for the filter fails silently.
+// The filter is not kept.
+class TELO_EXPORT ScopedVolumeTempFile : public ScopedTempFile {
+  public:
+    ScopedVolumeTempFile(std::shared_ptr<FilterVolume> filter, const std::string &name,
+                         bool closeNow);
+};
+
+// The same for a directory: <directory>/<name>(.XXXXXX), default name
+// scoped_volume_temp_folder.XXXXXX.
+class TELO_EXPORT ScopedVolumeTempFolder : public ScopedTempFolder {
+  public:
+    ScopedVolumeTempFolder(std::shared_ptr<FilterVolume> filter, const std::string &name);
+};
+
+// Factories of the volume filters, each a new filter built with the same arguments.
+class TELO_EXPORT TempManager {
+  public:
+    static std::shared_ptr<FilterVolume> maxVolume();
+    static std::shared_ptr<FilterVolume> maxVolume(bool useTmpFallback);
+    static std::shared_ptr<FilterVolume> maxVolume(int location, int mode, bool useTmpFallback);
+    static std::shared_ptr<FilterVolume> maxExtVolume();
+    static std::shared_ptr<FilterVolume> maxExtVolume(bool useTmpFallback);
+    static std::shared_ptr<FilterVolume> maxExtVolume(int location, int mode, bool useTmpFallback);
+    static std::shared_ptr<FilterVolume> maxExtBtrfsVolume();
+    static std::shared_ptr<FilterVolume> maxExtBtrfsVolume(bool useTmpFallback);
+    static std::shared_ptr<FilterVolume> maxExtBtrfsVolume(int location, int mode,
+                                                           bool useTmpFallback);
+    // FilterSameVolume(path): the volume holding `path`.
+    static std::shared_ptr<FilterVolume> sameVolume(const std::string &path);
 };
 
 }  // namespace Backup
