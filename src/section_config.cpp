@@ -421,6 +421,15 @@ bool closeInput(FilePtr &in) {
 }
 
 // Makes a rename in the directory of `file` durable. Logged only: the new file is in place.
+// The file a rewrite replaces: the target of a symbolic link, so that the link stays a link and
+// the target keeps its own mode and owner (a link's mode would make the file world-writable).
+std::string rewriteTarget(const std::string &file) {
+    struct stat st;
+    if (lstat(file.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return file;
+    std::unique_ptr<char, void (*)(void *)> real(realpath(file.c_str(), nullptr), free);
+    return real ? std::string(real.get()) : file;
+}
+
 void syncDirectory(const std::string &file) {
     int saved = errno;
     UniqueFd dir(open(Path::dirname(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -515,10 +524,11 @@ bool SectionConfig::listSection(const std::string &file, std::list<std::string> 
     });
 }
 
-bool SectionConfig::updateSection(const std::string &file, const std::string &section,
+bool SectionConfig::updateSection(const std::string &path, const std::string &section,
                                   const Json::Value &values, bool create) {
     std::vector<std::pair<std::string, std::string>> members;
     if (!renderMembers(section, values, members)) return false;
+    const std::string file = rewriteTarget(path);
 
     FilePtr in(openPrivate(file, "r+be"));
     if (!in) {
@@ -595,7 +605,8 @@ bool SectionConfig::updateSection(const std::string &file, const std::string &se
     return true;
 }
 
-bool SectionConfig::removeSection(const std::string &file, const std::string &section) {
+bool SectionConfig::removeSection(const std::string &path, const std::string &section) {
+    const std::string file = rewriteTarget(path);
     FilePtr in(openPrivate(file, "r+be"));
     if (!in) {
         if (errno != ENOENT && errno != EACCES) TELO_LOG_ERR("open failed, %m");
