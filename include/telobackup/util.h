@@ -6,6 +6,7 @@
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
 #include "telobackup/path/path_filter.h"
+#include "telobackup/path/path_telo.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/stringf.h"
 

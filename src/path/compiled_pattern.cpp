@@ -116,8 +116,8 @@ void BlockAutomaton::build(const std::vector<Token> &tokens) {
     bool named[256] = {};
     unsigned classes = 2;
     memset(byteClass_, 0, sizeof(byteClass_));
-    byteClass_['/'] = 1;
-    named['/'] = true;
+    byteClass_[static_cast<unsigned char>('/')] = 1;
+    named[static_cast<unsigned char>('/')] = true;
     for (const Token &t : tokens) {
         if (t.kind == TokenKind::Literal && !named[t.byte]) {
             named[t.byte] = true;

@@ -1,6 +1,9 @@
 #include "support/fake_platform.h"
 
+#include <arpa/inet.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <map>
 
 namespace fakeplatform {
@@ -94,6 +97,46 @@ int TELOACLArchiveCopy(const char *, const char *) {
 
 int TELOACLResetInherit(const char *) {
     return enter("TELOACLResetInherit", __LINE__) ? -1 : 0;
+}
+
+// ---- Shares and name lookup ----
+
+int TELOShareNamePathGet(const char *, char *name, int nameSize, char *sharePath,
+                         int sharePathSize) {
+    outcomes().shareNameSize = nameSize;
+    outcomes().sharePathSize = sharePathSize;
+    if (enter("TELOShareNamePathGet", __LINE__)) return -1;
+    snprintf(name, static_cast<size_t>(nameSize), "%s", outcomes().shareName.c_str());
+    snprintf(sharePath, static_cast<size_t>(sharePathSize), "%s", outcomes().sharePath.c_str());
+    return 0;
+}
+
+int TELONetLookupIP(const char *, char (*entries)[TELO_IP_TEXT_SIZE], int capacity, int) {
+    if (enter("TELONetLookupIP", __LINE__)) return -1;
+    const std::vector<std::string> &found = outcomes().lookupAddresses;
+    if (found.empty()) {
+        fakeplatform::lastError = {TELO_ERR_LOOKUP, fakeplatform::kFakeFile, __LINE__};
+        return -1;
+    }
+    int count = 0;
+    for (; count < capacity && count < static_cast<int>(found.size()); ++count) {
+        snprintf(entries[count], TELO_IP_TEXT_SIZE, "%s", found[count].c_str());
+    }
+    return count;
+}
+
+int BlTLIBIsIpAddr(const char *addr) {
+    unsigned char buffer[sizeof(in6_addr)];
+    enter("BlTLIBIsIpAddr", __LINE__);
+    if (addr == nullptr) return 0;
+    if (inet_pton(AF_INET, addr, buffer) == 1) return 1;
+    return inet_pton(AF_INET6, addr, buffer) == 1 ? 2 : 0;
+}
+
+int BlTLIBIsv6IpAddrValid(const char *addr) {
+    unsigned char buffer[sizeof(in6_addr)];
+    enter("BlTLIBIsv6IpAddrValid", __LINE__);
+    return addr != nullptr && inet_pton(AF_INET6, addr, buffer) == 1 ? 1 : 0;
 }
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 #define TELO_TESTS_SUPPORT_FAKE_PLATFORM_H
 
 #include <string>
+#include <vector>
 
 #include "telo/platform.h"
 
@@ -28,6 +29,16 @@ void setFail(const std::string &name, bool fail = true, unsigned int errorCode =
 struct Outcomes {
     int fsType = TELO_FS_EXT4;  // TELOGetFSType
     int aclSupport = 0;         // TELOACLIsSupport
+
+    // ---- Shares and name lookup ----
+    // TELOShareNamePathGet writes these (cut to the buffer sizes) and records the sizes given.
+    std::string shareName = "share";
+    std::string sharePath = "/share";
+    int shareNameSize = 0;
+    int sharePathSize = 0;
+    // TELONetLookupIP returns these in order, at most `capacity` of them; none fails with
+    // TELO_ERR_LOOKUP. BlTLIBIsIpAddr and BlTLIBIsv6IpAddrValid classify as the real ones do.
+    std::vector<std::string> lookupAddresses{"127.0.0.1"};
 };
 Outcomes &outcomes();
 
