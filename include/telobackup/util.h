@@ -5,6 +5,7 @@
 #include "telobackup/json_text.h"
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
+#include "telobackup/network/network.h"
 #include "telobackup/path/path_filter.h"
 #include "telobackup/path/path_telo.h"
 #include "telobackup/path/path_util.h"
