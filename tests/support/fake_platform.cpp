@@ -125,18 +125,19 @@ int TELONetLookupIP(const char *, char (*entries)[TELO_IP_TEXT_SIZE], int capaci
     return count;
 }
 
-int BlTLIBIsIpAddr(const char *addr) {
+static bool parses(int family, const char *addr) {
     unsigned char buffer[sizeof(in6_addr)];
+    return addr != nullptr && inet_pton(family, addr, buffer) == 1;
+}
+
+int BlTLIBIsIpAddr(const char *addr) {
     enter("BlTLIBIsIpAddr", __LINE__);
-    if (addr == nullptr) return 0;
-    if (inet_pton(AF_INET, addr, buffer) == 1) return 1;
-    return inet_pton(AF_INET6, addr, buffer) == 1 ? 2 : 0;
+    return parses(AF_INET, addr) ? 1 : parses(AF_INET6, addr) ? 2 : 0;
 }
 
 int BlTLIBIsv6IpAddrValid(const char *addr) {
-    unsigned char buffer[sizeof(in6_addr)];
     enter("BlTLIBIsv6IpAddrValid", __LINE__);
-    return addr != nullptr && inet_pton(AF_INET6, addr, buffer) == 1 ? 1 : 0;
+    return parses(AF_INET6, addr) ? 1 : 0;
 }
 
 }  // extern "C"

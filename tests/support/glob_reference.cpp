@@ -5,49 +5,31 @@
 
 namespace testsupport {
 
-GlobReference::GlobReference(const std::string &text) {
-    const char *p = text.c_str();
-    expression_ = "^";
-    for (; *p != '\0'; ++p) {
-        unsigned char c = static_cast<unsigned char>(*p);
-        if (c == '*') {
-            bool run = p[1] == '*';
+GlobReference::GlobReference(const std::string &pattern) {
+    std::string expression = "^";
+    for (const char *p = pattern.c_str(); *p != '\0' && !never_; ++p) {
+        if (*p == '*') {
+            expression += p[1] == '*' ? ".*" : "[^/]*";
             while (p[1] == '*') ++p;
-            expression_ += run ? ".*" : "[^/]*";
-            continue;
-        }
-        if (c == '?') {
-            expression_ += "[^/]";
-            continue;
-        }
-        if (c == '\\') {
-            if (p[1] == '\0') {
-                never_ = true;
-                return;
-            }
-            c = static_cast<unsigned char>(*++p);
-        }
-        // Every byte but letters and digits goes in brackets, where only "]" and "^" are
-        // special; a caret is escaped outside them instead.
-        if (isalnum(c)) {
-            expression_ += static_cast<char>(c);
-        } else if (c == '^') {
-            expression_ += "\\^";
+        } else if (*p == '?') {
+            expression += "[^/]";
+        } else if (*p == '\\' && p[1] == '\0') {
+            never_ = true;
         } else {
-            expression_ += '[';
-            expression_ += static_cast<char>(c);
-            expression_ += ']';
+            // Other bytes go in brackets, where only "^" (escaped outside instead) is special.
+            unsigned char c = static_cast<unsigned char>(*p == '\\' ? *++p : *p);
+            expression += isalnum(c) ? std::string(1, static_cast<char>(c))
+                          : c == '^' ? std::string("\\^")
+                                     : std::string("[") + static_cast<char>(c) + "]";
         }
     }
-    expression_ += '$';
-    if (regcomp(&regex_, expression_.c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
-        throw std::runtime_error("regcomp failed for " + expression_);
+    if (regcomp(&regex_, never_ ? "^$" : (expression + "$").c_str(), REG_EXTENDED | REG_NOSUB)) {
+        throw std::runtime_error("regcomp failed for " + expression);
     }
-    compiled_ = true;
 }
 
 GlobReference::~GlobReference() {
-    if (compiled_) regfree(&regex_);
+    regfree(&regex_);
 }
 
 bool GlobReference::matches(const std::string &path) const {

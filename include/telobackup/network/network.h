@@ -20,8 +20,8 @@ class TELO_EXPORT Net {
     // used) on TCP `port`, waiting at most `timeoutSec` seconds; 0 polls once. The socket is
     // closed before returning.
     // Returns 0 when connected; -2 when nothing answered in time (logs "select() timeout");
-    // -1 on a bad parameter (null host, negative port or timeout), a refused or reset
-    // connection, or any failed call. Failures are logged at LOG_ERR in the short form
+    // -1 on a bad parameter (null host, port outside 0..65535, negative timeout), a refused or
+    // reset connection, or any failed call. Failures are logged at LOG_ERR in the short form
     // "network/network:<line> <message>", for example "[10.0.0.9:873] connect() error, <%m>",
     // "Socket error: 111, Connection refused" followed by "[10.0.0.9:873] isn't connected",
     // or "bad parameter". A wait interrupted by a signal is restarted with the full timeout,
