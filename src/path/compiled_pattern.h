@@ -57,12 +57,12 @@ struct Token {
     unsigned char byte;  // for Literal
 };
 
-// Bit-parallel automaton of a block (literals, "?" and single stars). Bit i of a state set
-// means: the first i tokens have matched. Bit i is also the start of token i.
+// Bit-parallel automaton of a block (literals, "?" and single stars): bit i of a state set
+// stands for "the first i tokens have matched", so all the ways the stars could have matched
+// so far are followed at once, one word operation per 64 tokens and byte.
 class BlockAutomaton {
   public:
     void build(const std::vector<Token> &tokens);
-    unsigned words() const { return words_; }
 
     // Earliest end of a match that starts at `from` and ends at most at `limit`, or npos.
     size_t earliestEnd(const char *text, size_t from, size_t limit) const;
