@@ -163,21 +163,28 @@ std::string repeat(const std::string &unit, size_t size) {
     return out;
 }
 
+// Runs of "*" and "**" mixed with literals, against 4 KiB paths on which they fail late.
 void buildAdversaries() {
     const std::string as = std::string(4096, 'a');
     const std::string as2 = std::string(4094, 'a') + "/b";
     const std::string dirs = repeat("aaaaaaa/", 4096);
     const std::string mixed = repeat("a*a/", 4095) + "b";
-    std::string many;
-    for (int i = 0; i < 100; ++i) many += "a*";
-    static std::string manyStars = "**" + many + "b**";
-    static std::string manyAny = "**" + std::string(60, '?') + "*b**";
+    const std::string slashes = repeat("/a", 4096);
+    std::string stars, anyPieces, slashPieces;
+    for (int i = 0; i < 100; ++i) stars += "a*";
+    for (int i = 0; i < 70; ++i) anyPieces += "a?*", slashPieces += "/a*";
+    static const std::string kLong[] = {
+        "**" + stars + "b**",                  // 201 tokens, pieces placed one by one
+        "**" + std::string(60, '?') + "*b**",  // "?" in a searched piece: automaton
+        "**" + anyPieces + "b**",              // the same over 4 words
+        "**" + slashPieces + "b**",            // "/" in a middle block: automaton
+    };
     adversaries = {
         {"**a**a**a**a**b", as},   {"**a**a**a**a**b**", as},    {"*a*a*a*a*a*b", as2},
         {"*a*a*a*a*a*b*", as},     {"**a*a*a*a*a*b**", as},      {"**a*a*a*a*a*b**", dirs},
         {"/**/a*a*a*a*a*b", dirs}, {"**/*a*a*a*a*b/**", dirs},   {"**a?*a?*a?*a?*b**", dirs},
-        {"*\\**\\**\\**b", mixed}, {"**\\*a/**\\*a/**c", mixed}, {manyAny.c_str(), as},
-        {manyStars.c_str(), as},
+        {"*\\**\\**\\**b", mixed}, {"**\\*a/**\\*a/**c", mixed}, {kLong[0].c_str(), as},
+        {kLong[1].c_str(), as},    {kLong[2].c_str(), as},       {kLong[3].c_str(), slashes},
     };
 }
 

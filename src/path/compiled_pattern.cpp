@@ -18,24 +18,20 @@ constexpr size_t npos = std::string::npos;
 // Blocks of more words than this run on a per-thread buffer instead of the stack.
 constexpr unsigned kStackWords = 8;
 
-// The two state sets of a multi-word run.
+// The state set of a multi-word run.
 class StateBuffer {
   public:
-    explicit StateBuffer(unsigned words) {
-        uint64_t *base = stack_;
+    explicit StateBuffer(unsigned words) : set(stack_) {
         if (words > kStackWords) {
             static thread_local std::vector<uint64_t> heap;
-            if (heap.size() < 2u * words) heap.resize(2u * words);
-            base = heap.data();
+            if (heap.size() < words) heap.resize(words);
+            set = heap.data();
         }
-        current = base;
-        next = base + words;
     }
-    uint64_t *current;
-    uint64_t *next;
+    uint64_t *set;
 
   private:
-    uint64_t stack_[2 * kStackWords];
+    uint64_t stack_[kStackWords];
 };
 
 // One byte of input for a one-word automaton: tokens that consume the byte advance, single
@@ -46,26 +42,24 @@ inline uint64_t stepOne(uint64_t set, uint64_t accept, uint64_t star, bool slash
     return next | ((next & star) << 1);
 }
 
-// The same over `words` words; `inject` (may be null) is or-ed in. Returns whether any state
-// is left.
-inline bool stepWords(const uint64_t *set, uint64_t *next, const uint64_t *accept,
-                      const uint64_t *star, const uint64_t *inject, unsigned words, bool slash) {
-    uint64_t carry = 0;
+// The same over `words` words, in place, in one pass: the carries take the bits that move
+// from one word to the next (a star is never the first bit reached by a skip, as stars are
+// never adjacent). `inject` (may be null) is or-ed in. Returns whether any state is left.
+inline bool stepWords(uint64_t *set, const uint64_t *accept, const uint64_t *star,
+                      const uint64_t *inject, unsigned words, bool slash) {
+    uint64_t moveCarry = 0, skipCarry = 0, any = 0;
+    uint64_t keep = slash ? 0 : ~uint64_t(0);
     for (unsigned w = 0; w < words; ++w) {
-        uint64_t moved = set[w] & accept[w];
-        uint64_t n = (moved << 1) | carry;
-        carry = moved >> 63;
-        if (!slash) n |= set[w] & star[w];
-        next[w] = n;
-    }
-    carry = 0;
-    uint64_t any = 0;
-    for (unsigned w = 0; w < words; ++w) {
-        uint64_t skipped = next[w] & star[w];
-        next[w] |= (skipped << 1) | carry;
-        carry = skipped >> 63;
-        if (inject != nullptr) next[w] |= inject[w];
-        any |= next[w];
+        uint64_t old = set[w];
+        uint64_t moved = old & accept[w];
+        uint64_t next = (moved << 1) | moveCarry | (old & star[w] & keep);
+        moveCarry = moved >> 63;
+        uint64_t skipped = next & star[w];
+        next |= (skipped << 1) | skipCarry;
+        skipCarry = skipped >> 63;
+        if (inject != nullptr) next |= inject[w];
+        set[w] = next;
+        any |= next;
     }
     return any != 0;
 }
@@ -102,7 +96,9 @@ namespace {
 // Leftmost position in [from, limit - needle size] where `needle` (not empty) starts, or npos.
 size_t find(const char *text, const std::string &needle, size_t from, size_t limit) {
     if (limit < from || limit - from < needle.size()) return npos;
-    const void *hit = memmem(text + from, limit - from, needle.data(), needle.size());
+    const void *hit = needle.size() == 1
+                          ? memchr(text + from, needle[0], limit - from)
+                          : memmem(text + from, limit - from, needle.data(), needle.size());
     return hit == nullptr ? npos : static_cast<size_t>(static_cast<const char *>(hit) - text);
 }
 
@@ -169,17 +165,18 @@ size_t BlockAutomaton::forward(const char *text, size_t from, size_t limit, bool
         return exact && (set & final) != 0 ? limit : npos;
     }
     StateBuffer buffer(words_);
-    memcpy(buffer.current, start_.data(), words_ * sizeof(uint64_t));
-    if (!exact && (buffer.current[finalWord_] & finalBit_) != 0) return from;
+    uint64_t *set = buffer.set;
+    memcpy(set, start_.data(), words_ * sizeof(uint64_t));
+    if (!exact && (set[finalWord_] & finalBit_) != 0) return from;
     for (size_t i = from; i < limit; ++i) {
         unsigned char c = static_cast<unsigned char>(text[i]);
-        bool alive = stepWords(buffer.current, buffer.next, &accept_[byteClass_[c] * words_],
-                               star_.data(), kSearch ? start_.data() : nullptr, words_, c == '/');
-        std::swap(buffer.current, buffer.next);
-        if (!alive) return npos;
-        if (!exact && (buffer.current[finalWord_] & finalBit_) != 0) return i + 1;
+        if (!stepWords(set, &accept_[byteClass_[c] * words_], star_.data(),
+                       kSearch ? start_.data() : nullptr, words_, c == '/')) {
+            return npos;
+        }
+        if (!exact && (set[finalWord_] & finalBit_) != 0) return i + 1;
     }
-    return exact && (buffer.current[finalWord_] & finalBit_) != 0 ? limit : npos;
+    return exact && (set[finalWord_] & finalBit_) != 0 ? limit : npos;
 }
 
 template <bool kOneWord>
@@ -197,15 +194,16 @@ size_t BlockAutomaton::backward(const char *text, size_t lo, size_t end) const {
         return npos;
     }
     StateBuffer buffer(words_);
-    memcpy(buffer.current, start_.data(), words_ * sizeof(uint64_t));
-    if ((buffer.current[finalWord_] & finalBit_) != 0) return end;
+    uint64_t *set = buffer.set;
+    memcpy(set, start_.data(), words_ * sizeof(uint64_t));
+    if ((set[finalWord_] & finalBit_) != 0) return end;
     for (size_t i = end; i > lo;) {
         unsigned char c = static_cast<unsigned char>(text[--i]);
-        bool alive = stepWords(buffer.current, buffer.next, &accept_[byteClass_[c] * words_],
-                               star_.data(), nullptr, words_, c == '/');
-        std::swap(buffer.current, buffer.next);
-        if (!alive) return npos;
-        if ((buffer.current[finalWord_] & finalBit_) != 0) return i;
+        if (!stepWords(set, &accept_[byteClass_[c] * words_], star_.data(), nullptr, words_,
+                       c == '/')) {
+            return npos;
+        }
+        if ((set[finalWord_] & finalBit_) != 0) return i;
     }
     return npos;
 }
@@ -269,18 +267,18 @@ namespace {
 
 enum class Role { Only, First, Middle, Last };
 
-// Whether the pieces of a block can be placed against slashes alone in the given role: the
-// pieces between single stars, and the one at the free end (a first block's last piece, a
-// last block's first piece), must hold a "/". (A piece at a free end is never empty: a single
-// star next to a run of stars would be part of the run.)
-bool canPin(const std::vector<Piece> &pieces, Role role) {
+// Whether a block can be matched by placing its pieces one by one (see placePieces) in its
+// role; otherwise the automaton follows it. A middle block, or a last one that does not sit
+// against slashes, must hold no "/": it then lies inside one component.
+bool canPlace(const std::vector<Piece> &pieces, Role role) {
     size_t last = pieces.size() - 1;
-    if (role == Role::Middle || last == 0) return false;
-    for (size_t i = 1; i < last; ++i) {
-        if (!pieces[i].hasSlash()) return false;
+    bool slashes = false, pinned = true;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        slashes = slashes || pieces[i].hasSlash();
+        if (i < last) pinned = pinned && pieces[i].hasSlash();
     }
-    if (role == Role::First) return pieces[last].hasSlash();
-    if (role == Role::Last) return pieces[0].hasSlash();
+    if (role == Role::Middle) return !slashes;
+    if (role == Role::Last) return pinned || !slashes;
     return true;
 }
 
@@ -373,14 +371,21 @@ CompiledPattern::CompiledPattern(const char *pattern) {
             piece.any += t.kind == TokenKind::AnyByte ? '\1' : '\0';
             piece.bytes += t.kind == TokenKind::Literal ? static_cast<char>(t.byte) : '?';
         }
+        for (Piece &piece : block.pieces) {
+            if (piece.literalOnly || piece.hasSlash()) continue;
+            std::vector<Token> own;
+            for (size_t i = 0; i < piece.size(); ++i) {
+                own.push_back({piece.any[i] ? TokenKind::AnyByte : TokenKind::Literal,
+                               static_cast<unsigned char>(piece.bytes[i])});
+            }
+            piece.search.build(own);
+        }
         Role role = blocks_.size() == 1       ? Role::Only
                     : b == 0                  ? Role::First
                     : b + 1 == blocks_.size() ? Role::Last
                                               : Role::Middle;
-        block.pinned = canPin(block.pieces, role);
-        bool fixed = block.pieces.size() == 1;
-        if (role == Role::Middle ? !(fixed && block.pieces[0].literalOnly)
-                                 : !fixed && !block.pinned) {
+        block.placed = canPlace(block.pieces, role);
+        if (!block.placed) {
             if (role == Role::Last) {
                 block.automaton.build(std::vector<Token>(ts.rbegin(), ts.rend()));
             } else {
@@ -390,96 +395,127 @@ CompiledPattern::CompiledPattern(const char *pattern) {
     }
 }
 
-size_t CompiledPattern::firstBlockEnd(const Block &block, const char *text, size_t lo,
-                                      size_t hi) const {
-    if (!block.pinned && block.pieces.size() > 1) return block.automaton.earliestEnd(text, lo, hi);
-    const Piece &head = block.pieces[0];
-    if (hi - lo < head.size() || !head.at(text, lo)) return npos;
-    size_t end = lo + head.size();
-    for (size_t i = 1; i < block.pieces.size(); ++i) {
-        const Piece &piece = block.pieces[i];
-        // The star before the piece stops at the first "/", which the piece's first "/" is.
-        const void *slash = memchr(text + end, '/', hi - end);
-        if (slash == nullptr) return npos;
-        size_t at = static_cast<size_t>(static_cast<const char *>(slash) - text);
-        if (at - end < piece.firstSlash) return npos;
-        at -= piece.firstSlash;
-        if (hi - at < piece.size() || !piece.at(text, at)) return npos;
-        end = at + piece.size();
-    }
-    return end;
+namespace {
+
+// Leftmost start of `piece` (without "/") in text[from, limit), or npos.
+size_t findPiece(const Piece &piece, const char *text, size_t from, size_t limit) {
+    if (piece.size() == 0) return from;
+    if (piece.literalOnly) return find(text, piece.bytes, from, limit);
+    size_t end = piece.search.searchEarliestEnd(text, from, limit);
+    return end == npos ? npos : end - piece.size();
 }
 
-size_t CompiledPattern::lastBlockStart(const Block &block, const char *text, size_t lo,
-                                       size_t hi) const {
-    if (!block.pinned && block.pieces.size() > 1) {
-        return block.automaton.latestStartReversed(text, lo, hi);
+// End of `piece` placed leftmost at or after `from` with no "/" before it, ending by `limit`;
+// npos when there is no such place. A piece holding "/" can only sit with its first "/" on the
+// first "/" from `from`; one without is searched for, and must come before that "/".
+size_t placeAfter(const Piece &piece, const char *text, size_t from, size_t limit, bool slashFree) {
+    if (!piece.hasSlash()) {
+        size_t at = findPiece(piece, text, from, limit);
+        if (at == npos || (!slashFree && memchr(text + from, '/', at - from) != nullptr)) {
+            return npos;
+        }
+        return at + piece.size();
     }
+    const void *slash = memchr(text + from, '/', limit - from);
+    if (slash == nullptr) return npos;
+    size_t at = static_cast<size_t>(static_cast<const char *>(slash) - text);
+    if (at - from < piece.firstSlash) return npos;
+    at -= piece.firstSlash;
+    if (limit - at < piece.size() || !piece.at(text, at)) return npos;
+    return at + piece.size();
+}
+
+// Places pieces [first, last) one after the other from `from`, each as early as it can go;
+// the end of the last, or npos. As single stars join them, an earlier place never hurts the
+// pieces after it. `slashFree`: the caller knows text[from, limit) holds no "/".
+size_t placePieces(const std::vector<Piece> &pieces, size_t first, size_t last, const char *text,
+                   size_t from, size_t limit, bool slashFree = false) {
+    for (size_t i = first; i < last && from != npos; ++i) {
+        from = placeAfter(pieces[i], text, from, limit, slashFree);
+    }
+    return from;
+}
+
+}  // namespace
+
+size_t CompiledPattern::firstBlockEnd(const Block &block, const char *text, size_t lo,
+                                      size_t hi) const {
+    if (!block.placed) return block.automaton.earliestEnd(text, lo, hi);
+    const Piece &head = block.pieces[0];
+    if (hi - lo < head.size() || !head.at(text, lo)) return npos;
+    return placePieces(block.pieces, 1, block.pieces.size(), text, lo + head.size(), hi);
+}
+
+bool CompiledPattern::lastBlockMatches(const Block &block, const char *text, size_t lo,
+                                       size_t hi) const {
+    if (!block.placed) return block.automaton.latestStartReversed(text, lo, hi) != npos;
     const Piece &tail = block.pieces.back();
-    if (hi - lo < tail.size() || !tail.at(text, hi - tail.size())) return npos;
+    if (hi - lo < tail.size() || !tail.at(text, hi - tail.size())) return false;
     size_t start = hi - tail.size();
+    if (block.pieces.size() > 1 && !block.pieces[0].hasSlash()) {
+        // No "/" in the block: it lies in the last component, where its pieces go leftmost.
+        const void *slash = memrchr(text + lo, '/', hi - lo);
+        size_t from = slash == nullptr ? lo : static_cast<const char *>(slash) - text + 1;
+        return placePieces(block.pieces, 0, block.pieces.size() - 1, text, from, start, true) !=
+               npos;
+    }
     for (size_t i = block.pieces.size() - 1; i-- > 0;) {
-        const Piece &piece = block.pieces[i];
         // The star after the piece stops at the last "/", which the piece's last "/" is.
+        const Piece &piece = block.pieces[i];
         const void *slash = memrchr(text + lo, '/', start - lo);
-        if (slash == nullptr) return npos;
+        if (slash == nullptr) return false;
         size_t at = static_cast<size_t>(static_cast<const char *>(slash) - text);
-        if (at - lo < piece.lastSlash) return npos;
+        if (at - lo < piece.lastSlash) return false;
         at -= piece.lastSlash;
-        if (start - at < piece.size() || !piece.at(text, at)) return npos;
+        if (start - at < piece.size() || !piece.at(text, at)) return false;
         start = at;
     }
-    return start;
+    return true;
 }
 
 bool CompiledPattern::onlyBlockMatches(const Block &block, const char *text, size_t lo,
                                        size_t hi) const {
-    if (!block.pinned && block.pieces.size() > 1) {
-        return block.automaton.matchesExactly(text, lo, hi);
-    }
-    // Pinned: the head at the start, the tail at the end, every piece between against the
-    // next "/", and no "/" left for the last star.
+    if (!block.placed) return block.automaton.matchesExactly(text, lo, hi);
+    // The head at the start, the tail at the end, the pieces between as early as they go, and
+    // no "/" left for the last star.
     const Piece &head = block.pieces[0];
     const Piece &tail = block.pieces.back();
     if (block.pieces.size() == 1) return hi - lo == head.size() && head.at(text, lo);
     if (hi - lo < head.size() + tail.size() || !head.at(text, lo)) return false;
-    size_t end = lo + head.size(), tailAt = hi - tail.size();
+    size_t tailAt = hi - tail.size();
     if (!tail.at(text, tailAt)) return false;
-    for (size_t i = 1; i + 1 < block.pieces.size(); ++i) {
-        const Piece &piece = block.pieces[i];
-        const void *slash = memchr(text + end, '/', tailAt - end);
-        if (slash == nullptr) return false;
-        size_t at = static_cast<size_t>(static_cast<const char *>(slash) - text);
-        if (at - end < piece.firstSlash) return false;
-        at -= piece.firstSlash;
-        if (tailAt - at < piece.size() || !piece.at(text, at)) return false;
-        end = at + piece.size();
-    }
-    return memchr(text + end, '/', tailAt - end) == nullptr;
+    size_t end =
+        placePieces(block.pieces, 1, block.pieces.size() - 1, text, lo + head.size(), tailAt);
+    return end != npos && memchr(text + end, '/', tailAt - end) == nullptr;
 }
 
 size_t CompiledPattern::middleBlockEnd(const Block &block, const char *text, size_t from,
                                        size_t limit) const {
-    const Piece &piece = block.pieces[0];
-    if (block.pieces.size() > 1 || !piece.literalOnly) {
-        return block.automaton.searchEarliestEnd(text, from, limit);
+    if (!block.placed) return block.automaton.searchEarliestEnd(text, from, limit);
+    // No "/" in the block: each component from the left gets one try, from the first place of
+    // the head in it; if the rest does not fit there, no later head in that component helps.
+    const std::vector<Piece> &pieces = block.pieces;
+    while (from < limit) {
+        size_t at = findPiece(pieces[0], text, from, limit);
+        if (at == npos) return npos;
+        const void *slash = memchr(text + at, '/', limit - at);
+        size_t end = slash == nullptr ? limit : static_cast<const char *>(slash) - text;
+        size_t placed = placePieces(pieces, 0, pieces.size(), text, at, end, true);
+        if (placed != npos || slash == nullptr) return placed;
+        from = end + 1;
     }
-    size_t at = find(text, piece.bytes, from, limit);
-    return at == npos ? npos : at + piece.size();
+    return npos;
 }
 
 bool CompiledPattern::matchBlocks(const char *text, size_t lo, size_t hi) const {
     if (blocks_.size() == 1) return onlyBlockMatches(blocks_[0], text, lo, hi);
     // Runs of stars separate the blocks, so the earliest end of each block leaves the most room
-    // for the rest, and the latest start of the last block the most before it.
+    // for the rest.
     size_t end = firstBlockEnd(blocks_.front(), text, lo, hi);
-    if (end == npos) return false;
-    size_t start = lastBlockStart(blocks_.back(), text, end, hi);
-    if (start == npos) return false;
     for (size_t b = 1; b + 1 < blocks_.size() && end != npos; ++b) {
-        end = middleBlockEnd(blocks_[b], text, end, start);
+        end = middleBlockEnd(blocks_[b], text, end, hi);
     }
-    return end != npos;
+    return end != npos && lastBlockMatches(blocks_.back(), text, end, hi);
 }
 
 bool CompiledPattern::matchCore(MatchSubject &subject) const {

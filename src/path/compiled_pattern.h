@@ -4,9 +4,9 @@
 // A pattern is split into a literal prefix, a literal suffix and a core. The core is cut at
 // every run of stars ("**") into blocks; a block holds literals, "?" and single stars. As a run
 // of stars matches anything, each block may take its earliest possible match, left to right,
-// while the last block takes its latest possible start; so no backtracking across blocks is
-// needed. Inside a block a bit-parallel automaton follows all ways the single stars could
-// match at once.
+// so no backtracking across blocks is needed. Inside a block the pieces between single stars
+// are placed one by one where that is exact, else a bit-parallel automaton follows all ways
+// the single stars could match at once.
 #ifndef TELO_SRC_PATH_COMPILED_PATTERN_H
 #define TELO_SRC_PATH_COMPILED_PATTERN_H
 
@@ -96,6 +96,7 @@ struct Piece {
     bool literalOnly = true;   // no "?"
     size_t firstSlash = npos;  // offsets of its first and last literal "/"
     size_t lastSlash = npos;
+    BlockAutomaton search;  // finds a piece with "?" and no "/"
 
     size_t size() const { return bytes.size(); }
     bool hasSlash() const { return firstSlash != npos; }
@@ -153,19 +154,19 @@ class CompiledPattern {
         Contains,  // prefix ** literal ** suffix
         General
     };
-    // The text between two runs of stars: pieces joined by single stars. Where every piece
-    // that is not at an anchored end holds a "/", no star can move a piece: each sits against
-    // the nearest "/", and the block is matched without the automaton.
+    // The text between two runs of stars: pieces joined by single stars. Mostly the pieces
+    // can be placed one by one, each as early as it can go (a piece holding "/" against the
+    // next "/", others where they next occur); else the automaton follows the block.
     struct Block {
         std::vector<Piece> pieces;
-        bool pinned = false;       // for the way this block is matched (first, last, middle, only)
-        BlockAutomaton automaton;  // when not pinned; reversed for the last block
+        bool placed = false;       // for the block's role (first, middle, last or only block)
+        BlockAutomaton automaton;  // when not placed; reversed for the last block
     };
 
     bool matchCore(MatchSubject &subject) const;
     bool matchBlocks(const char *text, size_t lo, size_t hi) const;
     size_t firstBlockEnd(const Block &block, const char *text, size_t lo, size_t hi) const;
-    size_t lastBlockStart(const Block &block, const char *text, size_t lo, size_t hi) const;
+    bool lastBlockMatches(const Block &block, const char *text, size_t lo, size_t hi) const;
     bool onlyBlockMatches(const Block &block, const char *text, size_t lo, size_t hi) const;
     size_t middleBlockEnd(const Block &block, const char *text, size_t from, size_t limit) const;
 
