@@ -539,5 +539,21 @@ bool Path::renameWithMode(const std::string &src, const std::string &dst) {
     return placeNew(src, dst);
 }
 
+// ---- Share-rooted paths -----------------------------------------------------------------------
+
+std::string ConfigPath::shareName(const std::string &path) {
+    if (path.empty() || path[0] != '/') return std::string();
+    size_t end = path.find('/', 1);
+    if (end == std::string::npos) end = path.size();
+    return path.substr(1, end - 1);
+}
+
+std::string ConfigPath::shareRelativePath(const std::string &path) {
+    if (path.empty() || path[0] != '/') return std::string();
+    size_t slash = path.find('/', 1);
+    if (slash == std::string::npos || slash + 1 == path.size()) return std::string();
+    return path.substr(slash + 1);
+}
+
 }  // namespace Backup
 }  // namespace TELO

@@ -212,3 +212,17 @@ TEST(PathLocations, FixedAndDerived) {
         return std::string();
     });
 }
+
+TEST(ConfigPath, ShareNameAndRelativePath) {
+    using TELO::Backup::ConfigPath;
+    // clang-format off
+    struct { const char *path, *name, *relative; } cases[] = {
+        {"/photos/2024/trip", "photos", "2024/trip"}, {"/photos/2024/", "photos", "2024/"},
+        {"/photos/", "photos", ""}, {"/photos", "photos", ""}, {"/photos//x", "photos", "/x"},
+        {"/", "", ""}, {"//x", "", "x"}, {"", "", ""}, {"photos/2024", "", ""}};
+    // clang-format on
+    for (const auto &c : cases) {
+        EXPECT_EQ(c.name, ConfigPath::shareName(c.path)) << c.path;
+        EXPECT_EQ(c.relative, ConfigPath::shareRelativePath(c.path)) << c.path;
+    }
+}

@@ -1,5 +1,7 @@
 #include "support/fake_platform.h"
 
+#include <arpa/inet.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -188,6 +190,47 @@ int TELOShareTmpPathGet(const char *volPath, char *buf, int size) {
                            : std::string(volPath) + "/.telobackup-tmp";
     snprintf(buf, static_cast<size_t>(size), "%s", path.c_str());
     return 0;
+}
+
+// ---- Shares and name lookup ----
+
+int TELOShareNamePathGet(const char *, char *name, int nameSize, char *sharePath,
+                         int sharePathSize) {
+    outcomes().shareNameSize = nameSize;
+    outcomes().sharePathSize = sharePathSize;
+    if (enter("TELOShareNamePathGet", __LINE__)) return -1;
+    snprintf(name, static_cast<size_t>(nameSize), "%s", outcomes().shareName.c_str());
+    snprintf(sharePath, static_cast<size_t>(sharePathSize), "%s", outcomes().sharePath.c_str());
+    return 0;
+}
+
+int TELONetLookupIP(const char *, char (*entries)[TELO_IP_TEXT_SIZE], int capacity, int) {
+    if (enter("TELONetLookupIP", __LINE__)) return -1;
+    const std::vector<std::string> &found = outcomes().lookupAddresses;
+    if (found.empty()) {
+        fakeplatform::lastError = {TELO_ERR_LOOKUP, fakeplatform::kFakeFile, __LINE__};
+        return -1;
+    }
+    int count = 0;
+    for (; count < capacity && count < static_cast<int>(found.size()); ++count) {
+        snprintf(entries[count], TELO_IP_TEXT_SIZE, "%s", found[count].c_str());
+    }
+    return count;
+}
+
+static bool parses(int family, const char *addr) {
+    unsigned char buffer[sizeof(in6_addr)];
+    return addr != nullptr && inet_pton(family, addr, buffer) == 1;
+}
+
+int BlTLIBIsIpAddr(const char *addr) {
+    enter("BlTLIBIsIpAddr", __LINE__);
+    return parses(AF_INET, addr) ? 1 : parses(AF_INET6, addr) ? 2 : 0;
+}
+
+int BlTLIBIsv6IpAddrValid(const char *addr) {
+    enter("BlTLIBIsv6IpAddrValid", __LINE__);
+    return parses(AF_INET6, addr) ? 1 : 0;
 }
 
 }  // extern "C"

@@ -48,6 +48,15 @@ struct Outcomes {
     std::vector<Volume> volumes;
     std::map<std::string, std::string> volumeOfPath;
     std::map<std::string, std::string> shareTmpPaths;
+    // ---- Shares and name lookup ----
+    // TELOShareNamePathGet writes these (cut to the buffer sizes) and records the sizes given.
+    std::string shareName = "share";
+    std::string sharePath = "/share";
+    int shareNameSize = 0;
+    int sharePathSize = 0;
+    // TELONetLookupIP returns these in order, at most `capacity` of them; none fails with
+    // TELO_ERR_LOOKUP. BlTLIBIsIpAddr and BlTLIBIsv6IpAddrValid classify as the real ones do.
+    std::vector<std::string> lookupAddresses{"127.0.0.1"};
 };
 Outcomes &outcomes();
 

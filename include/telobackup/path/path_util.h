@@ -118,6 +118,30 @@ class TELO_EXPORT Path {
     // `dst` failing other than with ENOENT returns false without a line.
     // Reads the umask by setting it: not safe against another thread changing the umask.
     static bool renameWithMode(const std::string &src, const std::string &dst);
+
+    // ---- Shares (implemented in path_telo; documented in telobackup/path/path_telo.h) ----
+
+    // Name of the share holding the file-system path `path`, or "" after logging
+    // "Error: getting share path of [%s] failed[0x%04X %s:%d]" with the platform error.
+    static std::string getShareName(const std::string &path);
+
+    // True when a component of `path` is exactly "@eaDir".
+    static bool isInTeloEaDir(const std::string &path);
+};
+
+// Share-rooted paths ("/photos/2024/trip": the share "photos", then "2024/trip"), split by
+// string rules alone: no file-system access, no logging, errno unchanged. Malformed input
+// gives "".
+class TELO_EXPORT ConfigPath {
+  public:
+    // The first component of a share-rooted path: shareName("/photos/2024") == "photos",
+    // shareName("/photos") == "photos"; "" without a leading "/" and for "/" or "//x".
+    static std::string shareName(const std::string &path);
+
+    // Everything after the share's component, unchanged: shareRelativePath("/photos/2024/") ==
+    // "2024/", shareRelativePath("/photos//x") == "/x"; "" without a leading "/", and for
+    // "/photos" or "/photos/".
+    static std::string shareRelativePath(const std::string &path);
 };
 
 // Removes `path` and everything below it without following symbolic links and without leaving

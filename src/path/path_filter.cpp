@@ -1,0 +1,291 @@
+#include "telobackup/path/path_filter.h"
+
+#include <cstring>
+#include <iterator>
+
+#include "path/path_filter_private.h"
+
+namespace TELO {
+namespace Backup {
+
+using internal::CompiledPattern;
+using internal::MatchSubject;
+
+namespace {
+
+// The star at `pattern` against `path` (match() steps for a star).
+int matchStar(const char *pattern, const char *path) {
+    bool run = pattern[1] == '*';
+    if (run) {
+        while (*pattern == '*') ++pattern;
+        if (*pattern == '\0') return 1;
+    } else {
+        ++pattern;
+        if (*pattern == '\0') return strchr(path, '/') == nullptr ? 1 : 0;
+    }
+    if (*path == '\0') return -1;
+    for (; *path != '\0'; ++path) {
+        int result = PathFilterPrivate::match(pattern, path);
+        if (run) {
+            if (result != 0 && result != -2) return result;
+        } else {
+            if (result != 0) return result;
+            if (*path == '/') return -2;
+        }
+    }
+    return -1;
+}
+
+// The star at `pattern` against `prefix` (rebase() steps for a star).
+int rebaseStar(const char *pattern, const char *prefix, std::string &out) {
+    if (pattern[1] == '*') {
+        const char *end = pattern;
+        while (*end == '*') ++end;
+        out = "/";
+        out.append(end - 2);
+        return 1;
+    }
+    const char *rest = pattern + 1;
+    if (*rest == '\0') {
+        if (strchr(prefix, '/') != nullptr) return 0;
+        out = "*";
+        return 1;
+    }
+    for (; *prefix != '\0'; ++prefix) {
+        int result = PathFilterPrivate::rebase(rest, prefix, out);
+        if (result != 0 && result != -2) return result;
+        if (result == 0 && *prefix == '/') return -2;
+    }
+    out = rest;
+    return 1;
+}
+
+}  // namespace
+
+int PathFilterPrivate::match(const char *pattern, const char *path) {
+    if (*pattern == '\0') return *path == '\0' ? 1 : 0;
+    while (*path != '\0') {
+        char p = *pattern;
+        if (p == '*') return matchStar(pattern, path);
+        if (p == '?') {
+            if (*path == '/') return 0;
+        } else {
+            if (p == '\\') p = *++pattern;
+            if (p != *path) return 0;
+        }
+        ++pattern;
+        ++path;
+        if (*pattern == '\0') return *path == '\0' ? 1 : 0;
+    }
+    if (*pattern != '*') return -1;
+    return matchStar(pattern, path);
+}
+
+int PathFilterPrivate::rebase(const char *pattern, const char *prefix, std::string &out) {
+    if (*pattern == '\0') {
+        if (*prefix != '\0') return 0;
+        out.clear();
+        return 1;
+    }
+    while (*prefix != '\0') {
+        char p = *pattern;
+        if (p == '*') return rebaseStar(pattern, prefix, out);
+        if (p == '?') {
+            if (*prefix == '/') return 0;
+        } else {
+            if (p == '\\') p = *++pattern;
+            if (p != *prefix) return 0;
+        }
+        ++pattern;
+        ++prefix;
+        if (*pattern == '\0') {
+            if (*prefix != '\0') return 0;
+            out.clear();
+            return 1;
+        }
+    }
+    if (*pattern == '/') {
+        out = pattern;
+        return 1;
+    }
+    if (*pattern == '*') return rebaseStar(pattern, prefix, out);
+    return 0;
+}
+
+void PathFilterPrivate::rebaseList(const std::list<std::string> &patterns,
+                                   std::list<std::string> &out, const std::string &prefix) {
+    if (prefix.empty()) {
+        out = patterns;
+        return;
+    }
+    std::string rest;
+    for (const std::string &pattern : patterns) {
+        if (rebase(pattern.c_str(), prefix.c_str(), rest) != 1) continue;
+        // Throws std::out_of_range for a prefix without "/".
+        out.push_back(prefix.substr(prefix.rfind('/')) + rest);
+    }
+}
+
+// ---- PatternList ------------------------------------------------------------------------------
+
+std::vector<uint64_t> PatternList::widened(size_t count, size_t &words) const {
+    words = (count + 63) / 64;
+    std::vector<uint64_t> table(256 * words, 0);
+    for (size_t c = 0; c < 256; ++c) {
+        for (size_t w = 0; w < words_; ++w) table[c * words + w] = byLastByte_[c * words_ + w];
+    }
+    return table;
+}
+
+void PatternList::mark(std::vector<uint64_t> &table, size_t words, size_t i, int lastByte) {
+    for (size_t c = 0; c < 256; ++c) {
+        if (lastByte < 0 || size_t(lastByte) == c)
+            table[c * words + i / 64] |= uint64_t(1) << (i % 64);
+    }
+}
+
+// Everything that can throw happens before the first change, so a failed allocation leaves
+// the list as it was.
+void PatternList::add(const std::string &pattern) {
+    CompiledPattern compiled(pattern.c_str());
+    size_t words;
+    std::vector<uint64_t> table = widened(compiled_.size() + 1, words);
+    mark(table, words, compiled_.size(), compiled.lastByte());
+    compiled_.reserve(compiled_.size() + 1);
+    patterns_.push_back(pattern);
+    compiled_.push_back(std::move(compiled));
+    byLastByte_.swap(table);
+    words_ = words;
+}
+
+void PatternList::merge(std::list<std::string> &more) {
+    std::vector<CompiledPattern> incoming;
+    incoming.reserve(more.size());
+    for (const std::string &pattern : more) incoming.emplace_back(pattern.c_str());
+    size_t words;
+    std::vector<uint64_t> table = widened(compiled_.size() + incoming.size(), words);
+    for (size_t i = 0; i < incoming.size(); ++i) {
+        mark(table, words, compiled_.size() + i, incoming[i].lastByte());
+    }
+    compiled_.reserve(compiled_.size() + incoming.size());
+    // The steps of std::list::merge, spelled out so that unsorted lists are merged the same
+    // way instead of breaking its precondition.
+    auto here = patterns_.begin();
+    auto there = more.begin();
+    while (here != patterns_.end() && there != more.end()) {
+        if (*there < *here) {
+            auto next = std::next(there);
+            patterns_.splice(here, more, there);
+            there = next;
+        } else {
+            ++here;
+        }
+    }
+    patterns_.splice(patterns_.end(), more);
+    for (CompiledPattern &pattern : incoming) compiled_.push_back(std::move(pattern));
+    byLastByte_.swap(table);
+    words_ = words;
+}
+
+void PatternList::clear() {
+    patterns_.clear();
+    compiled_.clear();
+    byLastByte_.clear();
+    words_ = 0;
+}
+
+bool PatternList::anyMatches(MatchSubject &subject) const {
+    if (compiled_.empty()) return false;
+    if (subject.size() == 0) {
+        for (const CompiledPattern &pattern : compiled_) {
+            if (pattern.matches(subject)) return true;
+        }
+        return false;
+    }
+    size_t last = static_cast<unsigned char>(subject.data()[subject.size() - 1]);
+    const uint64_t *candidates = &byLastByte_[last * words_];
+    for (size_t w = 0; w < words_; ++w) {
+        for (uint64_t bits = candidates[w]; bits != 0; bits &= bits - 1) {
+            if (compiled_[w * 64 + static_cast<size_t>(__builtin_ctzll(bits))].matches(subject)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// ---- PathFilter -------------------------------------------------------------------------------
+
+PathFilter::PathFilter() : d_(new PathFilterPrivate) {}
+
+PathFilter::~PathFilter() {
+    delete d_;
+}
+
+bool PathFilter::addIncludePattern(const std::string &pattern) {
+    d_->include_.add(pattern);
+    return true;
+}
+
+bool PathFilter::addPriorIncludePattern(const std::string &pattern) {
+    d_->priorInclude_.add(pattern);
+    return true;
+}
+
+bool PathFilter::addExcludePattern(const std::string &pattern) {
+    d_->exclude_.add(pattern);
+    return true;
+}
+
+bool PathFilter::addIncludePattern(std::list<std::string> &patterns) {
+    d_->include_.merge(patterns);
+    return true;
+}
+
+bool PathFilter::addPriorIncludePattern(std::list<std::string> &patterns) {
+    d_->priorInclude_.merge(patterns);
+    return true;
+}
+
+bool PathFilter::addExcludePattern(std::list<std::string> &patterns) {
+    d_->exclude_.merge(patterns);
+    return true;
+}
+
+bool PathFilter::filterOut(const std::string &path) {
+    MatchSubject subject(path.c_str(), strlen(path.c_str()));
+    if (d_->priorInclude_.anyMatches(subject)) return false;
+    if (d_->include_.anyMatches(subject)) return false;
+    return d_->exclude_.anyMatches(subject);
+}
+
+bool PathFilter::filterOutIncludeException(const std::string &path) {
+    MatchSubject subject(path.c_str(), strlen(path.c_str()));
+    if (d_->priorInclude_.anyMatches(subject)) return false;
+    if (d_->exclude_.anyMatches(subject)) return true;
+    if (d_->include_.empty()) return true;
+    return !d_->include_.anyMatches(subject);
+}
+
+void PathFilter::clear() {
+    d_->include_.clear();
+    d_->exclude_.clear();
+}
+
+bool PathFilter::getIncludePattern(std::list<std::string> &out, const std::string &prefix) {
+    PathFilterPrivate::rebaseList(d_->include_.patterns(), out, prefix);
+    return true;
+}
+
+bool PathFilter::getPriorIncludePattern(std::list<std::string> &out, const std::string &prefix) {
+    PathFilterPrivate::rebaseList(d_->priorInclude_.patterns(), out, prefix);
+    return true;
+}
+
+bool PathFilter::getExcludePattern(std::list<std::string> &out, const std::string &prefix) {
+    PathFilterPrivate::rebaseList(d_->exclude_.patterns(), out, prefix);
+    return true;
+}
+
+}  // namespace Backup
+}  // namespace TELO

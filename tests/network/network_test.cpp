@@ -1,0 +1,176 @@
+// The connectivity probe on loopback addresses only; the fake platform supplies the resolver.
+#include "telobackup/network/network.h"
+
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <syslog.h>
+
+#include <chrono>
+#include <vector>
+
+#include "internal/unique_fd.h"
+#include "network/network_private.h"
+#include "support/child.h"
+#include "support/fake_platform.h"
+#include "support/syslog_capture.h"
+
+using TELO::Backup::Net;
+using TELO::Backup::internal::UniqueFd;
+using testsupport::SyslogCapture;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// A TCP socket on `address`:`port` (0: any), listening with `backlog` unless it is negative;
+// with `connectTo`, a non-blocking client connecting there instead. Invalid on failure.
+UniqueFd tcpSocket(const char *address, int port, int backlog, bool connectTo = false) {
+    addrinfo hints = {}, *found = nullptr;
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    if (getaddrinfo(address, std::to_string(port).c_str(), &hints, &found) != 0) return UniqueFd();
+    UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    bool ok = connectTo ? connect(fd.get(), found->ai_addr, found->ai_addrlen) == 0 ||
+                              errno == EINPROGRESS
+                        : bind(fd.get(), found->ai_addr, found->ai_addrlen) == 0 &&
+                              (backlog < 0 || listen(fd.get(), backlog) == 0);
+    freeaddrinfo(found);
+    return ok ? std::move(fd) : UniqueFd();
+}
+
+int portOf(const UniqueFd &fd) {
+    sockaddr_in6 address = {};  // sin_port sits at the same offset
+    socklen_t length = sizeof(address);
+    getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &length);
+    return ntohs(address.sin6_port);
+}
+
+// A listener whose accept queue is full, so that new SYNs are dropped: backlog 0 and clients
+// connected until one is left waiting.
+struct SilentListener {
+    UniqueFd listener;
+    std::vector<UniqueFd> clients;
+    bool open(const char *address, int port = 0) {
+        listener = tcpSocket(address, port, 0);
+        for (int i = 0; listener && i < 8; ++i) {
+            clients.push_back(tcpSocket(address, portOf(listener), 0, true));
+            pollfd done = {clients.back().get(), POLLOUT, 0};
+            if (poll(&done, 1, 200) == 0) return true;
+        }
+        return false;
+    }
+};
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+TEST(NetProbe, ConnectResults) {
+    SyslogCapture log;
+    EXPECT_EQ(-1, Net::testIpAndPortConnect(nullptr, 80, 5));
+    EXPECT_EQ(-1, Net::testIpAndPortConnect("h", -1, 5));
+    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", 65536, 5));
+    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", 80, -1));
+    EXPECT_EQ(4, log.count(LOG_ERR, "network/network:<line> bad parameter")) << log.dump();
+
+    UniqueFd open = tcpSocket("127.0.0.1", 0, 8), closed = tcpSocket("127.0.0.1", 0, -1);
+    SilentListener silent;
+    if (!silent.open("127.0.0.1")) GTEST_SKIP() << "the accept queue never filled";
+    EXPECT_EQ(0, Net::testIpAndPortConnect("127.0.0.1", portOf(open), 5));
+    EXPECT_EQ(4u, log.size()) << log.dump();
+    std::string refused = "network/network:<line> [127.0.0.1:" + std::to_string(portOf(closed));
+    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", portOf(closed), 5));
+    EXPECT_TRUE(log.has(LOG_ERR, refused + "] isn't connected") ||
+                log.has(LOG_ERR, refused + "] connect() error, Connection refused"))
+        << log.dump();
+    // Timeout 0 polls once.
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(-2, Net::testIpAndPortConnect("127.0.0.1", portOf(silent.listener), 0));
+    EXPECT_LT(secondsSince(start), 0.9);
+    EXPECT_TRUE(
+        log.has(LOG_ERR, "network/network:<line> [127.0.0.1:<any>] select() timeout, <any>"));
+
+    UniqueFd open6 = tcpSocket("::1", 0, 8);
+    if (!open6) GTEST_SKIP() << "no IPv6 loopback";
+    EXPECT_EQ(0, Net::testIpAndPortConnect("::1", portOf(open6), 5));
+}
+
+TEST(NetProbe, AnInterruptedWaitIsRepeatedTwice) {
+    SilentListener silent;
+    if (!silent.open("127.0.0.1")) GTEST_SKIP() << "the accept queue never filled";
+    EXPECT_CHILD_OK([&] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGALRM, &action, nullptr);  // no SA_RESTART
+        itimerval every50ms = {{0, 50000}, {0, 50000}};
+        setitimer(ITIMER_REAL, &every50ms, nullptr);
+        SyslogCapture log;
+        Clock::time_point start = Clock::now();
+        CHILD_CHECK_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", portOf(silent.listener), 5));
+        CHILD_CHECK(secondsSince(start) > 0.1 && secondsSince(start) < 2);
+        CHILD_CHECK(log.has(LOG_ERR,
+                            "network/network:<line> [127.0.0.1:<any>] select() error, "
+                            "Interrupted system call"));
+        return std::string();
+    });
+}
+
+TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
+    fakeplatform::reset();
+    SyslogCapture log;
+    EXPECT_EQ("::1", Net::getIpFromAddr("::1"));
+    fakeplatform::outcomes().lookupAddresses = {"::1", "fe80::1", "127.0.0.2", "127.0.0.1"};
+    EXPECT_EQ("127.0.0.2", Net::getIpFromAddr("both.test"));
+    // One port: open on 127.0.0.2 (and ::1 where there is one), refused on 127.0.0.1.
+    UniqueFd open = tcpSocket("127.0.0.2", 0, 8);
+    UniqueFd closed = tcpSocket("127.0.0.1", portOf(open), -1);
+    UniqueFd open6 = tcpSocket("::1", portOf(open), 8);
+    if (!closed) GTEST_SKIP() << "the port is taken on 127.0.0.1";
+    std::string ip;
+    fakeplatform::outcomes().lookupAddresses = {"::1", "127.0.0.1", "127.0.0.2"};
+    EXPECT_EQ(0, Net::getAvailableIp("both.test", portOf(open), 5, ip));
+    EXPECT_EQ("127.0.0.2", ip);
+    EXPECT_EQ(0, Net::getAvailableIp("127.0.0.2", portOf(open), 5, ip));  // no lookup
+    EXPECT_EQ(2, fakeplatform::calls("TELONetLookupIP"));
+
+    // A silent first address: the second is tried only while the budget lasts.
+    SilentListener silent;
+    if (!silent.open("127.0.0.3")) GTEST_SKIP() << "the accept queue never filled";
+    UniqueFd second = tcpSocket("127.0.0.2", portOf(silent.listener), 8);
+    if (!second) GTEST_SKIP() << "the port is taken on 127.0.0.2";
+    fakeplatform::outcomes().lookupAddresses = {"127.0.0.3", "127.0.0.2"};
+    ip = "unchanged";
+    EXPECT_EQ(0, Net::getAvailableIp("pair.test", portOf(second), 0, 0, ip));
+    EXPECT_EQ("127.0.0.2", ip);
+    ip = "unchanged";
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(-2, Net::getAvailableIp("pair.test", portOf(second), 1, 0, ip));
+    EXPECT_GE(secondsSince(start), 1.0);
+    // A failed lookup.
+    fakeplatform::setFail("TELONetLookupIP", true, TELO_ERR_LOOKUP);
+    EXPECT_EQ(-3, Net::getAvailableIp("nowhere.test", 1, 1, ip));
+    EXPECT_EQ("", Net::getIpFromAddr("nowhere.test"));
+    EXPECT_EQ("unchanged", ip);
+    EXPECT_EQ(2, log.count(LOG_ERR,
+                           "(<pid>) [err] network/network:<line> lookup[nowhere.test] "
+                           "failed: [0x000A fake_platform.cpp:<line>]"))
+        << log.dump();
+    fakeplatform::reset();
+}
+
+TEST(NetProbe, BudgetArithmetic) {
+    // clang-format off
+    struct { int timeoutSec, totalSec, candidates, perTry, overall; } cases[] = {
+        {30, -1, 3, 15, 45}, {60, -1, 1, 60, 60}, {31, -1, 2, 15, 30}, {5, 10, 3, 5, 10},
+        {-5, -1, 2, -5, -5}};
+    // clang-format on
+    for (const auto &c : cases) {
+        auto budget = TELO::Backup::internal::probeBudget(c.timeoutSec, c.totalSec, c.candidates);
+        EXPECT_EQ(c.perTry, budget.perTry) << c.timeoutSec << "/" << c.candidates;
+        EXPECT_EQ(c.overall, budget.overall) << c.timeoutSec << "/" << c.candidates;
+    }
+}

@@ -1,0 +1,124 @@
+#include "telobackup/path/path_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "path/path_filter_private.h"
+
+using TELO::Backup::PathFilter;
+using TELO::Backup::PathFilterPrivate;
+using Patterns = std::list<std::string>;
+
+namespace {
+
+Patterns includes(PathFilter &filter, const std::string &prefix) {
+    Patterns out;
+    filter.getIncludePattern(out, prefix);
+    return out;
+}
+
+}  // namespace
+
+// The language itself is checked exhaustively against a reference in the differential test;
+// here are the result codes, which only match() has, and the rebase remainders.
+TEST(PathFilterMatch, ResultCodes) {
+    struct {
+        const char *pattern, *path;
+        int expected;
+    } cases[] = {
+        // clang-format off
+        {"/a/*", "/a/b/c", 0}, {"/a/**", "/a/b/c", 1}, {"**", "", 1}, {"[ab]", "a", 0},
+        // -1: the path ran out first, also in a star's trial; a lone "\" never matches.
+        {"/a/b", "/a", -1}, {"/a*b", "/a", -1}, {"/a**b", "/a", -1}, {"ab*c", "abxx", -1},
+        {"**b", "a/b/c", -1}, {"/**/*.tmp", "/y.tmp", -1}, {"a\\", "a", -1}, {"a\\", "ab", 0},
+        // -2: a single star would cross "/"; a run of stars goes on past that.
+        {"*b", "a/b", -2}, {"*.tmp", "/x/y.tmp", -2}, {"*a*b", "xa/ab", -2}, {"**a*b", "a/ab", 1},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(c.expected, PathFilterPrivate::match(c.pattern, c.path))
+            << c.pattern << " " << c.path;
+    }
+}
+
+TEST(PathFilterRebase, Remainders) {
+    struct {
+        const char *pattern, *prefix;
+        int expected;
+        const char *out;  // "-" when unchanged
+    } cases[] = {
+        // clang-format off
+        {"/a/***/b", "/a/x", 1, "/**/b"}, {"/a/b", "/a/b", 1, ""}, {"/a/*", "/a/x", 1, "*"},
+        {"/vol/share/dir/*.txt", "/vol/share/dir", 1, "/*.txt"}, {"/a/*.txt", "/a/x", 1, ".txt"},
+        {"/a/?/c", "/a/x", 1, "/c"}, {"/a\\*/c", "/a*", 1, "/c"}, {"/**", "/a/b/c", 1, "/**"},
+        // Patterns that cannot apply below the prefix.
+        {"/a/*", "/a/x/y", 0, "-"}, {"/b/**", "/a", 0, "-"}, {"/a", "/a/b", 0, "-"},
+        {"/ab", "/a", 0, "-"}, {"/a?", "/a/", 0, "-"}, {"/*/c", "/a/b", -2, "-"},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        std::string out = "-";
+        EXPECT_EQ(c.expected, PathFilterPrivate::rebase(c.pattern, c.prefix, out)) << c.pattern;
+        EXPECT_EQ(c.out, out) << c.pattern << " under " << c.prefix;
+    }
+}
+
+TEST(PathFilterRebase, GetPatternLists) {
+    PathFilter filter;
+    for (const char *p : {"/vol/share/dir/*.txt", "/other/**", "/vol/**", "/vol/share/dir"}) {
+        filter.addIncludePattern(p);
+    }
+    EXPECT_EQ((Patterns{"/dir/*.txt", "/dir/**", "/dir"}), includes(filter, "/vol/share/dir"));
+    // An empty prefix copies the list over what `out` held; otherwise `out` is appended to.
+    Patterns out{"x", "y", "z", "w", "v"};
+    filter.getIncludePattern(out, "");
+    EXPECT_EQ((Patterns{"/vol/share/dir/*.txt", "/other/**", "/vol/**", "/vol/share/dir"}), out);
+    out = {"kept"};
+    filter.getIncludePattern(out, "/other");
+    EXPECT_EQ((Patterns{"kept", "/other/**"}), out);
+    // A prefix without "/" fails only once a pattern applies.
+    EXPECT_EQ(Patterns{}, includes(filter, "vol"));
+    filter.addIncludePattern("**");
+    EXPECT_THROW(includes(filter, "vol"), std::out_of_range);
+    // Each getter reads its own list.
+    filter.addPriorIncludePattern("/p/*");
+    filter.addExcludePattern("/e/**");
+    out.clear();
+    filter.getPriorIncludePattern(out, "/p");
+    filter.getExcludePattern(out, "/e/f");
+    EXPECT_EQ((Patterns{"/p/*", "/f/**"}), out);
+}
+
+// The rules on random lists are in the differential test; here are the documented cases.
+TEST(PathFilterRules, PrecedenceClearAndLists) {
+    PathFilter filter;
+    filter.addExcludePattern("/x/**");
+    EXPECT_TRUE(filter.filterOutIncludeException("/y"));  // no include list: all left out
+    filter.addIncludePattern("/x/keep/**");
+    EXPECT_FALSE(filter.filterOut("/x/keep/f"));
+    EXPECT_TRUE(filter.filterOut("/x/drop"));
+    EXPECT_TRUE(filter.filterOutIncludeException("/x/keep/f"));  // the exclude wins
+    // Prior includes win under both rules and survive clear().
+    filter.addPriorIncludePattern("/x/keep/**");
+    filter.clear();
+    EXPECT_FALSE(filter.filterOut("/x/drop"));
+    EXPECT_FALSE(filter.filterOutIncludeException("/x/keep/f"));
+    EXPECT_TRUE(filter.filterOutIncludeException("/y"));
+    EXPECT_EQ(Patterns{}, includes(filter, ""));
+    // The list adders merge in byte order and take the strings.
+    filter.addIncludePattern("/m");
+    Patterns more{"/a", "/z"};
+    EXPECT_TRUE(filter.addIncludePattern(more));
+    EXPECT_TRUE(more.empty());
+    EXPECT_EQ((Patterns{"/a", "/m", "/z"}), includes(filter, ""));
+    more = {"/e"};
+    filter.addExcludePattern(more);
+    EXPECT_TRUE(filter.filterOut("/e"));
+    // More patterns than one word of the candidate table, indexed by their last byte.
+    for (int i = 0; i < 150; ++i) filter.addExcludePattern("/n/" + std::to_string(i));
+    EXPECT_TRUE(filter.filterOut("/n/149"));
+    EXPECT_FALSE(filter.filterOut("/n/150"));
+    // Paths are compared up to their first NUL byte.
+    EXPECT_TRUE(filter.filterOut(std::string("/e\0/x", 5)));
+}

@@ -1,0 +1,37 @@
+#include "telobackup/path/path_telo.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include "support/fake_platform.h"
+#include "support/syslog_capture.h"
+
+using TELO::Backup::Path;
+using testsupport::SyslogCapture;
+
+TEST(PathTelo, ShareNameFromThePlatform) {
+    fakeplatform::reset();
+    SyslogCapture log;
+    fakeplatform::outcomes().shareName = "photos";
+    EXPECT_EQ("photos", Path::getShareName("/volume1/photos/2024"));
+    EXPECT_EQ(492, fakeplatform::outcomes().shareNameSize);
+    EXPECT_EQ(4095, fakeplatform::outcomes().sharePathSize);
+    EXPECT_EQ(0u, log.size()) << log.dump();
+
+    fakeplatform::setFail("TELOShareNamePathGet", true, TELO_ERR_NOT_FOUND);
+    EXPECT_EQ("", Path::getShareName("/nowhere/x"));
+    EXPECT_EQ(1, log.count(LOG_ERR,
+                           "(<pid>) [err] path/path_telo:<line> Error: getting share path of "
+                           "[/nowhere/x] failed[0x0002 fake_platform.cpp:<line>]"))
+        << log.dump();
+    fakeplatform::reset();
+}
+
+TEST(PathTelo, EaDirComponents) {
+    for (const char *inside : {"/s/@eaDir/f", "@eaDir", "/s/@eaDir", "/s/@eaDir@eaDir/@eaDir"}) {
+        EXPECT_TRUE(Path::isInTeloEaDir(inside)) << inside;
+    }
+    for (const char *outside : {"/s/x@eaDir/f", "/s/@eaDirX", "/s/@eaDi", "", "/@eaDir@eaDir"}) {
+        EXPECT_FALSE(Path::isInTeloEaDir(outside)) << outside;
+    }
+}
