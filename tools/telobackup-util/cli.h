@@ -1,0 +1,71 @@
+// Shared pieces of the telobackup-util command-line tool: exit codes, errors, output.
+#ifndef TELO_TOOLS_TELOBACKUP_UTIL_CLI_H
+#define TELO_TOOLS_TELOBACKUP_UTIL_CLI_H
+
+#include <json/value.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace telocli {
+
+// The tool's exit codes (documented in --help and the man page).
+enum ExitCode {
+    kExitOk = 0,
+    kExitNotFound = 1,     // file, section, key, share, session or volume not found
+    kExitUsage = 2,        // bad command line: unknown option, bad JSON, bad name
+    kExitInvalidFile = 3,  // a file exists but cannot be read as what it should be
+    kExitCannotWrite = 4,  // a file could not be created or rewritten
+    kExitLockFailed = 5,   // the configuration lock could not be taken
+    kExitUnreachable = 6,  // no address of the host accepted a connection
+    kExitFailed = 7,       // anything else (a platform or system failure)
+};
+
+// Text of the exit-code table, for --help and the man page.
+const char *exitCodeTable();
+
+// A failure of a command: one line for standard error and the exit code.
+class CommandError : public std::runtime_error {
+  public:
+    CommandError(int code, const std::string &message) : std::runtime_error(message), code_(code) {}
+    int code() const { return code_; }
+
+  private:
+    int code_;
+};
+
+// Options shared by every command.
+struct Context {
+    bool json = false;  // machine-readable output
+};
+
+// Writes `value` as one line of JSON to standard output.
+void printJson(const Json::Value &value);
+
+// Writes `text` and a newline to standard output.
+void printLine(const std::string &text);
+
+// The CommandError for a failed system call: `what` followed by errno's text, and `code`.
+CommandError systemError(int code, const std::string &what);
+
+// Each adds one subcommand with its own options and handler.
+void addConfigCommand(CLI::App &app, Context &context);
+void addFilterCommand(CLI::App &app, Context &context);
+void addTemplateCommand(CLI::App &app, Context &context);
+void addProbeCommand(CLI::App &app, Context &context);
+void addShareCommand(CLI::App &app, Context &context);
+void addVolumesCommand(CLI::App &app, Context &context);
+void addTempCommands(CLI::App &app, Context &context);
+void addLogCommand(CLI::App &app, Context &context);
+
+// The manual page (roff) and the bash completion script, both made from the command tree.
+std::string manPage(const CLI::App &app);
+std::string bashCompletion(const CLI::App &app);
+
+}  // namespace telocli
+
+#endif

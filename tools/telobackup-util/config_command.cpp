@@ -1,0 +1,382 @@
+// config: section configuration files through OptionMap, writes under a lock token.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <list>
+#include <memory>
+
+#include "cli.h"
+#include "telobackup/json_text.h"
+#include "telobackup/option_map.h"
+#include "telobackup/path/path_util.h"
+
+namespace telocli {
+
+namespace {
+
+using TELO::Backup::OptionMap;
+using TELO::Backup::Path;
+
+struct ConfigArgs {
+    std::string file;
+    std::string section;
+    std::string key;
+    std::vector<std::string> assignments;  // KEY=JSON
+    std::vector<std::string> strings;      // KEY=TEXT
+    std::vector<std::string> secrets;      // KEY, value read from standard input
+    std::vector<std::string> keys;
+    std::string lockToken;
+    bool create = false;
+    bool increasing = false;
+    bool decrypt = false;
+};
+
+// FNV-1a, enough to tell files apart in a lock file name.
+uint64_t fnv1a(const std::string &text) {
+    uint64_t hash = 1469598103934665603ull;
+    for (unsigned char c : text) {
+        hash ^= c;
+        hash *= 1099511628211ull;
+    }
+    return hash;
+}
+
+// The default lock token of a configuration file:
+// "telobackup-util.<base name>.<16 hex digits of the FNV-1a hash of its real path>", the real
+// path being that of the file, or of its directory joined with its name when it does not exist
+// yet. Every tool invocation on the same file, by any name, takes the same lock.
+std::string defaultLockToken(const std::string &file) {
+    std::unique_ptr<char, void (*)(void *)> real(realpath(file.c_str(), nullptr), free);
+    std::string resolved;
+    if (real) {
+        resolved = real.get();
+    } else {
+        std::unique_ptr<char, void (*)(void *)> dir(realpath(Path::dirname(file).c_str(), nullptr),
+                                                    free);
+        resolved = Path::join(dir ? dir.get() : Path::dirname(file), Path::basename(file));
+    }
+    char hash[17];
+    snprintf(hash, sizeof(hash), "%016llx", static_cast<unsigned long long>(fnv1a(resolved)));
+    return "telobackup-util." + Path::basename(resolved).substr(0, 100) + "." + hash;
+}
+
+// Fails with "not found" or "invalid file" unless `file` is an existing regular file.
+void requireFile(const std::string &file) {
+    struct stat st;
+    if (stat(file.c_str(), &st) != 0) {
+        throw errno == ENOENT ? CommandError(kExitNotFound, file + ": no such file")
+                              : systemError(kExitInvalidFile, file);
+    }
+    if (!S_ISREG(st.st_mode)) throw CommandError(kExitInvalidFile, file + ": not a regular file");
+    if (access(file.c_str(), R_OK) != 0) throw systemError(kExitInvalidFile, file);
+}
+
+// Splits "KEY=VALUE" at its first "=".
+std::pair<std::string, std::string> splitAssignment(const std::string &arg, const char *what) {
+    size_t eq = arg.find('=');
+    if (eq == std::string::npos || eq == 0) {
+        throw CommandError(kExitUsage,
+                           std::string("bad ") + what + " '" + arg +
+                               "': expected KEY=" + (strcmp(what, "value") == 0 ? "JSON" : "TEXT"));
+    }
+    return {arg.substr(0, eq), arg.substr(eq + 1)};
+}
+
+// Reads one line of standard input (the newline dropped) for each secret key.
+std::string readSecret(const std::string &key) {
+    std::string value;
+    if (!std::getline(std::cin, value) && value.empty()) {
+        throw CommandError(kExitUsage, "no value on standard input for secret '" + key + "'");
+    }
+    if (!value.empty() && value.back() == '\r') value.pop_back();
+    return value;
+}
+
+// Puts every value of the command line into `map`, checking all of them before any is set.
+void applyValues(const ConfigArgs &args, OptionMap &map) {
+    std::vector<std::pair<std::string, Json::Value>> values;
+    for (const std::string &arg : args.assignments) {
+        auto kv = splitAssignment(arg, "value");
+        Json::Value value;
+        if (!TELO::Backup::jsonFromString(value, kv.second)) {
+            throw CommandError(kExitUsage, "bad value for '" + kv.first + "': not JSON: " +
+                                               kv.second + " (use --string for plain text)");
+        }
+        values.emplace_back(kv.first, value);
+    }
+    std::vector<std::pair<std::string, std::string>> texts;
+    for (const std::string &arg : args.strings) texts.push_back(splitAssignment(arg, "string"));
+    std::vector<std::pair<std::string, std::string>> secrets;
+    for (const std::string &key : args.secrets) secrets.emplace_back(key, readSecret(key));
+
+    for (const auto &kv : values) map.optSet(kv.first, kv.second);
+    for (const auto &kv : texts) map.optSet(kv.first, kv.second, false);
+    for (const auto &kv : secrets) {
+        map.optSet(kv.first, kv.second, true);
+        std::string stored;
+        if (map.optGet(kv.first, stored, false) && stored.empty() && !kv.second.empty()) {
+            throw CommandError(kExitFailed, "cannot encrypt secret '" + kv.first +
+                                                "' (see the system log; is the key file "
+                                                "readable?)");
+        }
+    }
+}
+
+void setToken(OptionMap &map, const ConfigArgs &args) {
+    map.setLockToken(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken);
+}
+
+// Holds the map's lock for a read-modify-write, releasing it on every way out.
+class HeldLock {
+  public:
+    explicit HeldLock(OptionMap &map) : map_(map) {
+        if (!map_.lock()) throw CommandError(kExitLockFailed, "cannot take the configuration lock");
+    }
+    ~HeldLock() {
+        if (held_) map_.unlock();
+    }
+    void release() {
+        held_ = false;
+        if (!map_.unlock()) throw CommandError(kExitLockFailed, "cannot release the lock");
+    }
+
+  private:
+    OptionMap &map_;
+    bool held_ = true;
+};
+
+// Loads `section` of `file` into `map`; not found is exit code 1.
+void loadSection(OptionMap &map, const std::string &file, const std::string &section) {
+    if (map.optSectionLoad(file, section, -1)) return;
+    if (errno == ENOENT) {
+        throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
+    }
+    throw systemError(kExitInvalidFile, file);
+}
+
+// Writes `map` as `section` of `file`; the caller holds the lock.
+void exportSection(const OptionMap &map, const std::string &file, const std::string &section,
+                   bool create) {
+    if (map.optSectionExport(file, section, create)) return;
+    if (errno == EINVAL) {
+        throw CommandError(kExitUsage, "invalid section or key name in [" + section + "]");
+    }
+    if (errno == ENOENT && !create) {
+        throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
+    }
+    throw systemError(kExitCannotWrite, "cannot write " + file);
+}
+
+void printValue(const Json::Value &value, bool json) {
+    if (value.isString() && !json) {
+        printLine(value.asString());
+    } else {
+        printJson(value);
+    }
+}
+
+void runSections(const ConfigArgs &args, const Context &context) {
+    requireFile(args.file);
+    std::list<std::string> names;
+    if (!OptionMap::optSectionListName(args.file, names))
+        throw systemError(kExitInvalidFile, args.file);
+    if (context.json) {
+        Json::Value list(Json::arrayValue);
+        for (const std::string &name : names) list.append(name);
+        printJson(list);
+    } else {
+        for (const std::string &name : names) printLine(name);
+    }
+}
+
+void runGet(const ConfigArgs &args, const Context &context) {
+    requireFile(args.file);
+    OptionMap map;
+    loadSection(map, args.file, args.section);
+    if (args.key.empty()) {
+        Json::Value all;
+        TELO::Backup::jsonFromString(all, map.optToJsonString());
+        printJson(all.isNull() ? Json::Value(Json::objectValue) : all);
+        return;
+    }
+    Json::Value value;
+    if (!map.optGet(args.key, value)) {
+        throw CommandError(kExitNotFound,
+                           args.file + ": no key '" + args.key + "' in [" + args.section + "]");
+    }
+    if (args.decrypt) {
+        std::string plain;
+        map.optGet(args.key, plain, true);
+        if (plain.empty() && !value.asString().empty()) {
+            throw CommandError(kExitFailed, "cannot decrypt '" + args.key + "'");
+        }
+        value = plain;
+    }
+    printValue(value, context.json);
+}
+
+void runSet(const ConfigArgs &args, const Context &) {
+    if (args.assignments.empty() && args.strings.empty() && args.secrets.empty()) {
+        throw CommandError(kExitUsage, "config set: nothing to set");
+    }
+    if (!args.create) requireFile(args.file);
+    OptionMap map;
+    applyValues(args, map);  // before the lock: standard input may be slow
+    OptionMap current;
+    setToken(current, args);
+    HeldLock lock(current);
+    if (!current.optSectionLoad(args.file, args.section, -1) && (errno != ENOENT || !args.create)) {
+        loadSection(current, args.file, args.section);  // reports the failure
+    }
+    current.optAppendJsonString(map.optToJsonString());
+    exportSection(current, args.file, args.section, args.create);
+    lock.release();
+}
+
+void runUnset(const ConfigArgs &args, const Context &) {
+    requireFile(args.file);
+    OptionMap map;
+    setToken(map, args);
+    HeldLock lock(map);
+    loadSection(map, args.file, args.section);
+    for (const std::string &key : args.keys) map.optRemove(key);
+    exportSection(map, args.file, args.section, false);
+    lock.release();
+}
+
+void runDelete(const ConfigArgs &args, const Context &) {
+    requireFile(args.file);
+    OptionMap map;
+    setToken(map, args);
+    loadSection(map, args.file, args.section);
+    if (!map.optSectionRemove()) {
+        if (errno == ENOENT) {
+            throw CommandError(kExitNotFound, args.file + ": no section [" + args.section + "]");
+        }
+        throw systemError(kExitCannotWrite, "cannot write " + args.file);
+    }
+}
+
+void runNew(const ConfigArgs &args, const Context &context) {
+    OptionMap map;
+    applyValues(args, map);
+    setToken(map, args);
+    bool created = args.increasing ? map.optSectionCreateIncreaseId(args.file, args.section)
+                                   : map.optSectionCreate(args.file, args.section, true);
+    if (!created) {
+        throw systemError(kExitCannotWrite,
+                          "cannot create a section " + args.section + "N in " + args.file);
+    }
+    if (!map.optSectionSave()) {
+        throw systemError(kExitCannotWrite, "created [" + map.optSectionGetName() +
+                                                "] but cannot save its values in " + args.file);
+    }
+    if (context.json) {
+        Json::Value out;
+        out["section"] = map.optSectionGetName();
+        out["id"] = map.optSectionGetId();
+        printJson(out);
+    } else {
+        printLine(map.optSectionGetName());
+    }
+}
+
+void runDump(const ConfigArgs &args, const Context &) {
+    requireFile(args.file);
+    std::list<std::string> names;
+    if (!OptionMap::optSectionListName(args.file, names))
+        throw systemError(kExitInvalidFile, args.file);
+    Json::Value all(Json::objectValue);
+    for (const std::string &name : names) {
+        if (all.isMember(name)) continue;  // a later copy of a name is never read
+        OptionMap map;
+        loadSection(map, args.file, name);
+        Json::Value values;
+        TELO::Backup::jsonFromString(values, map.optToJsonString());
+        all[name] = values.isNull() ? Json::Value(Json::objectValue) : values;
+    }
+    printJson(all);
+}
+
+void addValueOptions(CLI::App *command, ConfigArgs &args) {
+    command->add_option("--string", args.strings, "KEY=TEXT: a plain-text value (repeatable)")
+        ->allow_extra_args(false);
+    command
+        ->add_option("--secret", args.secrets,
+                     "KEY: an encrypted value read from standard input, one line per key "
+                     "(repeatable), so it never appears in a process listing")
+        ->allow_extra_args(false);
+}
+
+void addLockOption(CLI::App *command, ConfigArgs &args) {
+    command->add_option("--lock", args.lockToken,
+                        "Lock token shared with the other writers of FILE (default: "
+                        "telobackup-util.<name>.<hash of the real path>)");
+}
+
+}  // namespace
+
+void addConfigCommand(CLI::App &app, Context &context) {
+    auto args = std::make_shared<ConfigArgs>();
+    CLI::App *config = app.add_subcommand(
+        "config", "Read and write section configuration files (values are one-line JSON)");
+    config->require_subcommand(1);
+
+    CLI::App *sections = config->add_subcommand("sections", "List the section names of FILE");
+    sections->add_option("FILE", args->file, "Configuration file")->required();
+    sections->callback([args, &context] { runSections(*args, context); });
+
+    CLI::App *get = config->add_subcommand(
+        "get", "Print SECTION as a JSON object, or the value of KEY (strings as plain text)");
+    get->add_option("FILE", args->file, "Configuration file")->required();
+    get->add_option("SECTION", args->section, "Section name")->required();
+    get->add_option("KEY", args->key, "Key to print");
+    get->add_flag("--secret", args->decrypt, "Decrypt KEY, a secret value");
+    get->callback([args, &context] { runGet(*args, context); });
+
+    CLI::App *set = config->add_subcommand("set", "Set values in SECTION, keeping its other keys");
+    set->add_option("FILE", args->file, "Configuration file")->required();
+    set->add_option("SECTION", args->section, "Section name")->required();
+    set->add_option("VALUES", args->assignments, "KEY=JSON pairs: values as JSON texts");
+    addValueOptions(set, *args);
+    set->add_flag("--create", args->create, "Create FILE and SECTION when missing");
+    addLockOption(set, *args);
+    set->callback([args, &context] { runSet(*args, context); });
+
+    CLI::App *unset = config->add_subcommand("unset", "Remove keys from SECTION");
+    unset->add_option("FILE", args->file, "Configuration file")->required();
+    unset->add_option("SECTION", args->section, "Section name")->required();
+    unset->add_option("KEY", args->keys, "Keys to remove")->required();
+    addLockOption(unset, *args);
+    unset->callback([args, &context] { runUnset(*args, context); });
+
+    CLI::App *del = config->add_subcommand("delete", "Remove SECTION and all its lines");
+    del->add_option("FILE", args->file, "Configuration file")->required();
+    del->add_option("SECTION", args->section, "Section name")->required();
+    addLockOption(del, *args);
+    del->callback([args, &context] { runDelete(*args, context); });
+
+    CLI::App *create = config->add_subcommand(
+        "new",
+        "Create the section PREFIX<N> with the next free number N, save the values given, "
+        "print its name");
+    create->add_option("FILE", args->file, "Configuration file (created when missing)")->required();
+    create->add_option("PREFIX", args->section, "Section name prefix")->required();
+    create->add_option("VALUES", args->assignments, "KEY=JSON pairs: values as JSON texts");
+    addValueOptions(create, *args);
+    create->add_flag("--increasing", args->increasing,
+                     "Never reuse a number, even of a removed section (counter in [global])");
+    addLockOption(create, *args);
+    create->callback([args, &context] { runNew(*args, context); });
+
+    CLI::App *dump = config->add_subcommand("dump", "Print FILE as one JSON object of objects");
+    dump->add_option("FILE", args->file, "Configuration file")->required();
+    dump->callback([args, &context] { runDump(*args, context); });
+}
+
+}  // namespace telocli

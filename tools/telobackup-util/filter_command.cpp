@@ -1,0 +1,190 @@
+// filter: include/exclude decisions for paths from the command line or standard input.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "cli.h"
+#include "internal/eintr.h"
+#include "telobackup/json_text.h"
+#include "telobackup/path/path_filter.h"
+
+namespace telocli {
+
+namespace {
+
+struct FilterArgs {
+    std::vector<std::string> includes, priorIncludes, excludes, paths;
+    std::string fromFile;
+    std::string rule = "include-wins";
+    bool printExcluded = false;
+    bool nulSeparated = false;
+};
+
+// Adds the patterns of a file of "KIND<TAB>PATTERN" lines (KIND: prior, include or exclude);
+// blank lines and lines starting with "#" are skipped.
+void addPatternFile(const std::string &path, TELO::Backup::PathFilter &filter) {
+    std::ifstream in(path);
+    if (!in) throw systemError(errno == ENOENT ? kExitNotFound : kExitInvalidFile, path);
+    std::string line;
+    for (int number = 1; std::getline(in, line); ++number) {
+        if (line.empty() || line[0] == '#') continue;
+        size_t tab = line.find('\t');
+        std::string kind = line.substr(0, tab);
+        std::string pattern = tab == std::string::npos ? "" : line.substr(tab + 1);
+        if (tab == std::string::npos || pattern.empty()) {
+            throw CommandError(kExitInvalidFile,
+                               path + ":" + std::to_string(number) + ": expected KIND<TAB>PATTERN");
+        }
+        if (kind == "prior") {
+            filter.addPriorIncludePattern(pattern);
+        } else if (kind == "include") {
+            filter.addIncludePattern(pattern);
+        } else if (kind == "exclude") {
+            filter.addExcludePattern(pattern);
+        } else {
+            throw CommandError(kExitInvalidFile, path + ":" + std::to_string(number) +
+                                                     ": unknown kind '" + kind +
+                                                     "' (prior, include or exclude)");
+        }
+    }
+    if (in.bad()) throw systemError(kExitInvalidFile, path);
+}
+
+// Buffered writer of standard output; millions of lines go out in large writes.
+class Output {
+  public:
+    ~Output() { flush(); }
+    void put(const std::string &text, char end) {
+        if (buffer_.size() + text.size() + 1 > kSize) flush();
+        buffer_.append(text);
+        buffer_ += end;
+    }
+    void flush() {
+        if (!buffer_.empty() &&
+            !TELO::Backup::internal::writeFull(1, buffer_.data(), buffer_.size())) {
+            throw systemError(kExitFailed, "standard output");
+        }
+        buffer_.clear();
+    }
+
+  private:
+    static constexpr size_t kSize = 1 << 16;
+    std::string buffer_;
+};
+
+class Decider {
+  public:
+    Decider(TELO::Backup::PathFilter &filter, const FilterArgs &args, const Context &context)
+        : filter_(filter),
+          includeWins_(args.rule == "include-wins"),
+          printExcluded_(args.printExcluded),
+          json_(context.json),
+          end_(args.nulSeparated ? '\0' : '\n') {}
+
+    void decide(const std::string &path) {
+        bool excluded =
+            includeWins_ ? filter_.filterOut(path) : filter_.filterOutIncludeException(path);
+        if (json_) {
+            Json::Value row;
+            row["path"] = path;
+            row["kept"] = !excluded;
+            output_.put(TELO::Backup::jsonToString(row), '\n');
+        } else if (excluded == printExcluded_) {
+            output_.put(path, end_);
+        }
+    }
+
+    void flush() { output_.flush(); }
+
+  private:
+    TELO::Backup::PathFilter &filter_;
+    bool includeWins_, printExcluded_, json_;
+    char end_;
+    Output output_;
+};
+
+// Decides for every line (or NUL-terminated record) of standard input, streaming.
+void decideStandardInput(Decider &decider, char separator) {
+    std::vector<char> buffer(1 << 16);
+    std::string path;
+    size_t used = 0;
+    for (;;) {
+        ssize_t n = TELO::Backup::internal::retryOnEintr(
+            [&] { return read(0, buffer.data() + used, buffer.size() - used); });
+        if (n < 0) throw systemError(kExitFailed, "standard input");
+        size_t end = used + static_cast<size_t>(n);
+        size_t start = 0;
+        for (size_t i = used; i < end; ++i) {
+            if (buffer[i] != separator) continue;
+            path.assign(buffer.data() + start, i - start);
+            decider.decide(path);
+            start = i + 1;
+        }
+        // Keep the unfinished line; grow the buffer for a line longer than it.
+        used = end - start;
+        std::copy(buffer.begin() + static_cast<ptrdiff_t>(start),
+                  buffer.begin() + static_cast<ptrdiff_t>(end), buffer.begin());
+        if (n == 0) break;
+        if (used == buffer.size()) buffer.resize(buffer.size() * 2);
+    }
+    if (used > 0) {
+        path.assign(buffer.data(), used);
+        decider.decide(path);
+    }
+}
+
+void run(const FilterArgs &args, const Context &context) {
+    TELO::Backup::PathFilter filter;
+    for (const std::string &p : args.priorIncludes) filter.addPriorIncludePattern(p);
+    for (const std::string &p : args.includes) filter.addIncludePattern(p);
+    for (const std::string &p : args.excludes) filter.addExcludePattern(p);
+    if (!args.fromFile.empty()) addPatternFile(args.fromFile, filter);
+    Decider decider(filter, args, context);
+    if (args.paths.empty()) {
+        decideStandardInput(decider, args.nulSeparated ? '\0' : '\n');
+    } else {
+        for (const std::string &path : args.paths) decider.decide(path);
+    }
+    decider.flush();
+}
+
+}  // namespace
+
+void addFilterCommand(CLI::App &app, Context &context) {
+    auto args = std::make_shared<FilterArgs>();
+    CLI::App *command = app.add_subcommand(
+        "filter",
+        "Decide which paths a backup keeps: prints the kept paths of the arguments, or "
+        "of standard input (one per line), as they stream in");
+    command->add_option("--include", args->includes, "Include pattern (repeatable)")
+        ->allow_extra_args(false);
+    command
+        ->add_option("--prior-include", args->priorIncludes,
+                     "Prior include pattern: wins under both rules (repeatable)")
+        ->allow_extra_args(false);
+    command->add_option("--exclude", args->excludes, "Exclude pattern (repeatable)")
+        ->allow_extra_args(false);
+    command->add_option("--from-file", args->fromFile,
+                        "Patterns from a file of KIND<TAB>PATTERN lines (prior, include, exclude)");
+    command
+        ->add_option("--rule", args->rule,
+                     "include-wins: includes are exceptions to the excludes (the default); "
+                     "exclude-wins: excludes win and only included paths are kept")
+        ->check(CLI::IsMember({"include-wins", "exclude-wins"}));
+    command->add_flag("--print-excluded", args->printExcluded,
+                      "Print the excluded paths instead of the kept ones");
+    command->add_flag("-0,--null", args->nulSeparated,
+                      "Paths are NUL-terminated on input and output");
+    command->add_option("PATH", args->paths, "Paths to decide (default: standard input)");
+    command->footer(
+        "Patterns: ? is any byte but /, * any run without /, ** (two or more stars) any run with "
+        "/, \\ makes the next byte literal; a pattern matches the whole path, so write "
+        "/**/*.tmp rather than *.tmp. --json prints {\"path\":...,\"kept\":...} for every path.");
+    command->callback([args, &context] { run(*args, context); });
+}
+
+}  // namespace telocli

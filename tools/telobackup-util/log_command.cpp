@@ -1,0 +1,30 @@
+// log: one line to the application log.
+#include <CLI/CLI.hpp>
+
+#include "cli.h"
+#include "telobackup/log.h"
+#include "telobackup/path/path_util.h"
+
+namespace telocli {
+
+void addLogCommand(CLI::App &app, Context &) {
+    auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App *command =
+        app.add_subcommand("log",
+                           "Append one timestamped line to the application log (TELO_LOGFILE, else "
+                           "Quarnix.log beside the program; \"stderr\" for standard error)");
+    command->add_option("MESSAGE", *words, "The message (words are joined by blanks)")->required();
+    command->callback([words] {
+        std::string message;
+        for (const std::string &word : *words) {
+            if (!message.empty()) message += ' ';
+            message += word;
+        }
+        if (message.find('\n') != std::string::npos) {
+            throw CommandError(kExitUsage, "log: the message must be one line");
+        }
+        filelog(0, "%s", message.c_str());
+    });
+}
+
+}  // namespace telocli
