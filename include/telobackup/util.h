@@ -6,6 +6,8 @@
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/proc/exec.h"
+#include "telobackup/proc/signal.h"
 #include "telobackup/stringf.h"
 
 #endif

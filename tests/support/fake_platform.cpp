@@ -1,5 +1,7 @@
 #include "support/fake_platform.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <map>
 
@@ -94,6 +96,17 @@ int TELOACLArchiveCopy(const char *, const char *) {
 
 int TELOACLResetInherit(const char *) {
     return enter("TELOACLResetInherit", __LINE__) ? -1 : 0;
+}
+
+// ---- Processes ----
+
+// A real fork unless switched to fail, which fails as an exhausted process table would.
+pid_t TLIBCProcFork(void) {
+    if (enter("TLIBCProcFork", __LINE__)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return fork();
 }
 
 }  // extern "C"
