@@ -8,6 +8,7 @@
 #include "telobackup/path/path_util.h"
 #include "telobackup/proc/exec.h"
 #include "telobackup/proc/signal.h"
+#include "telobackup/proc/subprocess.h"
 #include "telobackup/stringf.h"
 
 #endif
