@@ -7,6 +7,7 @@
 #include "telobackup/mustache.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/proc/exec.h"
+#include "telobackup/proc/proc_util.h"
 #include "telobackup/proc/signal.h"
 #include "telobackup/proc/subprocess.h"
 #include "telobackup/stringf.h"
