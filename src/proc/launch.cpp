@@ -93,10 +93,6 @@ void setForkOnly(bool forkOnly) {
     forkOnlyFlag.store(forkOnly);
 }
 
-bool forkOnly() {
-    return forkOnlyFlag.load();
-}
-
 void ChildReport::add(int kind, int error, int arg) {
     ChildEvent event{kind, error, arg, static_cast<int>(getpid())};
     if (sink_ != nullptr) {

@@ -98,7 +98,6 @@ void exitChild(int code);
 // Makes every later start use fork instead of shared memory (tests and benchmarks compare the
 // two paths). Set it before launching.
 void setForkOnly(bool forkOnly);
-bool forkOnly();
 
 }  // namespace internal
 }  // namespace Backup

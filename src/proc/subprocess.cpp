@@ -54,7 +54,6 @@ class SubProcessPrivate {
     StreamSpec stdinSpec_;
     StreamSpec stdoutSpec_;
     StreamSpec stderrSpec_;
-    bool clearEnv_ = true;
 };
 
 namespace {
@@ -108,15 +107,7 @@ struct ChildPlan {
     // of every variable in name order would leave, in the same order.
     void prepareEnvironment() {
         std::vector<std::pair<std::string, std::string>> vars;
-        if (!record.clearEnv_) {
-            for (char **e = environ; *e != nullptr; ++e) {
-                const char *eq = strchr(*e, '=');
-                if (eq != nullptr)
-                    vars.emplace_back(std::string(*e, static_cast<size_t>(eq - *e)), eq + 1);
-            }
-        } else if (const char *path = getenv("PATH")) {
-            vars.emplace_back("PATH", path);
-        }
+        if (const char *path = getenv("PATH")) vars.emplace_back("PATH", path);
         for (const auto &entry : record.env_) {
             // setenv refuses such names.
             if (entry.first.empty() || entry.first.find('=') != std::string::npos) continue;
@@ -251,13 +242,11 @@ bool closeOtherDescriptors(const ChildPlan &plan, int nullFd) {
 
 // exec() only: the process itself gets the environment the program is to see.
 void applyEnvironment(const SubProcessPrivate &record) {
-    if (record.clearEnv_) {
-        const char *path = getenv("PATH");
-        bool hadPath = path != nullptr;
-        std::string oldPath = hadPath ? path : "";
-        clearenv();
-        if (hadPath) setenv("PATH", oldPath.c_str(), 1);
-    }
+    const char *path = getenv("PATH");
+    bool hadPath = path != nullptr;
+    std::string oldPath = hadPath ? path : "";
+    clearenv();
+    if (hadPath) setenv("PATH", oldPath.c_str(), 1);
     for (const auto &entry : record.env_) setenv(entry.first.c_str(), entry.second.c_str(), 1);
 }
 
