@@ -5,11 +5,16 @@
 #include "telobackup/json_text.h"
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
+#include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/proc/exec.h"
 #include "telobackup/proc/proc_util.h"
 #include "telobackup/proc/signal.h"
 #include "telobackup/proc/subprocess.h"
+#include "telobackup/section_config.h"
+#include "telobackup/session.h"
 #include "telobackup/stringf.h"
+#include "telobackup/temp_manager/temp_manager.h"
+#include "telobackup/temp_manager/volume_path_manager.h"
 
 #endif

@@ -528,8 +528,13 @@ bool placeNew(const std::string &src, const std::string &dst) {
 bool Path::renameWithMode(const std::string &src, const std::string &dst) {
     int entryErrno = errno;
     struct stat64 old;
-    if (lstat64(dst.c_str(), &old) == 0) return replaceExisting(src, dst, old);
-    if (errno != ENOENT) return false;
+    if (lstat64(dst.c_str(), &old) == 0) {
+        // A symbolic link's own attributes mean nothing for what replaces it (its mode would
+        // make the new file world-writable): it is replaced like a new name.
+        if (!S_ISLNK(old.st_mode)) return replaceExisting(src, dst, old);
+    } else if (errno != ENOENT) {
+        return false;
+    }
     errno = entryErrno;
     return placeNew(src, dst);
 }

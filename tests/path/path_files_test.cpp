@@ -401,3 +401,18 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
         },
         ChildOptions{.privateMounts = true});
 }
+
+// A link is replaced, not followed, and its mode (0777) is not taken over.
+TEST_F(PathFiles, RenameOverALinkUsesTheUmaskMode) {
+    writeFile(dir.file("target"), "target", 0600);
+    ASSERT_EQ(0, symlink(dir.file("target").c_str(), dir.file("link").c_str()));
+    writeFile(dir.file("new"), "new", 0600);
+    EXPECT_CHILD_OK([&] {
+        umask(022);
+        CHILD_CHECK(Path::renameWithMode(dir.file("new"), dir.file("link")));
+        CHILD_CHECK_EQ(0644, fileMode(dir.file("link")));
+        CHILD_CHECK_EQ(std::string("target"), readFile(dir.file("target")));
+        CHILD_CHECK_EQ(0600, fileMode(dir.file("target")));
+        return std::string();
+    });
+}

@@ -3,6 +3,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 
 namespace fakeplatform {
@@ -96,6 +99,97 @@ int TELOACLArchiveCopy(const char *, const char *) {
 
 int TELOACLResetInherit(const char *) {
     return enter("TELOACLResetInherit", __LINE__) ? -1 : 0;
+}
+
+// ---- String encryption: hex of each byte XOR 0x5A, so tests can read and forge it ----------
+
+int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize) {
+    if (enter("TLIBCCryptSzEncrypt", __LINE__)) return 0;
+    size_t length = strlen(plain);
+    if (outSize < (length + 2) * 2) return 0;
+    for (size_t i = 0; i < length; ++i) {
+        snprintf(out + 2 * i, 3, "%02x", static_cast<unsigned char>(plain[i]) ^ 0x5A);
+    }
+    out[2 * length] = '\0';
+    return 1;
+}
+
+int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize) {
+    if (enter("TLIBCCryptSzDecrypt", __LINE__)) return 0;
+    size_t length = strlen(cipher);
+    unsigned int byte = 0;
+    for (size_t i = 0; i < length / 2 && length / 2 < outSize; ++i) {
+        if (sscanf(cipher + 2 * i, "%2x", &byte) != 1 || (byte ^ 0x5A) == 0) break;
+        out[i] = static_cast<char>(byte ^ 0x5A);
+        if (i + 1 == length / 2 && length % 2 == 0) return (out[i + 1] = '\0', 1);
+    }
+    fakeplatform::lastError = {TELO_ERR_CRYPTO, fakeplatform::kFakeFile, __LINE__};
+    return 0;
+}
+
+}  // extern "C"
+
+// ---- Volumes ----------------------------------------------------------------------------------
+
+extern "C" {
+
+int TELOVolumeSupportLocGet(void) {
+    if (enter("TELOVolumeSupportLocGet", __LINE__)) return 0;
+    return outcomes().volumeLocation;
+}
+
+TELOVOLInfo *TELOMountVolAllEnum(int, int, int) {
+    if (enter("TELOMountVolAllEnum", __LINE__)) return nullptr;
+    if (outcomes().volumes.empty()) {
+        fakeplatform::lastError = {TELO_ERR_NOT_FOUND, fakeplatform::kFakeFile, __LINE__};
+        return nullptr;
+    }
+    TELOVOLInfo *head = nullptr;
+    TELOVOLInfo **tail = &head;
+    for (const fakeplatform::Volume &volume : outcomes().volumes) {
+        auto *record = static_cast<TELOVOLInfo *>(calloc(1, sizeof(TELOVOLInfo)));
+        snprintf(record->volPath, sizeof(record->volPath), "%s", volume.path.c_str());
+        record->fsType = volume.fsType;
+        record->freeBytes = volume.freeBytes;
+        record->mounted = volume.mounted;
+        record->usable = volume.usable;
+        *tail = record;
+        tail = &record->next;
+    }
+    return head;
+}
+
+int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
+    if (enter("TELOMountVolInfoGet", __LINE__)) return -1;
+    auto it = outcomes().volumeOfPath.find(path);
+    if (it == outcomes().volumeOfPath.end()) {
+        fakeplatform::lastError = {TELO_ERR_NOT_FOUND, fakeplatform::kFakeFile, __LINE__};
+        return -1;
+    }
+    snprintf(info->volPath, sizeof(info->volPath), "%s", it->second.c_str());
+    info->mounted = 1;
+    info->usable = 1;
+    info->next = nullptr;
+    return 0;
+}
+
+void TELOMountVolInfoFree(TELOVOLInfo *list) {
+    ++fakeplatform::state("TELOMountVolInfoFree").calls;
+    while (list != nullptr) {
+        TELOVOLInfo *next = list->next;
+        free(list);
+        list = next;
+    }
+}
+
+int TELOShareTmpPathGet(const char *volPath, char *buf, int size) {
+    if (enter("TELOShareTmpPathGet", __LINE__)) return -1;
+    auto it = outcomes().shareTmpPaths.find(volPath);
+    std::string path = it != outcomes().shareTmpPaths.end()
+                           ? it->second
+                           : std::string(volPath) + "/.telobackup-tmp";
+    snprintf(buf, static_cast<size_t>(size), "%s", path.c_str());
+    return 0;
 }
 
 // ---- Processes ----

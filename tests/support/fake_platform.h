@@ -4,7 +4,9 @@
 #ifndef TELO_TESTS_SUPPORT_FAKE_PLATFORM_H
 #define TELO_TESTS_SUPPORT_FAKE_PLATFORM_H
 
+#include <map>
 #include <string>
+#include <vector>
 
 #include "telo/platform.h"
 
@@ -24,10 +26,28 @@ FunctionState &state(const std::string &name);
 int calls(const std::string &name);
 void setFail(const std::string &name, bool fail = true, unsigned int errorCode = TELO_ERR_SYSTEM);
 
+// A volume the fake enumerates.
+struct Volume {
+    std::string path;
+    int fsType = TELO_FS_EXT4;
+    unsigned long long freeBytes = 0;
+    int mounted = 1;
+    int usable = 1;
+};
+
 // Outcomes of the functions that do not fail.
 struct Outcomes {
     int fsType = TELO_FS_EXT4;  // TELOGetFSType
     int aclSupport = 0;         // TELOACLIsSupport
+
+    // Volumes: TELOVolumeSupportLocGet gives volumeLocation; TELOMountVolAllEnum lists
+    // `volumes` (none: NULL with TELO_ERR_NOT_FOUND); TELOMountVolInfoGet finds the volume of a
+    // path in `volumeOfPath` (absent: TELO_ERR_NOT_FOUND); TELOShareTmpPathGet answers from
+    // `shareTmpPaths` (absent: "<volume>/.telobackup-tmp", not created).
+    int volumeLocation = TELO_VOL_LOCATION_DISK;
+    std::vector<Volume> volumes;
+    std::map<std::string, std::string> volumeOfPath;
+    std::map<std::string, std::string> shareTmpPaths;
 };
 Outcomes &outcomes();
 

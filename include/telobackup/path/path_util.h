@@ -106,8 +106,9 @@ class TELO_EXPORT Path {
     // Moves `src` over `dst`. When `dst` exists, it keeps the replaced file's platform ACL, or,
     // without platform ACLs, its permission bits (set-id and sticky bits dropped) and owner;
     // those are given to `src` before the rename, so readers never see the new file with the
-    // writer's mode or owner. A new `dst` gets the mode it would have had if created under the
-    // current umask (0666 or 0777 minus umask). A refused chmod (EPERM) is accepted on FAT and
+    // writer's mode or owner. A new `dst`, or one that is a symbolic link (replaced, not
+    // followed), gets the mode it would have had if created under the current umask (0666 or
+    // 0777 minus umask). A refused chmod (EPERM) is accepted on FAT and
     // foreign file systems (TELOGetFSType codes 0 and 5).
     // Failure: false, errno from the failing call, `dst` unchanged unless the rename itself
     // succeeded. Logs "Failed to copy ACL from [%s] to [%s]", "rename failed, %m [%s]",

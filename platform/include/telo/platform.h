@@ -119,37 +119,51 @@ TELO_PLATFORM_API int TELOACLResetInherit(const char *path);
 TELO_PLATFORM_API int TELOShareNamePathGet(const char *path, char *name, int nameSize,
                                            char *sharePath, int sharePathSize);
 
-/* Directory for temporary data on the volume mounted at `volPath`: "<volPath>/.telobackup-tmp",
- * created with mode 01777 when missing and the volume root is writable. Writes it into `buf`
- * and returns 0. Failure: -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_BUFFER_SMALL or
- * TELO_ERR_SYSTEM (the directory is missing and cannot be created; errno set). */
+/* Directory for temporary data on the volume mounted at `volPath`: "<volPath>/.telobackup-tmp".
+ * When it is missing and the volume root is writable by the caller it is created, world-writable
+ * and sticky (mode 01777, like /tmp). A symbolic link or a non-directory at that name is never
+ * used. Writes the path into `buf` and returns 0. Failure: -1 with TELO_ERR_INVALID_PARAM (null,
+ * relative path, no buffer), TELO_ERR_BUFFER_SMALL (errno ENAMETOOLONG) or TELO_ERR_SYSTEM (the
+ * directory is missing and cannot be created, or the name is taken: errno ELOOP, ENOTDIR or the
+ * failing call's). */
 TELO_PLATFORM_API int TELOShareTmpPathGet(const char *volPath, char *buf, int size);
 
 /* ---- Volumes ------------------------------------------------------------------------------ */
 
-/* One mounted volume. Records of an enumeration are chained through `next`. */
+/* One mounted volume. Records of an enumeration are chained through `next`.
+ * A volume of the generic server is a disk file system of the mount table (TELO_MOUNTINFO):
+ * a known disk type (TELOGetFSType codes 0 to 5, zfs) or a block-device source, mounted on a
+ * directory. Pseudo and network file systems, read-only images (squashfs, iso9660, ...) and bind
+ * mounts of single files are not volumes. Of mounts stacked on one mount point only the visible
+ * (last) one counts. */
 typedef struct TELOVOLInfo {
     char volPath[4096];           /* mount point of the volume, "" when unknown */
     int fsType;                   /* TELOGetFSType code */
-    unsigned long long freeBytes; /* space available to the caller */
-    int mounted;                  /* status: non-zero when mounted */
-    int usable;                   /* status: non-zero when writable and healthy */
+    unsigned long long freeBytes; /* space available to the caller (statvfs f_bavail x f_frsize) */
+    int mounted;                  /* status: non-zero when mounted (always, for listed volumes) */
+    int usable;                   /* status: non-zero when mounted read-write and statvfs works */
     struct TELOVOLInfo *next;     /* next record of an enumeration, NULL at the end */
 } TELOVOLInfo;
 
-/* Location code of the volumes that can hold application data; 0 when the machine has none.
- * Generic server: 1 (the disk file systems of the mount table). */
+/* The only volume location of a generic server: its local disks. */
+#define TELO_VOL_LOCATION_DISK 1
+
+/* Location code of the volumes that can hold application data: TELO_VOL_LOCATION_DISK when the
+ * mount table lists at least one volume; 0 when it lists none or cannot be read (then with
+ * TELO_ERR_SYSTEM recorded). */
 TELO_PLATFORM_API int TELOVolumeSupportLocGet(void);
 
-/* Every mounted disk volume of `location` as a list of records (free it with
- * TELOMountVolInfoFree); `flags` is reserved (0) and `mode` 2 asks for free-space figures.
- * Pseudo file systems and bind mounts of single files are left out; one record per mount
- * point. Failure or no volume: NULL with TELO_ERR_SYSTEM, TELO_ERR_NOT_FOUND or
+/* Every volume of `location` as a list of records in mount order (free it with
+ * TELOMountVolInfoFree); `flags` is reserved (0) and `mode` is accepted for compatibility (free
+ * space is always filled in). Failure or no volume: NULL with TELO_ERR_NOT_FOUND (a location
+ * other than TELO_VOL_LOCATION_DISK, or no volume), TELO_ERR_SYSTEM (mount table unreadable) or
  * TELO_ERR_NO_MEMORY. */
 TELO_PLATFORM_API TELOVOLInfo *TELOMountVolAllEnum(int flags, int location, int mode);
 
-/* Fills `info` with the volume holding `path` (longest mount-point prefix of its real path);
- * info->next is set to NULL. 0 on success; -1 with TELO_ERR_INVALID_PARAM or TELO_ERR_NOT_FOUND. */
+/* Fills `info` with the volume holding `path`: the mount whose mount point is the longest
+ * component-wise prefix of the path's real path, when that mount is a volume; info->next is set
+ * to NULL. 0 on success; -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_NOT_FOUND (the path does not
+ * resolve, or lies on a mount that is not a volume, such as a tmpfs) or TELO_ERR_SYSTEM. */
 TELO_PLATFORM_API int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info);
 
 /* Frees a list returned by TELOMountVolAllEnum; NULL is ignored. */
@@ -178,14 +192,31 @@ TELO_PLATFORM_API int BlTLIBIsv6IpAddrValid(const char *addr);
 
 /* ---- String encryption -------------------------------------------------------------------- */
 
+/* Key: 32 bytes in TELO_SECRET_KEY_FILE (default /etc/telobackup/secret.key). When the file is
+ * missing, the first call creates it (and its directory, mode 0755) with random bytes and mode
+ * 0600, without overwriting: of two processes starting at once, both end up with the same key.
+ * A key that cannot be created, opened or read, or that is not exactly 32 bytes, fails the call
+ * with TELO_ERR_KEY (errno from the failing call; EINVAL for a wrong size).
+ *
+ * Ciphertext: base64url text (A-Z a-z 0-9 - _) of at most 2 * strlen(plain) + 3 characters.
+ * Any change to it makes decryption fail, except with the chance of a forged authenticator,
+ * whose size is all the size rule leaves room for: for a plain text of L bytes the
+ * authenticator has min(16 + 8 * (L / 2), 128) bits (integer division): 16 bits for 0-1 bytes,
+ * 32 for 4-5, 64 for 12-13, 96 for 20-21, the full 128 from 28 bytes on. Texts shorter than
+ * 30 bytes are encrypted deterministically (equal texts give equal ciphertexts, which shows
+ * that they are equal); from 30 bytes on, random salt is added (16 bytes from 60 bytes on). */
+
 /* Encrypts the NUL-terminated `plain` into printable, NUL-terminated text in `out`, which must
- * hold (strlen(plain) + 2) * 2 bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM,
- * TELO_ERR_BUFFER_SMALL, TELO_ERR_KEY or TELO_ERR_SYSTEM. */
+ * hold (strlen(plain) + 2) * 2 bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM
+ * (null pointer; errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE), TELO_ERR_KEY or
+ * TELO_ERR_SYSTEM. */
 TELO_PLATFORM_API int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize);
 
 /* Decrypts text made by TLIBCCryptSzEncrypt into `out`, which must hold
- * max(strlen(cipher), 10) bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM,
- * TELO_ERR_BUFFER_SMALL, TELO_ERR_KEY or TELO_ERR_CRYPTO (malformed or tampered text). */
+ * max(strlen(cipher), 10) bytes (the plain text and its NUL always fit there). Non-zero on
+ * success; 0 with TELO_ERR_INVALID_PARAM (errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE),
+ * TELO_ERR_KEY or TELO_ERR_CRYPTO (malformed or tampered text, or another key; errno EBADMSG),
+ * `out` then untouched. */
 TELO_PLATFORM_API int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize);
 
 #ifdef __cplusplus

@@ -1,0 +1,278 @@
+// Authenticated string encryption under the machine's secret key.
+//
+// Ciphertext = base64url(tag | salt | XChaCha20(plain)) without padding. The tag is a keyed
+// BLAKE2b of (length, salt, plain) cut to what the size rule leaves room for, and the stream
+// nonce is derived from (tag, salt, length): a synthetic IV, so that the tag authenticates and
+// short texts need no room for a separate nonce. Room goes to the tag first (up to 16 bytes),
+// then to random salt (up to 16 bytes).
+#include <fcntl.h>
+#include <sodium.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform_error.h"
+#include "telo/platform.h"
+
+namespace {
+
+constexpr char kPlatformFile[] = "src/crypt.cpp";
+constexpr char kDefaultKeyFile[] = "/etc/telobackup/secret.key";
+constexpr char kKdfContext[] = "telosecr";
+constexpr size_t kKeyBytes = 32;
+constexpr size_t kMaxTag = 16;
+constexpr size_t kMaxSalt = 16;
+constexpr size_t kNonceBytes = crypto_stream_xchacha20_NONCEBYTES;
+constexpr int kBase64 = sodium_base64_VARIANT_URLSAFE_NO_PADDING;
+
+struct Layout {
+    size_t plain, tag, salt;
+    size_t total() const { return plain + tag + salt; }
+};
+
+// Bytes that fit in (plain + 2) * 2 - 1 base64 characters, less the plain text.
+Layout layoutFor(size_t plain) {
+    size_t room = (2 * plain + 9) / 4;
+    Layout layout{plain, room < kMaxTag ? room : kMaxTag, 0};
+    size_t left = room - layout.tag;
+    layout.salt = left < kMaxSalt ? left : kMaxSalt;
+    return layout;
+}
+
+// Sub-keys of the machine key, wiped when done.
+struct Keys {
+    unsigned char encrypt[crypto_stream_xchacha20_KEYBYTES];
+    unsigned char mac[crypto_generichash_KEYBYTES];
+    unsigned char nonce[crypto_generichash_KEYBYTES];
+    ~Keys() { sodium_memzero(this, sizeof(*this)); }
+};
+
+class Fd {
+  public:
+    explicit Fd(int fd) : fd_(fd) {}
+    ~Fd() {
+        if (fd_ >= 0) {
+            int saved = errno;
+            close(fd_);
+            errno = saved;
+        }
+    }
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+std::string keyFilePath() {
+    const char *configured = getenv("TELO_SECRET_KEY_FILE");
+    return configured != nullptr && *configured != '\0' ? configured : kDefaultKeyFile;
+}
+
+bool writeAll(int fd, const unsigned char *data, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Places a new random key at `path` without ever overwriting one: it is written under a
+// temporary name and linked into place, so of two processes starting at once one key wins and
+// both read it. False with errno set.
+bool createKey(const std::string &path) {
+    std::string dir = path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'));
+    if (!dir.empty() && mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    std::vector<char> temp(path.begin(), path.end());
+    const char suffix[] = ".XXXXXX";
+    temp.insert(temp.end(), suffix, suffix + sizeof(suffix));
+    Fd fd(mkostemp(temp.data(), O_CLOEXEC));
+    if (fd.get() < 0) return false;
+    unsigned char key[kKeyBytes];
+    randombytes_buf(key, sizeof(key));
+    bool ok =
+        fchmod(fd.get(), 0600) == 0 && writeAll(fd.get(), key, sizeof(key)) && fsync(fd.get()) == 0;
+    sodium_memzero(key, sizeof(key));
+    if (ok && link(temp.data(), path.c_str()) != 0 && errno != EEXIST) {
+        // File systems without hard links still offer an exclusive rename.
+        ok = (errno == EPERM || errno == EOPNOTSUPP) &&
+             (renameat2(AT_FDCWD, temp.data(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0 ||
+              errno == EEXIST);
+    }
+    int saved = errno;
+    unlink(temp.data());
+    errno = saved;
+    return ok;
+}
+
+// Reads the machine key, creating it on first use, and derives the sub-keys.
+bool loadKeys(Keys &keys) {
+    std::string path = keyFilePath();
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT) {
+        if (!createKey(path)) {
+            TELO_PLATFORM_FAIL(TELO_ERR_KEY);
+            return false;
+        }
+        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    Fd owner(fd);
+    if (fd < 0) {
+        TELO_PLATFORM_FAIL(TELO_ERR_KEY);
+        return false;
+    }
+    unsigned char master[kKeyBytes + 1];
+    size_t got = 0;
+    while (got < sizeof(master)) {
+        ssize_t n = read(fd, master + got, sizeof(master) - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            sodium_memzero(master, sizeof(master));
+            TELO_PLATFORM_FAIL(TELO_ERR_KEY);
+            return false;
+        }
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    bool ok = got == kKeyBytes;
+    if (ok) {
+        crypto_kdf_derive_from_key(keys.encrypt, sizeof(keys.encrypt), 1, kKdfContext, master);
+        crypto_kdf_derive_from_key(keys.mac, sizeof(keys.mac), 2, kKdfContext, master);
+        crypto_kdf_derive_from_key(keys.nonce, sizeof(keys.nonce), 3, kKdfContext, master);
+    }
+    sodium_memzero(master, sizeof(master));
+    if (!ok) {
+        errno = EINVAL;
+        TELO_PLATFORM_FAIL(TELO_ERR_KEY);
+    }
+    return ok;
+}
+
+void computeTag(const Keys &keys, const Layout &layout, const unsigned char *salt,
+                const unsigned char *plain, unsigned char *tag) {
+    unsigned char length[8];
+    for (int i = 0; i < 8; ++i) length[i] = static_cast<unsigned char>(layout.plain >> (8 * i));
+    unsigned char full[crypto_generichash_BYTES];
+    crypto_generichash_state state;
+    crypto_generichash_init(&state, keys.mac, sizeof(keys.mac), sizeof(full));
+    crypto_generichash_update(&state, length, sizeof(length));
+    crypto_generichash_update(&state, salt, layout.salt);
+    crypto_generichash_update(&state, plain, layout.plain);
+    crypto_generichash_final(&state, full, sizeof(full));
+    memcpy(tag, full, layout.tag);
+}
+
+// Applies the keystream selected by (tag, salt, length) to `data`.
+void applyStream(const Keys &keys, const Layout &layout, const unsigned char *tagAndSalt,
+                 const unsigned char *in, unsigned char *out) {
+    unsigned char length[8];
+    for (int i = 0; i < 8; ++i) length[i] = static_cast<unsigned char>(layout.plain >> (8 * i));
+    unsigned char nonce[kNonceBytes];
+    crypto_generichash_state state;
+    crypto_generichash_init(&state, keys.nonce, sizeof(keys.nonce), sizeof(nonce));
+    crypto_generichash_update(&state, tagAndSalt, layout.tag + layout.salt);
+    crypto_generichash_update(&state, length, sizeof(length));
+    crypto_generichash_final(&state, nonce, sizeof(nonce));
+    crypto_stream_xchacha20_xor(out, in, layout.plain, nonce, keys.encrypt);
+}
+
+bool ready() {
+    if (sodium_init() >= 0) return true;
+    errno = EIO;
+    TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
+    return false;
+}
+
+}  // namespace
+
+extern "C" int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize) {
+    if (plain == nullptr || out == nullptr) {
+        errno = EINVAL;
+        TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
+        return 0;
+    }
+    size_t length = strlen(plain);
+    if (length > (SIZE_MAX / 2) - 2 || outSize < (length + 2) * 2) {
+        errno = ERANGE;
+        TELO_PLATFORM_FAIL(TELO_ERR_BUFFER_SMALL);
+        return 0;
+    }
+    Keys keys;
+    if (!ready() || !loadKeys(keys)) return 0;
+    Layout layout = layoutFor(length);
+    std::vector<unsigned char> sealed(layout.total());
+    unsigned char *tag = sealed.data();
+    unsigned char *salt = tag + layout.tag;
+    unsigned char *body = salt + layout.salt;
+    const unsigned char *text = reinterpret_cast<const unsigned char *>(plain);
+    randombytes_buf(salt, layout.salt);
+    computeTag(keys, layout, salt, text, tag);
+    applyStream(keys, layout, tag, text, body);
+    sodium_bin2base64(out, outSize, sealed.data(), sealed.size(), kBase64);
+    return 1;
+}
+
+extern "C" int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize) {
+    if (cipher == nullptr || out == nullptr || outSize == 0) {
+        errno = EINVAL;
+        TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
+        return 0;
+    }
+    if (!ready()) return 0;
+    size_t length = strlen(cipher);
+    std::vector<unsigned char> sealed(length);
+    size_t decoded = 0;
+    const char *end = nullptr;
+    if (sodium_base642bin(sealed.data(), sealed.size(), cipher, length, nullptr, &decoded, &end,
+                          kBase64) != 0 ||
+        end != cipher + length || decoded < 2) {
+        errno = EBADMSG;
+        TELO_PLATFORM_FAIL(TELO_ERR_CRYPTO);
+        return 0;
+    }
+    // The plain length is the one whose layout has exactly this size.
+    Layout layout{0, 0, 0};
+    bool matched = false;
+    for (size_t plain = decoded > kMaxTag + kMaxSalt ? decoded - kMaxTag - kMaxSalt : 0;
+         plain <= decoded && !matched; ++plain) {
+        layout = layoutFor(plain);
+        matched = layout.total() == decoded;
+    }
+    if (!matched) {
+        errno = EBADMSG;
+        TELO_PLATFORM_FAIL(TELO_ERR_CRYPTO);
+        return 0;
+    }
+    if (outSize < layout.plain + 1) {
+        errno = ERANGE;
+        TELO_PLATFORM_FAIL(TELO_ERR_BUFFER_SMALL);
+        return 0;
+    }
+    Keys keys;
+    if (!loadKeys(keys)) return 0;
+    const unsigned char *tag = sealed.data();
+    const unsigned char *salt = tag + layout.tag;
+    std::vector<unsigned char> plain(layout.plain + 1, 0);
+    applyStream(keys, layout, tag, salt + layout.salt, plain.data());
+    unsigned char expected[kMaxTag];
+    computeTag(keys, layout, salt, plain.data(), expected);
+    bool authentic = sodium_memcmp(expected, tag, layout.tag) == 0 &&
+                     memchr(plain.data(), '\0', layout.plain) == nullptr;
+    if (authentic) memcpy(out, plain.data(), layout.plain + 1);
+    sodium_memzero(plain.data(), plain.size());
+    if (!authentic) {
+        errno = EBADMSG;
+        TELO_PLATFORM_FAIL(TELO_ERR_CRYPTO);
+        return 0;
+    }
+    return 1;
+}

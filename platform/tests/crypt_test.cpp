@@ -1,0 +1,120 @@
+// String encryption under a key file in a temporary directory.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.h"
+#include "telo/platform.h"
+
+using namespace testsupport;
+
+namespace {
+
+class Crypt : public ::testing::Test {
+  protected:
+    void SetUp() override { setenv("TELO_SECRET_KEY_FILE", key.c_str(), 1); }
+    void TearDown() override { unsetenv("TELO_SECRET_KEY_FILE"); }
+
+    // Ciphertext in a buffer of exactly the documented size, or "" on failure.
+    static std::string encrypt(const std::string &plain) {
+        std::vector<char> out((plain.size() + 2) * 2);
+        return TLIBCCryptSzEncrypt(plain.c_str(), out.data(), out.size()) ? out.data() : "";
+    }
+    static bool decrypt(const std::string &cipher, std::string &plain) {
+        std::vector<char> out(std::max<size_t>(cipher.size(), 10));
+        if (TLIBCCryptSzDecrypt(cipher.c_str(), out.data(), out.size()) == 0) return false;
+        plain = out.data();
+        return true;
+    }
+
+    TempDir dir;
+    std::string key = dir.file("keys/secret.key");
+};
+
+}  // namespace
+
+TEST_F(Crypt, RoundTripsEveryLengthAndByte) {
+    std::mt19937 rng(7);
+    std::string plain, back;
+    for (size_t length = 0; length <= 4096; ++length) {
+        std::string cipher = encrypt(plain);
+        ASSERT_EQ(std::string::npos,
+                  cipher.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                           "0123456789-_"));
+        ASSERT_TRUE(decrypt(cipher, back) && plain == back) << length;
+        plain += static_cast<char>(1 + rng() % 255);
+    }
+    EXPECT_EQ(0600, fileMode(key));
+    EXPECT_EQ(std::vector<std::string>{"secret.key"}, listDir(dir.file("keys")));
+    // Short texts are deterministic; long ones carry random salt.
+    EXPECT_EQ(encrypt("same"), encrypt("same"));
+    EXPECT_NE(encrypt(std::string(64, 's')), encrypt(std::string(64, 's')));
+}
+
+TEST_F(Crypt, AnyChangeFailsAuthentication) {
+    std::string back;
+    for (const std::string &plain : std::vector<std::string>{"", "ab", std::string(40, 'x')}) {
+        std::string cipher = encrypt(plain);
+        int accepted = decrypt(cipher + "A", back) + decrypt(cipher.substr(1), back);
+        for (size_t i = 0; i < cipher.size(); ++i) {
+            for (char c : {'A', 'z', '0', '_'}) {
+                std::string forged = cipher;
+                forged[i] = c;
+                if (forged != cipher) accepted += decrypt(forged, back);
+            }
+        }
+        // A 16-bit authenticator may let one in a few thousand through; longer ones none.
+        EXPECT_LE(accepted, plain.empty() ? 1 : 0) << plain;
+        EXPECT_EQ(TELO_ERR_CRYPTO, TLIBCErrGet());
+        EXPECT_STREQ("src/crypt.cpp", TLIBCErrorGetFile());
+    }
+}
+
+TEST_F(Crypt, KeyAndBufferFailures) {
+    std::string cipher = encrypt("secret"), back;
+    char buffer[16];
+    EXPECT_EQ(0, TLIBCCryptSzEncrypt("secret", buffer, 15) +  // needs (6 + 2) * 2
+                     TLIBCCryptSzDecrypt(cipher.c_str(), buffer, 6));
+    EXPECT_EQ(TELO_ERR_BUFFER_SMALL, TLIBCErrGet());
+    writeFile(key, std::string(32, 'k'), 0600);  // another key
+    EXPECT_FALSE(decrypt(cipher, back));
+    EXPECT_EQ(TELO_ERR_CRYPTO, TLIBCErrGet());
+    writeFile(key, std::string(31, 'k'), 0600);
+    EXPECT_EQ("", encrypt("x"));
+    EXPECT_EQ(TELO_ERR_KEY, TLIBCErrGet());
+    setenv("TELO_SECRET_KEY_FILE", dir.file("missing/dir/secret.key").c_str(), 1);
+    EXPECT_EQ("", encrypt("x"));
+    EXPECT_EQ(TELO_ERR_KEY, TLIBCErrGet());
+    EXPECT_EQ(ENOENT, errno);
+}
+
+// Processes that start at once and all find no key end up with one key between them.
+TEST_F(Crypt, ConcurrentFirstUseMakesOneKey) {
+    for (int round = 0; round < 5; ++round) {
+        setenv("TELO_SECRET_KEY_FILE", dir.file("race" + std::to_string(round)).c_str(), 1);
+        int fds[2];
+        ASSERT_EQ(0, pipe(fds));
+        for (int p = 0; p < 6; ++p) {
+            if (fork() == 0) {
+                char out[64];
+                int ok = TLIBCCryptSzEncrypt("shared", out, sizeof(out));
+                _exit(ok && write(fds[1], out, sizeof(out)) == sizeof(out) ? 0 : 1);
+            }
+        }
+        close(fds[1]);
+        char cipher[64];
+        std::string back;
+        for (int p = 0; p < 6; ++p) {
+            ASSERT_EQ(static_cast<ssize_t>(sizeof(cipher)), read(fds[0], cipher, sizeof(cipher)));
+            EXPECT_TRUE(decrypt(cipher, back) && back == "shared");
+            wait(nullptr);
+        }
+        close(fds[0]);
+        EXPECT_EQ(static_cast<size_t>(round + 1), listDir(dir.path()).size());
+    }
+}

@@ -1,0 +1,655 @@
+#include "telobackup/section_config.h"
+
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "internal/eintr.h"
+#include "internal/syslog.h"
+#include "internal/unique_fd.h"
+#include "telobackup/json_text.h"
+#include "telobackup/path/path_util.h"
+#include "telobackup/temp_manager/temp_manager.h"
+
+namespace TELO {
+namespace Backup {
+
+using internal::retryOnEintr;
+using internal::UniqueFd;
+
+namespace {
+
+constexpr char kLogSource[] = "section_config";
+constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kWriteBuffer = 64 * 1024;
+
+inline bool isBlank(unsigned char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+// Closes its stream on scope exit, keeping errno.
+struct FileCloser {
+    void operator()(FILE *f) const {
+        int saved = errno;
+        fclose(f);
+        errno = saved;
+    }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// Our own streams are never shared with another thread, so stdio need not lock them.
+FILE *openPrivate(const std::string &path, const char *mode) {
+    FILE *f = fopen64(path.c_str(), mode);
+    if (f != nullptr) __fsetlocking(f, FSETLOCKING_BYCALLER);
+    return f;
+}
+
+// Hands out the lines of a stream one at a time, without their "\n", from one buffer that
+// grows to the longest line; the stream is read in large chunks.
+class LineReader {
+  public:
+    explicit LineReader(FILE *stream) : stream_(stream) {
+        // A small file is read whole in one call, without a larger buffer than it needs.
+        struct stat64 st;
+        off64_t position = ftello64(stream);
+        if (fstat64(fileno(stream), &st) == 0 && S_ISREG(st.st_mode) && position >= 0 &&
+            st.st_size - position < static_cast<off64_t>(kReadChunk)) {
+            capacity_ = std::max<size_t>(static_cast<size_t>(st.st_size - position) + 1, 256);
+        }
+        buffer_ = static_cast<char *>(malloc(capacity_ + 1));
+        if (buffer_ == nullptr) throw std::bad_alloc();
+    }
+    ~LineReader() { free(buffer_); }
+    LineReader(const LineReader &) = delete;
+    LineReader &operator=(const LineReader &) = delete;
+
+    // The next line and whether a "\n" ended it; false at the end of the input. The line may
+    // be modified in place. `beforeRefill` runs before the buffer is reused, which invalidates
+    // every line handed out so far.
+    template <typename BeforeRefill>
+    bool next(char *&line, size_t &length, bool &newlineEnded, BeforeRefill &&beforeRefill) {
+        for (;;) {
+            char *newline = static_cast<char *>(memchr(buffer_ + scan_, '\n', end_ - scan_));
+            if (newline != nullptr) {
+                line = buffer_ + begin_;
+                length = static_cast<size_t>(newline - line);
+                newlineEnded = true;
+                begin_ = scan_ = static_cast<size_t>(newline - buffer_) + 1;
+                return true;
+            }
+            scan_ = end_;
+            if (eof_) {
+                if (begin_ == end_) return false;
+                line = buffer_ + begin_;
+                length = end_ - begin_;
+                line[length] = '\0';
+                newlineEnded = false;
+                begin_ = scan_ = end_;
+                return true;
+            }
+            beforeRefill();
+            fill();
+        }
+    }
+
+    // Puts the bytes read past the last line handed out back into a seekable stream.
+    void giveBack() {
+        if (end_ == begin_) return;
+        int saved = errno;
+        fseeko64(stream_, -static_cast<off64_t>(end_ - begin_), SEEK_CUR);
+        errno = saved;
+    }
+
+    // False while no NUL byte has been read, so lines need not be searched for one.
+    bool mayHoldNul() const { return nulSeen_; }
+
+    // errno of the failed read, if one failed.
+    int readErrno() const { return readErrno_; }
+
+  private:
+    void fill() {
+        if (begin_ > 0) {
+            memmove(buffer_, buffer_ + begin_, end_ - begin_);
+            end_ -= begin_;
+            scan_ -= begin_;
+            begin_ = 0;
+        }
+        if (end_ == capacity_) {
+            char *grown = static_cast<char *>(realloc(buffer_, capacity_ * 2 + 1));
+            if (grown == nullptr) throw std::bad_alloc();
+            buffer_ = grown;
+            capacity_ *= 2;
+        }
+        size_t wanted = std::min(kReadChunk, capacity_ - end_);
+        size_t got = fread(buffer_ + end_, 1, wanted, stream_);
+        if (!nulSeen_ && memchr(buffer_ + end_, '\0', got) != nullptr) nulSeen_ = true;
+        end_ += got;
+        if (got < wanted) {
+            eof_ = true;
+            if (ferror(stream_)) readErrno_ = errno;
+        }
+    }
+
+    FILE *stream_;
+    char *buffer_ = nullptr;
+    size_t capacity_ = kReadChunk;
+    size_t begin_ = 0;  // start of the next line
+    size_t scan_ = 0;   // where the search for its "\n" goes on
+    size_t end_ = 0;    // end of the bytes read
+    bool eof_ = false;
+    bool nulSeen_ = false;
+    int readErrno_ = 0;
+};
+
+// Fills `info` from one raw line (without its "\n"), which is modified in place.
+inline void classify(char *text, size_t length, bool mayHoldNul, SectionConfig::LineInfo &info) {
+    if (mayHoldNul) {
+        if (const void *nul = memchr(text, '\0', length)) {
+            length = static_cast<size_t>(static_cast<const char *>(nul) - text);
+        }
+    }
+    size_t start = 0;
+    while (start < length && isBlank(text[start])) ++start;
+    while (length > start && isBlank(text[length - 1])) --length;
+    text[length] = '\0';
+    char *trimmed = text + start;
+    size_t size = length - start;
+
+    info.line = trimmed;
+    info.key = nullptr;
+    info.value = nullptr;
+    if (size == 0) {
+        info.type = SectionConfig::LINE_BLANK;
+    } else if (trimmed[0] == '#') {
+        info.type = SectionConfig::LINE_COMMENT;
+    } else if (trimmed[0] == '[') {
+        if (size >= 2 && trimmed[size - 1] == ']') {
+            info.sectionName.assign(trimmed + 1, size - 2);
+            info.section = info.sectionName.c_str();
+            info.type = SectionConfig::LINE_SECTION;
+        } else {
+            info.type = SectionConfig::LINE_INVALID;
+        }
+    } else if (char *equals = static_cast<char *>(memchr(trimmed, '=', size))) {
+        char *keyEnd = equals;
+        while (keyEnd > trimmed && isBlank(keyEnd[-1])) --keyEnd;
+        *keyEnd = '\0';
+        char *value = equals + 1;
+        while (isBlank(*value)) ++value;
+        info.key = trimmed;
+        info.value = value;
+        info.line = nullptr;
+        info.type = SectionConfig::LINE_KEY_VALUE;
+    } else {
+        info.type = SectionConfig::LINE_INVALID;
+    }
+}
+
+// The scanner behind parseFile, with the callback inlined for the library's own operations.
+template <typename Handler>
+bool scanStream(FILE *stream, Handler &&handle) {
+    SectionConfig::LineInfo info;
+    LineReader reader(stream);
+    bool result = true;
+    bool stop = false;
+    char *line;
+    size_t length;
+    bool newline;
+    while (!stop && reader.next(line, length, newline, [] {})) {
+        classify(line, length, reader.mayHoldNul(), info);
+        if (!handle(stop, info)) result = false;
+    }
+    if (stop) reader.giveBack();
+    if (int failed = ferror(stream)) {
+        errno = reader.readErrno();
+        TELO_LOG_ERR("read fd failed [%d]", failed);
+        result = false;
+    }
+    return result;
+}
+
+// The writers' common core; `a` and `b` are written up to their first NUL byte.
+inline bool putLine(FILE *stream, const char *prefix, const char *a, const char *separator,
+                    const char *b, const char *suffix) {
+    if (fputs(prefix, stream) == EOF || fputs(a, stream) == EOF ||
+        fputs(separator, stream) == EOF || fputs(b, stream) == EOF ||
+        fputs(suffix, stream) == EOF) {
+        TELO_LOG_ERR("fprintf failed, %m");
+        return false;
+    }
+    return true;
+}
+
+inline bool putKeyValue(FILE *stream, const char *key, const char *value) {
+    return putLine(stream, "", key, "=", value, "\n");
+}
+inline bool putSectionName(FILE *stream, const char *name) {
+    return putLine(stream, "[", name, "", "", "]\n");
+}
+inline bool putText(FILE *stream, const char *text) {
+    return putLine(stream, "", text, "", "", "\n");
+}
+
+// What a rewrite does with one line.
+enum class LineAction { kCopy, kDrop, kCopyThenMembers };
+
+// A raw line that is already in the form a rewrite writes (trimmed, "key=value" without blanks
+// beside the first "=", no NUL, ended by "\n") is copied as it is, together with its neighbours
+// in one write; only other lines are classified in place and written back normalised.
+class Rewriter {
+  public:
+    Rewriter(FILE *in, FILE *out, const std::string &section)
+        : in_(in), out_(out), section_(section) {}
+
+    // Calls decide(type, isWantedHeader) for every line and carries out the action. A write
+    // failure of a copied run makes the result false only with `strict`. `onHeaderFailed`
+    // and `onMembersFailed` are called (to log) when a header or the members cannot be written.
+    template <typename Decide, typename Members, typename Failed>
+    bool run(Decide &&decide, Members &&writeMembers, bool strict, Failed &&onHeaderFailed) {
+        LineReader reader(in_);
+        SectionConfig::LineInfo info;
+        bool result = true, stop = false, newline;
+        char *raw;
+        size_t length;
+        auto flushRun = [&] {
+            if (runSize_ > 0 && fwrite(runBegin_, 1, runSize_, out_) != runSize_ && strict) {
+                result = false;
+                stop = true;
+            }
+            runSize_ = 0;
+        };
+        while (!stop && reader.next(raw, length, newline, flushRun)) {
+            int type;
+            bool verbatim = newline && quickKind(raw, length, reader.mayHoldNul(), type);
+            bool wanted;
+            if (verbatim) {
+                wanted = type == SectionConfig::LINE_SECTION && length - 2 == section_.size() &&
+                         memcmp(raw + 1, section_.data(), section_.size()) == 0;
+            } else {
+                classify(raw, length, reader.mayHoldNul(), info);
+                type = info.type;
+                wanted = type == SectionConfig::LINE_SECTION && info.sectionName == section_;
+            }
+            LineAction action = decide(type, wanted);
+            if (action == LineAction::kDrop) {
+                flushRun();
+                continue;
+            }
+            if (verbatim) {
+                if (runSize_ > 0 && raw != runBegin_ + runSize_) flushRun();
+                if (runSize_ == 0) runBegin_ = raw;
+                runSize_ += length + 1;
+            } else {
+                flushRun();
+                bool written = type == SectionConfig::LINE_SECTION
+                                   ? putSectionName(out_, info.section)
+                               : type == SectionConfig::LINE_KEY_VALUE
+                                   ? putKeyValue(out_, info.key, info.value)
+                                   : putText(out_, info.line);
+                if (!written && (strict || type == SectionConfig::LINE_SECTION)) {
+                    if (!strict) onHeaderFailed();
+                    result = false;
+                    break;
+                }
+            }
+            if (action == LineAction::kCopyThenMembers) {
+                flushRun();
+                if (!writeMembers()) {
+                    result = false;
+                    break;
+                }
+            }
+        }
+        if (!stop) flushRun();
+        if (int failed = ferror(in_)) {
+            errno = reader.readErrno();
+            TELO_LOG_ERR("read fd failed [%d]", failed);
+            result = false;
+        }
+        return result;
+    }
+
+  private:
+    // The kind of a line if it can be copied as it is; false when it must be normalised.
+    static bool quickKind(const char *raw, size_t length, bool mayHoldNul, int &type) {
+        if (length == 0) {
+            type = SectionConfig::LINE_BLANK;
+            return true;
+        }
+        if (isBlank(raw[0]) || isBlank(raw[length - 1])) return false;
+        if (mayHoldNul && memchr(raw, '\0', length) != nullptr) return false;
+        if (raw[0] == '#') {
+            type = SectionConfig::LINE_COMMENT;
+        } else if (raw[0] == '[') {
+            type = length >= 2 && raw[length - 1] == ']' ? SectionConfig::LINE_SECTION
+                                                         : SectionConfig::LINE_INVALID;
+        } else if (const char *equals = static_cast<const char *>(memchr(raw, '=', length))) {
+            if ((equals > raw && isBlank(equals[-1])) ||
+                (equals + 1 < raw + length && isBlank(equals[1]))) {
+                return false;
+            }
+            type = SectionConfig::LINE_KEY_VALUE;
+        } else {
+            type = SectionConfig::LINE_INVALID;
+        }
+        return true;
+    }
+
+    FILE *in_;
+    FILE *out_;
+    const std::string &section_;
+    const char *runBegin_ = nullptr;
+    size_t runSize_ = 0;
+};
+
+bool readsBackAs(const std::string &name, bool isKey) {
+    for (char c : name) {
+        if (c == '\n' || c == '\0' || (isKey && c == '=')) return false;
+    }
+    if (!isKey || name.empty()) return true;
+    return !isBlank(name.front()) && !isBlank(name.back()) && name.front() != '#' &&
+           name.front() != '[';
+}
+
+// Checks the section name and keys before anything is touched, and renders the members.
+bool renderMembers(const std::string &section, const Json::Value &values,
+                   std::vector<std::pair<std::string, std::string>> &members) {
+    const std::string *bad = nullptr;
+    std::string badKey;
+    if (!readsBackAs(section, false)) {
+        bad = &section;
+    } else if (!values.isNull() && !values.isObject()) {
+        bad = &section;
+    } else {
+        for (auto it = values.begin(); it != values.end(); ++it) {
+            std::string key = it.name();
+            if (!readsBackAs(key, true)) {
+                badKey = key;
+                bad = &badKey;
+                break;
+            }
+            members.emplace_back(std::move(key), jsonToString(*it));
+        }
+    }
+    if (bad == nullptr) return true;
+    errno = EINVAL;
+    TELO_LOG_ERR("invalid name [%s]", bad->c_str());
+    return false;
+}
+
+// Flushes and syncs a finished temporary and closes it; false after logging.
+bool finishTemp(FilePtr &out) {
+    FILE *f = out.release();
+    bool written = !ferror(f) && fflush(f) == 0;
+    if (written && retryOnEintr([f] { return fsync(fileno(f)); }) != 0) {
+        int saved = errno;
+        fclose(f);
+        errno = saved;
+        TELO_LOG_ERR("fsync temp file failed, %m");
+        return false;
+    }
+    if (!written) {
+        int saved = errno != 0 ? errno : EIO;
+        fclose(f);
+        errno = saved;
+        TELO_LOG_ERR("failed close temp file");
+        return false;
+    }
+    if (fclose(f) != 0) {
+        TELO_LOG_ERR("failed close temp file");
+        return false;
+    }
+    return true;
+}
+
+bool closeInput(FilePtr &in) {
+    if (in && fclose(in.release()) != 0) {
+        TELO_LOG_ERR("failed close section file");
+        return false;
+    }
+    return true;
+}
+
+// Makes a rename in the directory of `file` durable. Logged only: the new file is in place.
+// The file a rewrite replaces: the target of a symbolic link, so that the link stays a link and
+// the target keeps its own mode and owner (a link's mode would make the file world-writable).
+std::string rewriteTarget(const std::string &file) {
+    struct stat st;
+    if (lstat(file.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return file;
+    std::unique_ptr<char, void (*)(void *)> real(realpath(file.c_str(), nullptr), free);
+    return real ? std::string(real.get()) : file;
+}
+
+void syncDirectory(const std::string &file) {
+    int saved = errno;
+    UniqueFd dir(open(Path::dirname(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir || retryOnEintr([&dir] { return fsync(dir.get()); }) != 0) {
+        TELO_LOG_ERR("fsync dir failed, %m");
+    }
+    errno = saved;
+}
+
+// The output stream of a rewrite, with a large buffer; members go in reverse order, so the
+// stream is closed before its buffer is freed.
+struct TempOutput {
+    std::unique_ptr<char[]> buffer;
+    FilePtr stream;
+
+    bool open(const std::string &path) {
+        stream.reset(openPrivate(path, "a+e"));
+        if (!stream) return false;
+        buffer.reset(new char[kWriteBuffer]);
+        setvbuf(stream.get(), buffer.get(), _IOFBF, kWriteBuffer);
+        return true;
+    }
+};
+
+}  // namespace
+
+SectionConfig::LineInfo::LineInfo()
+    : type(LINE_BLANK), line(nullptr), section(nullptr), key(nullptr), value(nullptr) {}
+
+bool SectionConfig::parseFile(FILE *stream, ParseCallback callback, void *arg) {
+    if (stream == nullptr || callback == nullptr) {
+        errno = EINVAL;
+        return false;
+    }
+    return scanStream(stream, [callback, arg](bool &stop, const LineInfo &info) {
+        return callback(stop, info, arg);
+    });
+}
+
+bool SectionConfig::writeSectionName(FILE *stream, const std::string &name) {
+    return putSectionName(stream, name.c_str());
+}
+
+bool SectionConfig::writeKeyValue(FILE *stream, const std::string &key, const std::string &value) {
+    return putKeyValue(stream, key.c_str(), value.c_str());
+}
+
+bool SectionConfig::writeLine(FILE *stream, const std::string &line) {
+    return putText(stream, line.c_str());
+}
+
+bool SectionConfig::loadSection(const std::string &file, const std::string &section,
+                                Json::Value &values) {
+    if (values.isNull() || values.isObject() || values.isArray()) {
+        values.clear();
+    } else {
+        values = Json::Value();
+    }
+    FilePtr in(openPrivate(file, "rbe"));
+    if (!in) return false;
+    bool inSection = false, found = false;
+    bool scanned = scanStream(in.get(), [&](bool &stop, const LineInfo &info) {
+        if (info.type == LINE_SECTION) {
+            if (inSection) {
+                stop = true;
+                inSection = false;
+            } else if (info.sectionName == section) {
+                inSection = found = true;
+            }
+        } else if (info.type == LINE_KEY_VALUE && inSection) {
+            Json::Value parsed;
+            if (jsonFromString(parsed, info.value)) values[info.key].swap(parsed);
+        }
+        return true;
+    });
+    in.reset();
+    if (!scanned) return false;
+    if (!found) {
+        errno = ENOENT;
+        return false;
+    }
+    return true;
+}
+
+bool SectionConfig::listSection(const std::string &file, std::list<std::string> &sections) {
+    sections.clear();
+    FilePtr in(openPrivate(file, "rbe"));
+    if (!in) return false;
+    return scanStream(in.get(), [&sections](bool &, const LineInfo &info) {
+        if (info.type == LINE_SECTION) sections.push_back(info.sectionName);
+        return true;
+    });
+}
+
+bool SectionConfig::updateSection(const std::string &path, const std::string &section,
+                                  const Json::Value &values, bool create) {
+    std::vector<std::pair<std::string, std::string>> members;
+    if (!renderMembers(section, values, members)) return false;
+    const std::string file = rewriteTarget(path);
+
+    FilePtr in(openPrivate(file, "r+be"));
+    if (!in) {
+        if (errno == ENOENT) {
+            if (!create) return false;
+        } else if (errno == EACCES) {
+            return false;
+        } else {
+            TELO_LOG_ERR("open failed, %m");
+            return false;
+        }
+    }
+    ScopedTempFile temp(file, false);
+    if (!temp.isValid()) {
+        TELO_LOG_ERR("create temp failed, %m");
+        return false;
+    }
+    TempOutput out;
+    if (!out.open(temp.getPath())) {
+        TELO_LOG_ERR("temp.getFile failed, %m");
+        return false;
+    }
+    temp.close();
+    FILE *output = out.stream.get();
+    auto writeMembers = [&members, output] {
+        for (const auto &member : members) {
+            if (!putKeyValue(output, member.first.c_str(), member.second.c_str())) return false;
+        }
+        return true;
+    };
+
+    bool found = false;
+    if (in) {
+        bool inSection = false;
+        // Comments, blank and invalid lines inside the section stay; its keys are replaced.
+        auto decide = [&](int type, bool wanted) {
+            if (type == LINE_SECTION) {
+                // Every copy of the section gets the new members, adjacent copies too.
+                inSection = wanted;
+                found = found || wanted;
+                return wanted ? LineAction::kCopyThenMembers : LineAction::kCopy;
+            }
+            return inSection && type == LINE_KEY_VALUE ? LineAction::kDrop : LineAction::kCopy;
+        };
+        auto members = [&] {
+            if (writeMembers()) return true;
+            TELO_LOG_ERR("write key-value failed, %m");
+            return false;
+        };
+        auto headerFailed = [] { TELO_LOG_ERR("write section name failed, %m"); };
+        Rewriter rewriter(in.get(), output, section);
+        if (!rewriter.run(decide, members, false, headerFailed)) {
+            TELO_LOG_ERR("parse failed, %m");
+            return false;
+        }
+    }
+    if (!found) {
+        if (!create) {
+            errno = ENOENT;
+            return false;
+        }
+        if (!putSectionName(output, section.c_str())) {
+            TELO_LOG_ERR("failed to write section name, %m");
+            return false;
+        }
+        if (!writeMembers()) {
+            TELO_LOG_ERR("failed to write key-value, %m");
+            return false;
+        }
+    }
+    if (!finishTemp(out.stream) || !closeInput(in)) return false;
+    if (!temp.renameWithMode(file)) return false;
+    syncDirectory(file);
+    return true;
+}
+
+bool SectionConfig::removeSection(const std::string &path, const std::string &section) {
+    const std::string file = rewriteTarget(path);
+    FilePtr in(openPrivate(file, "r+be"));
+    if (!in) {
+        if (errno != ENOENT && errno != EACCES) TELO_LOG_ERR("open failed, %m");
+        return false;
+    }
+    ScopedTempFile temp(file, false);
+    if (!temp.isValid()) {
+        TELO_LOG_ERR("create temp failed, %m");
+        return false;
+    }
+    TempOutput out;
+    if (!out.open(temp.getPath())) {
+        TELO_LOG_ERR("temp open failed failed, %m");
+        return false;
+    }
+    temp.close();
+    FILE *output = out.stream.get();
+
+    // Every copy of the section goes, with all its lines.
+    bool inSection = false, found = false;
+    auto decide = [&](int type, bool wanted) {
+        if (type == LINE_SECTION) {
+            inSection = wanted;
+            found = found || wanted;
+        }
+        return inSection ? LineAction::kDrop : LineAction::kCopy;
+    };
+    Rewriter rewriter(in.get(), output, section);
+    bool scanned = rewriter.run(
+        decide, [] { return true; }, true, [] {});
+    if (!scanned) return false;
+    if (!found) {
+        errno = ENOENT;
+        return false;
+    }
+    if (!finishTemp(out.stream) || !closeInput(in)) return false;
+    if (!temp.renameWithMode(file)) {
+        TELO_LOG_ERR("rename failed, %m");
+        return false;
+    }
+    syncDirectory(file);
+    return true;
+}
+
+}  // namespace Backup
+}  // namespace TELO

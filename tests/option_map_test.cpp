@@ -1,0 +1,256 @@
+// OptionMap values, secrets (through the fake platform), binding to sections, the lock and
+// identifier allocation, including several processes allocating at once.
+#include "telobackup/option_map.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <set>
+#include <sstream>
+
+#include "support/child.h"
+#include "support/fake_platform.h"
+#include "support/helpers.h"
+#include "support/spawn.h"
+#include "support/syslog_capture.h"
+#include "support/temp_dir.h"
+#include "telobackup/path/path_util.h"
+#include "telobackup/section_config.h"
+
+using TELO::Backup::OptionMap;
+using TELO::Backup::Path;
+using namespace testsupport;
+
+namespace {
+
+class OptionMapTest : public ::testing::Test {
+  protected:
+    void SetUp() override { fakeplatform::reset(); }
+    TempDir dir;
+    std::string file = dir.file("c.conf");
+    SyslogCapture log;
+};
+
+std::string errLine(const std::string &message) {
+    return "(<pid>) [err] option_map:<line> " + message;
+}
+
+}  // namespace
+
+TEST_F(OptionMapTest, Values) {
+    OptionMap map;
+    EXPECT_TRUE(map.optInt("n", 7) == 7 && map.optString("s", "d") == "d");
+    map.optSet("n", 3);
+    map.optSet("s", "sixchr");
+    map.optSet("big", 1LL << 40);
+    map.optSet("list", std::list<std::string>{"a", "b"});
+    map.optSet("null", Json::Value());
+    EXPECT_EQ(3, map.optInt("n", 7));
+    char buffer[4] = "zz";
+    EXPECT_TRUE(map.optGet("s", buffer, sizeof(buffer)));
+    EXPECT_STREQ("six", buffer);
+    std::string untouched = "keep";
+    EXPECT_FALSE(map.optGet("missing", untouched));
+    EXPECT_EQ("keep", untouched);
+    std::list<std::string> list{"stale"};
+    EXPECT_TRUE(map.optGet("list", list));
+    EXPECT_EQ((std::list<std::string>{"a", "b"}), list);
+    EXPECT_FALSE(map.optRemove("missing"));
+    EXPECT_FALSE(map.optRemove("null"));
+    EXPECT_TRUE(map.optRemove("n"));
+    std::ostringstream out;
+    out << map;
+    EXPECT_EQ("{\"big\":1099511627776,\"list\":[\"a\",\"b\"],\"s\":\"sixchr\"}", out.str());
+
+    EXPECT_TRUE(map.optLoadJsonString("{\"a\":0,\"b\":2}"));
+    for (const char *text : {"{\"a\":1}", "not json", "[1,2]"})
+        EXPECT_TRUE(map.optAppendJsonString(text));
+    EXPECT_FALSE(map.optLoadJsonString("[1]"));  // not an object: kept as it was
+    EXPECT_EQ("{\"a\":1,\"b\":2}", map.optToJsonString());
+    OptionMap copy(map);
+    map.optClear();
+    EXPECT_EQ("{}", map.optToJsonString());
+    EXPECT_EQ(2, copy.optInt("b", 0));
+}
+
+TEST_F(OptionMapTest, SecretsAndTheirFailures) {
+    OptionMap map;
+    map.optSet("p", "pw", true);
+    EXPECT_EQ("2a2d", map.optString("p", ""));  // the fake cipher: hex of byte ^ 0x5A
+    EXPECT_EQ("pw", map.optSecret("p", "def"));
+    fakeplatform::setFail("TLIBCCryptSzEncrypt");
+    EXPECT_TRUE(map.optSet("q", std::string("x"), true));
+    EXPECT_EQ("", map.optString("q", "def"));
+    EXPECT_TRUE(
+        log.has(LOG_ERR, errLine("TLIBCCryptSzEncrypt: [0x0004 fake_platform.cpp:<line>]")));
+    EXPECT_EQ("", map.optSecret("q", "def"));  // empty: the platform is not asked
+    EXPECT_EQ(1, fakeplatform::calls("TLIBCCryptSzDecrypt"));
+    map.optSet("bad", "zzz");
+    std::string out = "keep";
+    EXPECT_TRUE(map.optGet("bad", out, true));
+    EXPECT_EQ("", out);
+    EXPECT_EQ("", map.optSecret("bad", "def"));
+    EXPECT_EQ(
+        2, log.count(LOG_ERR, errLine("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]")));
+}
+
+TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
+    writeFile(file, "[job3]\nname=\"n\"\n[other]\nk=1\n");
+    OptionMap map;
+    ASSERT_TRUE(map.optSectionLoad(file, "job", 3));
+    EXPECT_EQ("n", map.optString("name", ""));
+    EXPECT_TRUE(map.optSectionGetId() == 3 && map.optSectionGetName() == "job3");
+    EXPECT_TRUE(map.optIsLoaded());
+    map.optSet("x", true);
+    EXPECT_TRUE(map.optSectionSave());
+    EXPECT_EQ("[job3]\nname=\"n\"\nx=true\n[other]\nk=1\n", readFile(file));
+    EXPECT_TRUE(map.optSectionRemove());
+    EXPECT_FALSE(map.optSectionRemove());
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_TRUE(log.has(LOG_ERR, errLine("remove sec failed, No such file or directory")));
+    EXPECT_EQ("[other]\nk=1\n", readFile(file));
+
+    // An absent section binds all the same; saving does not create it.
+    EXPECT_FALSE(map.optSectionLoad(file, "absent", -1));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ("absent", map.optSectionGetName());
+    EXPECT_FALSE(map.optIsLoaded());
+    EXPECT_FALSE(map.optSectionSave());
+    EXPECT_TRUE(log.has(LOG_ERR, errLine("update section failed, No such file or directory")));
+
+    EXPECT_FALSE(map.optSectionLoad("", "x", -1));
+    EXPECT_TRUE(log.has(LOG_ERR, errLine("invalid sec [][x]")));
+    EXPECT_TRUE(map.optSectionGetName().empty() && map.optSectionGetId() == -1);
+    EXPECT_FALSE(map.optSectionSave() || map.optSectionRemove());
+    EXPECT_TRUE(log.has(LOG_ERR, errLine("not bind before save")));
+    EXPECT_TRUE(log.has(LOG_ERR, errLine("not bind before remove")));
+
+    std::list<std::string> names{"stale"};
+    EXPECT_TRUE(OptionMap::optSectionListName(dir.file("none"), names) && names.empty());
+}
+
+// Exit 0 when the lock file of args[0] is free, 42 when another holder has it.
+TELO_TEST_HELPER(trylock) {
+    int fd = Path::createIpcLockFile(args[0]);
+    if (fd < 0) return 1;
+    return flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 42;
+}
+
+TEST_F(OptionMapTest, LockAndUnlock) {
+    EXPECT_CHILD_OK(
+        [] {
+            SyslogCapture childLog;
+            OptionMap map;
+            CHILD_CHECK(map.lock() && map.lock() && map.unlock() && map.unlock());
+            CHILD_CHECK(!map.setLockToken(""));
+            CHILD_CHECK(map.setLockToken("tok"));
+            CHILD_CHECK(map.lock());
+            CHILD_CHECK_EQ(42, waitExitCode(spawnProcess(helperCommand("trylock", {"tok"}))));
+            CHILD_CHECK(!map.lock());
+            CHILD_CHECK(!map.setLockToken("other"));
+            OptionMap copy = map;  // shares the descriptor number
+            CHILD_CHECK(!copy.setLockToken("other"));
+            CHILD_CHECK(copy.unlock());
+            CHILD_CHECK_EQ(0, waitExitCode(spawnProcess(helperCommand("trylock", {"tok"}))));
+            CHILD_CHECK(!copy.unlock());
+            CHILD_CHECK(!map.unlock());  // its descriptor was closed through the copy
+            CHILD_CHECK(childLog.has(LOG_ERR, errLine("lock: file locked already. fd: [<any>].")));
+            CHILD_CHECK(childLog.has(LOG_ERR, errLine("lock: file released already. fd: [-1].")));
+            return std::string();
+        },
+        ChildOptions{.privateTmp = true});
+}
+
+TEST_F(OptionMapTest, UniqueAndIncreasingIds) {
+    EXPECT_EQ(1, OptionMap::optSectionGetUniqueId(file, "job"));
+    EXPECT_EQ("[job1]\n", readFile(file));
+    writeFile(file, "[job1]\n[job5]\n[jobx]\n[job]\n[other7]\n");
+    std::list<int> ids;
+    EXPECT_TRUE(OptionMap::optSectionListId(file, "job", ids));
+    EXPECT_EQ((std::list<int>{1, 5, 0}), ids);
+    EXPECT_EQ(6, OptionMap::optSectionGetUniqueId(file, "job"));
+    EXPECT_TRUE(TELO::Backup::SectionConfig::removeSection(file, "job6"));
+    EXPECT_EQ(6, OptionMap::optSectionGetUniqueId(file, "job"));
+    EXPECT_EQ(7, OptionMap::optSectionGetIncreaseId(file, "job"));  // no counter yet
+    EXPECT_EQ(8, OptionMap::optSectionGetIncreaseId(file, "job"));
+    EXPECT_EQ(1, OptionMap::optSectionGetIncreaseId(file, "task"));
+    OptionMap counters;
+    ASSERT_TRUE(counters.optSectionLoad(file, OptionMap::SZK_SEC_GLOBAL, -1));
+    EXPECT_EQ("{\"jobid_max\":8,\"taskid_max\":1}", counters.optToJsonString());
+
+    writeFile(file, "[global]\njobid_max=9\n[job3]\n");
+    EXPECT_EQ(10, OptionMap::optSectionGetIncreaseId(file, "job"));
+    EXPECT_EQ("[global]\njobid_max=10\n[job3]\n[job10]\n", readFile(file));
+    EXPECT_EQ(0u, log.size()) << log.dump();
+}
+
+TEST_F(OptionMapTest, CreatingMembersBind) {
+    writeFile(file, "[job3]\n[main]\n");
+    OptionMap map;
+    EXPECT_FALSE(map.optSectionCreate(file, "job", 3) || map.optSectionCreate(file, "job", 0) ||
+                 map.optSectionCreate(file, "main", false) || map.optSectionCreate("", "x", false));
+    map.optSet("k", 1);
+    ASSERT_TRUE(map.optSectionCreate(file, "job", 4));
+    EXPECT_EQ(4, map.optSectionGetId());
+    EXPECT_TRUE(map.optSectionSave());
+    ASSERT_TRUE(map.optSectionCreate(file, "side", false));
+    EXPECT_EQ(-1, map.optSectionGetId());
+    ASSERT_TRUE(map.optSectionCreate(file, "job", true));
+    ASSERT_TRUE(map.optSectionCreateIncreaseId(file, "job"));
+    EXPECT_EQ("job6", map.optSectionGetName());
+    EXPECT_EQ("[job3]\n[main]\n[job4]\nk=1\n[side]\n[job5]\n[global]\njobid_max=6\n[job6]\n",
+              readFile(file));
+
+    ASSERT_TRUE(map.optSectionLoad(file, "main", -1));
+    EXPECT_FALSE(map.optSectionCreate(file, "new", false) || map.optSectionCreate(file, "job", 9) ||
+                 map.optSectionCreate(file, "job", true) ||
+                 map.optSectionCreateIncreaseId(file, "job"));
+}
+
+// Allocates args[2] increasing identifiers in args[0] under the lock token args[1], printing
+// each.
+TELO_TEST_HELPER(allocator) {
+    for (int i = 0; i < std::stoi(args[2]); ++i) {
+        OptionMap map;
+        if (!map.setLockToken(args[1]) || !map.optSectionCreateIncreaseId(args[0], "job")) {
+            return 1;
+        }
+        std::string line = std::to_string(map.optSectionGetId()) + "\n";
+        if (write(STDOUT_FILENO, line.data(), line.size()) < 0) return 2;
+    }
+    return 0;
+}
+
+TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
+    EXPECT_CHILD_OK(
+        [] {
+            const std::string file = "/tmp/ids.conf";
+            int fds[2];
+            CHILD_CHECK(pipe2(fds, O_CLOEXEC) == 0);
+            std::vector<pid_t> pids;
+            for (int p = 0; p < 8; ++p) {
+                pids.push_back(
+                    spawnProcess(helperCommand("allocator", {file, "ids", "250"}), fds[1]));
+            }
+            close(fds[1]);
+            std::string out;
+            char buffer[4096];
+            for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) out.append(buffer, n);
+            for (pid_t pid : pids) CHILD_CHECK_EQ(0, waitExitCode(pid));
+            std::set<int> ids;
+            std::istringstream lines(out);
+            for (int id; lines >> id;) ids.insert(id);
+            CHILD_CHECK_EQ(2000u, ids.size());
+            CHILD_CHECK_EQ(2000, *ids.rbegin());
+            std::list<std::string> names;
+            CHILD_CHECK(OptionMap::optSectionListName(file, names) && names.size() == 2001u);
+            OptionMap counters;
+            CHILD_CHECK(counters.optSectionLoad(file, OptionMap::SZK_SEC_GLOBAL, -1));
+            CHILD_CHECK_EQ(2000, counters.optInt("jobid_max", 0));
+            return std::string();
+        },
+        ChildOptions{.privateTmp = true});
+}

@@ -1,0 +1,284 @@
+// The line scanner and the four file operations on real files, including failed rewrites, bad
+// input and a writer killed at random moments.
+#include "telobackup/section_config.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <iostream>
+#include <random>
+#include <set>
+
+#include "support/child.h"
+#include "support/helpers.h"
+#include "support/spawn.h"
+#include "support/syslog_capture.h"
+#include "support/temp_dir.h"
+#include "telobackup/json_text.h"
+
+using TELO::Backup::jsonFromString;
+using TELO::Backup::SectionConfig;
+using namespace testsupport;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Every callback record as "type|line|section|key|value", "~" for a null pointer.
+bool record(bool &, const SectionConfig::LineInfo &info, void *arg) {
+    auto text = [](const char *p) { return p != nullptr ? std::string(p) : std::string("~"); };
+    static_cast<Lines *>(arg)->push_back(std::to_string(info.type) + "|" + text(info.line) + "|" +
+                                         text(info.section) + "|" + text(info.key) + "|" +
+                                         text(info.value));
+    return true;
+}
+
+Lines scan(const std::string &content) {
+    Lines lines;
+    FILE *stream = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
+    EXPECT_TRUE(SectionConfig::parseFile(stream, record, &lines));
+    fclose(stream);
+    return lines;
+}
+
+Json::Value json(const std::string &text) {
+    Json::Value value;
+    EXPECT_TRUE(jsonFromString(value, text)) << text;
+    return value;
+}
+
+class SectionConfigFile : public ::testing::Test {
+  protected:
+    // The directory holds exactly the config file: no temporary was left beside it.
+    void expectAlone() { EXPECT_EQ(Lines{"c.conf"}, listDir(dir.path())); }
+    TempDir dir;
+    std::string file = dir.file("c.conf");
+    SyslogCapture log;
+};
+
+const char kSample[] = "#top\n[a]\n#c\nx=1\n[b]\ny=2\n";
+
+}  // namespace
+
+TEST(SectionConfigScanner, ClassifiesEveryLine) {
+    std::string content =
+        "  #top  \n\nkey0 = 1\n[a]b]\r\n\t x \t=\t \"y z\" \t\na = b=c\n=v\n[]\n"
+        "[open\nno equals\n;semi=1\n\vvt=1\n[ s ]\n";
+    content += std::string("x\0[junk]=1\n", 11) + "last";
+    EXPECT_EQ(
+        (Lines{"2|#top|~|~|~", "0||~|~|~", "4|~|~|key0|1", "3|[a]b]|a]b|~|~", "4|~|a]b|x|\"y z\"",
+               "4|~|a]b|a|b=c", "4|~|a]b||v", "3|[]||~|~", "1|[open||~|~", "1|no equals||~|~",
+               "4|~||;semi|1", "4|~||\vvt|1", "3|[ s ]| s |~|~", "1|x| s |~|~", "1|last| s |~|~"}),
+        scan(content));
+}
+
+// A callback's false makes the result false, but the scan goes on to the end.
+TEST(SectionConfigScanner, FalseResultScansOn) {
+    std::string content = "a=1\n[s]\nb=2\n";
+    FILE *stream = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
+    int calls = 0;
+    auto refuse = [](bool &, const SectionConfig::LineInfo &, void *arg) {
+        return ++*static_cast<int *>(arg) < 0;
+    };
+    EXPECT_FALSE(SectionConfig::parseFile(stream, refuse, &calls));
+    EXPECT_EQ(3, calls);
+    fclose(stream);
+}
+
+TEST_F(SectionConfigFile, LoadAndList) {
+    writeFile(file, "k0=0\n[a]\n k = \"v\" \nbare = v\nn=1\nn=2\n[b]\n[a]\nx=9\n");
+    Json::Value values(7);  // replaced, whatever it held
+    EXPECT_TRUE(SectionConfig::loadSection(file, "a", values));
+    EXPECT_EQ(json("{\"k\":\"v\",\"n\":2}"), values);
+    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values) && values.empty());
+    EXPECT_FALSE(SectionConfig::loadSection(file, "A", values));
+    EXPECT_EQ(ENOENT, errno);
+    std::list<std::string> names{"stale"};
+    EXPECT_TRUE(SectionConfig::listSection(file, names));
+    EXPECT_EQ((std::list<std::string>{"a", "b", "a"}), names);
+    EXPECT_EQ(0u, log.size()) << log.dump();
+}
+
+TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
+    writeFile(file, kSample, 0640);
+    EXPECT_TRUE(SectionConfig::updateSection(file, "a", json("{\"z\":5,\"s\":\"t\"}"), false));
+    EXPECT_EQ("#top\n[a]\ns=\"t\"\nz=5\n#c\n[b]\ny=2\n", readFile(file));
+    EXPECT_EQ(0640, fileMode(file));
+    expectAlone();
+
+    writeFile(file, kSample);
+    EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
+    EXPECT_EQ("#top\n[b]\ny=2\n", readFile(file));
+
+    // Hand-written layout is normalised; every copy of the section is rewritten or removed.
+    writeFile(file, "  k = 1 \r\n[a]\nx=1\n[a]\ny=2\n  [c] \n\tbad line\n[a]\n");
+    EXPECT_TRUE(SectionConfig::updateSection(file, "a", json("{\"n\":[1,\"x\"]}"), false));
+    EXPECT_EQ("k=1\n[a]\nn=[1,\"x\"]\n[a]\nn=[1,\"x\"]\n[c]\nbad line\n[a]\nn=[1,\"x\"]\n",
+              readFile(file));
+    EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
+    EXPECT_EQ("k=1\n[c]\nbad line\n", readFile(file));
+    EXPECT_TRUE(SectionConfig::updateSection(file, "new", Json::Value(), true));
+    EXPECT_EQ("k=1\n[c]\nbad line\n[new]\n", readFile(file));
+
+    // An absent section (or file) without `create` leaves everything as it was.
+    EXPECT_FALSE(SectionConfig::updateSection(file, "zz", json("{\"a\":1}"), false));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_FALSE(SectionConfig::removeSection(file, "zz"));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ("k=1\n[c]\nbad line\n[new]\n", readFile(file));
+    ASSERT_EQ(0, unlink(file.c_str()));
+    EXPECT_TRUE(SectionConfig::updateSection(file, "s", json("{\"a\":1}"), true));
+    EXPECT_EQ("[s]\na=1\n", readFile(file));
+    expectAlone();
+    EXPECT_EQ(0u, log.size()) << log.dump();
+}
+
+// A configuration reached through a symbolic link is rewritten at its target: the link stays a
+// link and the target keeps its mode.
+TEST_F(SectionConfigFile, RewritesThroughALinkReplaceItsTarget) {
+    ASSERT_EQ(0, mkdir(dir.file("real").c_str(), 0755));
+    std::string target = dir.file("real/c.conf"), link = dir.file("c.conf");
+    writeFile(target, kSample, 0640);
+    ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
+    EXPECT_TRUE(SectionConfig::updateSection(link, "b", json("{\"y\":3}"), false));
+    EXPECT_TRUE(SectionConfig::removeSection(link, "a"));
+    struct stat st;
+    ASSERT_EQ(0, lstat(link.c_str(), &st));
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ("#top\n[b]\ny=3\n", readFile(target));
+    EXPECT_EQ(0640, fileMode(target));
+    EXPECT_EQ(Lines{"c.conf"}, listDir(dir.file("real")));
+}
+
+// Names that would not read back as written are refused before anything is touched; odd
+// content elsewhere (a 10 MB line, invalid UTF-8, a NUL byte) survives rewrites of other
+// sections.
+TEST_F(SectionConfigFile, BadInputNeverCostsData) {
+    std::string big = "big=\"" + std::string(10 << 20, 'x') + "\"\n";
+    std::string content = "[keep]\n" + big + "\xff\xfe=1\n[a]\nv=1\n";
+    writeFile(file, content);
+    EXPECT_FALSE(SectionConfig::updateSection(file, "a\n[keep]", json("{}"), true));
+    for (const char *key : {"x\n[keep]", "k=v", " k", "k\t", "#k", "[k"}) {
+        Json::Value values;
+        values[key] = "[1]";
+        EXPECT_FALSE(SectionConfig::updateSection(file, "a", values, true) || errno != EINVAL);
+    }
+    EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] section_config:<line> invalid name [#k]"));
+    EXPECT_EQ(content, readFile(file));
+    expectAlone();
+
+    EXPECT_TRUE(SectionConfig::updateSection(file, "a", json("{\"w\":\"l1\\nl2\"}"), false));
+    EXPECT_EQ("[keep]\n" + big + "\xff\xfe=1\n[a]\nw=\"l1\\nl2\"\n", readFile(file));
+    writeFile(file, std::string("[a]\nx=1\0[b]\n[b]\n", 16));
+    EXPECT_TRUE(SectionConfig::removeSection(file, "b"));
+    EXPECT_EQ("[a]\nx=1\n", readFile(file));
+}
+
+// A caller who may not write the directory or the file gets false, and nothing changes.
+TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
+    writeFile(file, kSample, 0666);
+    std::string readOnly = dir.file("ro.conf");
+    writeFile(readOnly, kSample, 0644);
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
+    std::string path = file;
+    EXPECT_CHILD_OK(
+        [&] {
+            SyslogCapture childLog;
+            Json::Value values = json("{\"z\":1}");
+            CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false));
+            CHILD_CHECK_EQ(EACCES, errno);
+            CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
+            CHILD_CHECK_EQ(2, childLog.count(LOG_ERR,
+                                             "(<pid>) [err] section_config:<line> create "
+                                             "temp failed, Permission denied"));
+            // A file the caller may not write fails at the open, silently.
+            CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
+            CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
+            CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>section_config<any>"));
+            return std::string();
+        },
+        ChildOptions{.dropPrivileges = true});
+    EXPECT_EQ(kSample, readFile(file));
+    EXPECT_EQ(kSample, readFile(readOnly));
+    EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));
+}
+
+// ---- A writer killed at random moments --------------------------------------------------------
+
+namespace {
+
+std::string pad(long version) {
+    return std::string(4000 + version % 1000, 'p');
+}
+
+}  // namespace
+
+// Rewrites section "data" of args[0] with versions from args[1] on, reporting each commit.
+TELO_TEST_HELPER(rewriter) {
+    for (long version = std::stol(args[1]);; ++version) {
+        Json::Value values;
+        values["v"] = static_cast<Json::Int64>(version);
+        values["pad"] = pad(version);
+        std::string line = std::to_string(version) + "\n";
+        if (!SectionConfig::updateSection(args[0], "data", values, false) ||
+            write(STDOUT_FILENO, line.data(), line.size()) < 0) {
+            return 1;
+        }
+    }
+}
+
+// After every kill the file holds the last reported version, or the next one when the kill
+// came between its rename and its report.
+TEST_F(SectionConfigFile, KilledWriterLeavesOldOrNewFile) {
+    auto text = [](long v) {
+        return "[keep]\nk=1\n[data]\npad=\"" + pad(v) + "\"\nv=" + std::to_string(v) + "\n";
+    };
+    writeFile(file, text(0));
+    std::mt19937 rng(std::random_device{}());
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    long committed = 0;
+    int kills = 0, leftovers = 0;
+    while (std::chrono::steady_clock::now() < deadline && kills < 200) {
+        int fds[2];
+        ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
+        pid_t pid =
+            spawnProcess(helperCommand("rewriter", {file, std::to_string(committed + 1)}), fds[1]);
+        close(fds[1]);
+        std::string reported;
+        char buffer[4096];
+        auto readSome = [&] {
+            ssize_t n = read(fds[0], buffer, sizeof(buffer));
+            if (n > 0) reported.append(buffer, static_cast<size_t>(n));
+            return n > 0;
+        };
+        // Let it commit at least once, then kill it somewhere in a later rewrite.
+        while (reported.find('\n') == std::string::npos && readSome()) {
+        }
+        timespec pause{0, static_cast<long>(rng() % 3000000)};
+        nanosleep(&pause, nullptr);
+        kill(pid, SIGKILL);
+        ASSERT_EQ(128 + SIGKILL, waitExitCode(pid));
+        while (readSome()) {
+        }
+        close(fds[0]);
+        ++kills;
+        long last = std::stol(reported.substr(reported.rfind('\n', reported.size() - 2) + 1));
+        Json::Value values;
+        ASSERT_TRUE(SectionConfig::loadSection(file, "data", values));
+        committed = values["v"].asInt64();
+        ASSERT_TRUE(committed == last || committed == last + 1) << committed << " after " << last;
+        ASSERT_EQ(text(committed), readFile(file));
+        for (const std::string &name : listDir(dir.path())) {
+            if (name != "c.conf") leftovers += unlink(dir.file(name).c_str()) == 0;
+        }
+    }
+    std::cout << "[ crash    ] " << kills << " kills, " << committed << " versions, " << leftovers
+              << " temporaries left beside the file" << std::endl;
+    EXPECT_GE(kills, 10);
+}
