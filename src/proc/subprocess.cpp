@@ -93,10 +93,10 @@ struct ChildPlan {
                 argv[i] = const_cast<char *>(r.args_[i].c_str());
             }
         }
-        const StreamSpec *specs[3] = {&r.stdinSpec_, &r.stdoutSpec_, &r.stderrSpec_};
+        const StreamSpec *given[3] = {&r.stdinSpec_, &r.stdoutSpec_, &r.stderrSpec_};
         for (int i = 0; i < 3; ++i) {
-            streams[i] = {specs[i]->fd, specs[i]->path.empty() ? nullptr : specs[i]->path.c_str(),
-                          i == 0 ? 0 : specs[i]->mode};
+            streams[i] = {given[i]->fd, given[i]->path.empty() ? nullptr : given[i]->path.c_str(),
+                          i == 0 ? 0 : given[i]->mode};
         }
     }
     ~ChildPlan() { free(argv); }
@@ -170,26 +170,26 @@ void setChildFlags(int flags) {
     sigaction(SIGCHLD, &action, nullptr);
 }
 
-bool redirectStream(int target, const StreamPlan &spec, int nullFd, bool isInput,
+bool redirectStream(int target, const StreamPlan &stream, int nullFd, bool isInput,
                     ChildReport &report) {
-    if (spec.fd >= 0) {
-        if (retryOnEintr([&] { return dup2(spec.fd, target); }) < 0) {
+    if (stream.fd >= 0) {
+        if (retryOnEintr([&] { return dup2(stream.fd, target); }) < 0) {
             report.add(kDup2Failed, errno, target);
             return false;
         }
         return true;
     }
-    if (spec.path != nullptr) {
+    if (stream.path != nullptr) {
         int fd = isInput
-                     ? retryOnEintr([&] { return open(spec.path, O_RDONLY | O_CLOEXEC); })
+                     ? retryOnEintr([&] { return open(stream.path, O_RDONLY | O_CLOEXEC); })
                      : retryOnEintr([&] {
-                           return open(spec.path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+                           return open(stream.path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
                        });
         if (fd < 0) {
             report.add(kOpenFailed, errno, target);
             return false;
         }
-        if (!isInput && spec.mode != 0 && fchmod(fd, static_cast<mode_t>(spec.mode)) != 0) {
+        if (!isInput && stream.mode != 0 && fchmod(fd, static_cast<mode_t>(stream.mode)) != 0) {
             report.add(kFchmodFailed, errno);
             closeKeepingErrno(fd);
             return false;
