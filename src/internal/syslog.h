@@ -20,6 +20,15 @@
 #define TELO_LOG_DEBUG(fmt, ...) \
     ::syslog(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, ::getpid(), kLogSource, __LINE__, ##__VA_ARGS__)
 
+// The same two lines on behalf of another process: a child that must not log itself has its
+// lines written by its parent under the child's pid.
+#define TELO_LOG_ERR_AS(pid, fmt, ...)                                                      \
+    ::syslog(LOG_ERR, "(%d) [err] %s:%d " fmt, static_cast<int>(pid), kLogSource, __LINE__, \
+             ##__VA_ARGS__)
+#define TELO_LOG_DEBUG_AS(pid, fmt, ...)                                                        \
+    ::syslog(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, static_cast<int>(pid), kLogSource, __LINE__, \
+             ##__VA_ARGS__)
+
 // The short form "source:line message", at the given priority.
 #define TELO_LOG_SHORT(priority, fmt, ...) \
     ::syslog((priority), "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)

@@ -1,6 +1,7 @@
 #include "support/fake_platform.h"
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -231,6 +232,17 @@ int BlTLIBIsIpAddr(const char *addr) {
 int BlTLIBIsv6IpAddrValid(const char *addr) {
     enter("BlTLIBIsv6IpAddrValid", __LINE__);
     return parses(AF_INET6, addr) ? 1 : 0;
+}
+
+// ---- Processes ----
+
+// A real fork unless switched to fail, which fails as an exhausted process table would.
+pid_t TLIBCProcFork(void) {
+    if (enter("TLIBCProcFork", __LINE__)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return fork();
 }
 
 }  // extern "C"

@@ -1,0 +1,125 @@
+#include "telobackup/proc/proc_util.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal/eintr.h"
+#include "internal/syslog.h"
+#include "internal/unique_fd.h"
+
+namespace TELO {
+namespace Backup {
+
+using internal::retryOnEintr;
+using internal::UniqueFd;
+
+namespace {
+
+constexpr char kLogSource[] = "proc/proc_util";
+
+}  // namespace
+
+bool Process::isAlive(int pid) {
+    int savedErrno = errno;
+    bool alive = !(kill(pid, 0) != 0 && errno == ESRCH);
+    errno = savedErrno;
+    return alive;
+}
+
+int Process::getStatus(int pid) {
+    if (pid <= 0) return 0;
+    char buffer[4096];
+    snprintf(buffer, sizeof(buffer), "/proc/%d/stat", pid);
+    UniqueFd fd(retryOnEintr([&] { return open(buffer, O_RDONLY | O_CLOEXEC); }));
+    if (!fd) return 0;
+    ssize_t n = retryOnEintr([&] { return read(fd.get(), buffer, sizeof(buffer) - 1); });
+    if (n < 0) return 0;
+    buffer[n] = '\0';
+    // The command name is parenthesised and may itself hold ')' and blanks.
+    const char *close = strrchr(buffer, ')');
+    if (close == nullptr) return 0;
+    if (close[1] == '\0') return 0;
+    return static_cast<unsigned char>(close[2]);
+}
+
+bool Process::isZombie(int pid) {
+    return getStatus(pid) == 'Z';
+}
+
+bool Process::getProcCmd(int pid, std::string &name) {
+    if (pid < 1) {
+        TELO_LOG_ERR("Error: invalid pid [%d]", pid);
+        return false;
+    }
+    char path[4095];
+    snprintf(path, sizeof(path), "/proc/%d/status", pid);
+    FILE *stream = fopen(path, "re");
+    if (stream == nullptr) {
+        TELO_LOG_ERR("Error: failed to open [%s] %m", path);
+        return false;
+    }
+    char *line = nullptr;
+    size_t capacity = 0;
+    char found[128] = {};
+    bool ok = true;
+    while (getline(&line, &capacity, stream) != -1) {
+        if (strncmp(line, "Name:", 5) != 0) continue;
+        if (sscanf(line, "Name:\t%127s", found) != 1) {
+            TELO_LOG_ERR("Error: no proc command is found [%s]", line);
+            ok = false;
+        }
+        break;
+    }
+    if (ok && ferror(stream)) {
+        TELO_LOG_ERR("read fd failed");
+        ok = false;
+    } else if (ok && found[0] == '\0') {
+        TELO_LOG_ERR("Error: can't find proc command");
+        ok = false;
+    }
+    free(line);
+    fclose(stream);
+    if (ok) name = found;
+    return ok;
+}
+
+bool Process::isAlive(int pid, const std::string &name, bool &matched) {
+    matched = false;
+    if (!isAlive(pid)) return true;
+    std::string cmd;
+    if (!getProcCmd(pid, cmd)) {
+        TELO_LOG_ERR("getting process(%d)'s command failed", pid);
+        return false;
+    }
+    // A prefix test: the kernel cuts command names to 15 characters.
+    matched = name.compare(0, cmd.length(), cmd) == 0;
+    return true;
+}
+
+bool Process::KillProc(int pid, int sig) {
+    TELO_LOG_DEBUG("kill process [%u], signal: [%d]", static_cast<unsigned>(pid), sig);
+    return kill(pid, sig) == 0;
+}
+
+bool Process::safeKillProc(int pid, const std::string &name, int sig) {
+    bool matched = false;
+    if (!isAlive(pid, name, matched)) {
+        TELO_LOG_ERR("failed to check proc info with pid: [%d] for signal: [%d]", pid, sig);
+        return false;
+    }
+    if (matched) return KillProc(pid, sig);
+    return true;
+}
+
+int Process::getPid() {
+    return getpid();
+}
+
+}  // namespace Backup
+}  // namespace TELO

@@ -1,0 +1,116 @@
+#include "proc/child_programs.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "support/helpers.h"
+
+namespace proctest {
+
+std::vector<std::string> helper(const std::string &name, const std::vector<std::string> &args) {
+    return testsupport::helperCommand(name, args);
+}
+
+std::set<int> openFds() {
+    std::set<int> fds;
+    DIR *dir = opendir("/proc/self/fd");
+    while (struct dirent *entry = dir != nullptr ? readdir(dir) : nullptr) {
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(dir)) {
+            fds.insert(atoi(entry->d_name));
+        }
+    }
+    if (dir != nullptr) closedir(dir);
+    return fds;
+}
+
+bool noChildren() {
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+std::vector<std::string> field(const std::string &report, const std::string &key) {
+    std::vector<std::string> values;
+    std::istringstream in(report);
+    for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, key.size() + 1, key + " ") == 0)
+            values.push_back(line.substr(key.size() + 1));
+    }
+    return values;
+}
+
+}  // namespace proctest
+
+TELO_TEST_HELPER(exit) {
+    return args.empty() ? 0 : std::stoi(args[0]);
+}
+
+TELO_TEST_HELPER(cat) {
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(0, buffer, sizeof(buffer))) > 0) {
+        if (write(1, buffer, static_cast<size_t>(n)) != n) return 3;
+    }
+    return args.empty() ? 0 : std::stoi(args[0]);
+}
+
+TELO_TEST_HELPER(describe) {
+    std::ostringstream out;
+    for (int fd : proctest::openFds()) {
+        char target[4096] = {};
+        if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, 4095) > 0) {
+            out << "fd " << fd << " " << target << "\n";
+        }
+    }
+    for (char **e = environ; *e != nullptr; ++e) out << "env " << *e << "\n";
+    out << "pid " << getpid() << "\nsid " << getsid(0) << "\n";
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 7, "SigBlk:") == 0 || line.compare(0, 7, "SigIgn:") == 0) {
+            out << line.replace(7, 1, " ") << "\n";
+        }
+    }
+    std::string text = out.str();
+    int fd = args[0].compare(0, 3, "fd:") == 0
+                 ? std::stoi(args[0].substr(3))
+                 : open(args[0].c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 3;
+}
+
+TELO_TEST_HELPER(ignore_eof) {
+    char buffer[256];
+    while (read(0, buffer, sizeof(buffer)) > 0) {
+    }
+    for (;;) pause();
+    (void)args;
+}
+
+// Whether process `pid` has a handler for `sig` (its SigCgt mask).
+static bool catches(int pid, int sig) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 7, "SigCgt:") == 0)
+            return (std::stoull(line.substr(7), nullptr, 16) >> (sig - 1)) & 1;
+    }
+    return false;
+}
+
+TELO_TEST_HELPER(signal_parent) {
+    int sig = args[0] == "INT" ? SIGINT : SIGTERM;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, sig);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    // The parent's handler comes a moment after this program starts, and a signal arriving just
+    // before the parent waits is not forwarded: keep asking.
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        if (catches(getppid(), sig)) kill(getppid(), sig);
+        struct timespec pause = {0, 20 * 1000 * 1000};
+        if (sigtimedwait(&set, nullptr, &pause) == sig) return std::stoi(args[1]);
+    }
+    return 1;
+}

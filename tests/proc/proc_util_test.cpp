@@ -1,0 +1,145 @@
+// Process inspection against real processes: this one, forked children that renamed
+// themselves, and a zombie.
+#include "telobackup/proc/proc_util.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "support/child.h"
+#include "support/syslog_capture.h"
+
+using TELO::Backup::Process;
+using namespace testsupport;
+
+namespace {
+
+// A forked child named `name` that blocks SIGTERM (a signal sent stays visible as pending) and
+// sleeps until killed.
+class NamedChild {
+  public:
+    explicit NamedChild(const char *name) {
+        int fds[2];
+        pipe2(fds, O_CLOEXEC);
+        if ((pid = fork()) == 0) {
+            prctl(PR_SET_NAME, name);
+            sigset_t term;
+            sigemptyset(&term);
+            sigaddset(&term, SIGTERM);
+            sigprocmask(SIG_BLOCK, &term, nullptr);
+            _exit(write(fds[1], "r", 1) == 1 ? pause() : 1);
+        }
+        close(fds[1]);
+        char ready;
+        EXPECT_EQ(1, read(fds[0], &ready, 1));
+        close(fds[0]);
+        // Nothing tells when it has gone from "ready" to sleeping; its status file does.
+        for (int i = 0; i < 5000 && status("State:")[0] != 'S'; ++i) usleep(1000);
+    }
+    ~NamedChild() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    std::string status(const std::string &key) const {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+        for (std::string line; std::getline(in, line);) {
+            if (line.compare(0, key.size(), key) == 0) return line.substr(key.size() + 1);
+        }
+        return "?";
+    }
+    bool termPending() const {
+        return ((std::stoull(status("ShdPnd:"), nullptr, 16) >> (SIGTERM - 1)) & 1) != 0;
+    }
+    pid_t pid;
+};
+
+int deadPid() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    waitpid(pid, nullptr, 0);
+    return pid;
+}
+
+TEST(Process, LivenessAndStateLetters) {
+    errno = 1234;
+    EXPECT_TRUE(Process::isAlive(getpid()) && !Process::isAlive(deadPid()));
+    EXPECT_EQ(1234, errno);
+    EXPECT_EQ(getpid(), Process::getPid());
+    EXPECT_EQ('R', Process::getStatus(getpid()));
+    EXPECT_EQ(0, Process::getStatus(0) + Process::getStatus(-5) + Process::getStatus(deadPid()));
+    // A name holding ") " and a state letter must not fool the parser.
+    NamedChild tricky("x) R (y");
+    EXPECT_EQ('S', Process::getStatus(tricky.pid));
+    EXPECT_FALSE(Process::isZombie(tricky.pid));
+    pid_t zombie = fork();
+    if (zombie == 0) _exit(0);
+    siginfo_t info;
+    ASSERT_EQ(0, waitid(P_PID, zombie, &info, WEXITED | WNOWAIT));
+    EXPECT_TRUE(Process::isZombie(zombie) && Process::isAlive(zombie));
+    waitpid(zombie, nullptr, 0);
+    // Another user's process exists although it cannot be signalled.
+    EXPECT_CHILD_OK([] { return Process::isAlive(1) ? "" : "init is dead?"; },
+                    ChildOptions{.dropPrivileges = true});
+}
+
+TEST(Process, CommandNamesAndTheirPrefixMatch) {
+    SyslogCapture log;
+    std::string name = "untouched";
+    int dead = deadPid();
+    EXPECT_FALSE(Process::getProcCmd(0, name) || Process::getProcCmd(dead, name));
+    EXPECT_EQ("untouched", name);
+    EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/proc_util:<line> Error: invalid pid [0]"));
+    EXPECT_TRUE(
+        log.has(LOG_ERR, "(<pid>) [err] proc/proc_util:<line> Error: failed to open [/proc/" +
+                             std::to_string(dead) + "/status] No such file or directory"));
+    // The kernel keeps 15 characters: the expected name matches when it starts with them.
+    NamedChild child("abcdefghijklmnopqrstuvw");
+    EXPECT_TRUE(Process::getProcCmd(child.pid, name));
+    EXPECT_EQ("abcdefghijklmno", name);
+    bool matched[5] = {};
+    EXPECT_TRUE(Process::isAlive(child.pid, "abcdefghijklmnopqrstuvw", matched[0]) &&
+                Process::isAlive(child.pid, "abcdefghijklmno", matched[1]) &&
+                Process::isAlive(child.pid, "abcdefghijklmn", matched[2]) &&
+                Process::isAlive(child.pid, "abcdefghijklmnX", matched[3]) &&
+                Process::isAlive(deadPid(), "x", matched[4]));
+    EXPECT_TRUE(matched[0] && matched[1] && !matched[2] && !matched[3] && !matched[4]);
+    EXPECT_EQ(2u, log.size()) << log.dump();
+}
+
+TEST(Process, SafeKillSignalsOnlyTheExpectedCommand) {
+    SyslogCapture log;
+    NamedChild child("backupd");
+    EXPECT_TRUE(Process::safeKillProc(deadPid(), "backupd", SIGTERM));
+    EXPECT_TRUE(Process::safeKillProc(child.pid, "restored", SIGTERM));
+    EXPECT_FALSE(child.termPending());
+    EXPECT_EQ(0u, log.size()) << log.dump();
+    EXPECT_TRUE(Process::safeKillProc(child.pid, "backupd", SIGTERM));
+    EXPECT_TRUE(child.termPending());
+    EXPECT_TRUE(log.has(LOG_DEBUG, "(<pid>) [debug] proc/proc_util:<line> kill process [" +
+                                       std::to_string(child.pid) + "], signal: [15]"));
+    EXPECT_FALSE(Process::KillProc(deadPid(), SIGTERM));
+
+    // Without /proc a live process cannot be checked, and nothing is sent.
+    EXPECT_CHILD_OK(
+        [&child] {
+            SyslogCapture childLog;
+            CHILD_CHECK(mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0);
+            CHILD_CHECK(!Process::safeKillProc(child.pid, "backupd", SIGTERM));
+            CHILD_CHECK(childLog.has(LOG_ERR,
+                                     "(<pid>) [err] proc/proc_util:<line> failed to check "
+                                     "proc info with pid: [" +
+                                         std::to_string(child.pid) + "] for signal: [15]"));
+            CHILD_CHECK_EQ(3u, childLog.size());
+            return std::string();
+        },
+        ChildOptions{.privateMounts = true});
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+// Signal helpers change process-wide dispositions, so every case that installs something runs
+// in a forked child.
+#include "telobackup/proc/signal.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <syslog.h>
+
+#include "support/child.h"
+#include "support/syslog_capture.h"
+
+using namespace TELO::Backup;
+using namespace testsupport;
+
+namespace {
+
+// The C library adds its restorer flag to every action it sets.
+constexpr int kRestorer = 0x04000000;
+
+struct sigaction actionOf(int sig) {
+    struct sigaction action = {};
+    sigaction(sig, nullptr, &action);
+    action.sa_flags &= ~kRestorer;
+    return action;
+}
+
+void handlerA(int) {}
+void handlerB(int) {}
+
+TEST(Signal, FlagEditorsKeepHandlerAndMaskAndHandBackTheOldFlags) {
+    EXPECT_CHILD_OK([] {
+        struct sigaction chld = {};
+        chld.sa_handler = handlerA;
+        chld.sa_flags = SA_NOCLDWAIT | SA_RESTART;
+        sigaddset(&chld.sa_mask, SIGUSR1);
+        sigaction(SIGCHLD, &chld, nullptr);
+        int old = 0, middle = 0;
+        CHILD_CHECK(signalHandlerRemoveFlags(SIGCHLD, SA_NOCLDWAIT, old));
+        CHILD_CHECK(signalHandlerAddFlags(SIGCHLD, SA_NODEFER, middle));
+        CHILD_CHECK((middle & ~kRestorer) == SA_RESTART);
+        CHILD_CHECK_EQ(SA_RESTART | SA_NODEFER, actionOf(SIGCHLD).sa_flags);
+        CHILD_CHECK(signalHandlerSetFlags(SIGCHLD, old));
+        struct sigaction now = actionOf(SIGCHLD);
+        CHILD_CHECK(now.sa_handler == handlerA && now.sa_flags == (SA_NOCLDWAIT | SA_RESTART));
+        CHILD_CHECK_EQ(1, sigismember(&now.sa_mask, SIGUSR1));
+        return std::string();
+    });
+}
+
+// Reading fails for a signal that does not exist (the old flags untouched); writing fails for
+// one that cannot be caught (the old flags already handed back).
+TEST(Signal, FlagEditorFailures) {
+    SyslogCapture log;
+    int old = 12345;
+    EXPECT_FALSE(signalHandlerRemoveFlags(0, SA_RESTART, old) || signalHandlerSetFlags(NSIG, 0));
+    EXPECT_EQ(12345, old);
+    EXPECT_FALSE(signalHandlerAddFlags(SIGKILL, SA_RESTART, old));
+    EXPECT_EQ(0, old & ~kRestorer);
+    EXPECT_EQ(
+        2,
+        log.count(LOG_ERR,
+                  "(<pid>) [err] proc/signal:<line> sigaction get org failed: Invalid argument"));
+    EXPECT_EQ(
+        1,
+        log.count(LOG_ERR,
+                  "(<pid>) [err] proc/signal:<line> sigaction set flags failed: Invalid argument"));
+}
+
+TEST(Signal, HandlerSetAndScopedHandler) {
+    EXPECT_CHILD_OK([] {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        CHILD_CHECK(signalHandlerSet(SIGUSR1, handlerA) && signalHandlerSet(SIGUSR2, handlerA));
+        sigprocmask(SIG_BLOCK, nullptr, &set);
+        CHILD_CHECK(!sigismember(&set, SIGUSR1) && actionOf(SIGUSR1).sa_handler == handlerA);
+        CHILD_CHECK_EQ(SA_RESTART, actionOf(SIGUSR1).sa_flags);
+        SyslogCapture log;
+        CHILD_CHECK(!signalHandlerSet(0, handlerA) && !signalHandlerSet(SIGKILL, handlerA));
+        {
+            ScopedTempSigHandler guard, unarmed;
+            CHILD_CHECK(guard.setSignalHandler(SIGUSR1, SA_RESTART, SIG_IGN));
+            CHILD_CHECK(actionOf(SIGUSR1).sa_handler == SIG_IGN);
+            // Refused: the first replacement and what it saved stay.
+            CHILD_CHECK(!guard.setSignalHandler(SIGUSR2, 0, handlerB));
+            CHILD_CHECK(actionOf(SIGUSR2).sa_handler == handlerA);
+            signal(SIGUSR2, handlerB);
+        }
+        // The first replacement is undone; the unarmed guard touched nothing.
+        CHILD_CHECK(actionOf(SIGUSR1).sa_handler == handlerA);
+        CHILD_CHECK(actionOf(SIGUSR2).sa_handler == handlerB);
+        std::string prefix = "(<pid>) [err] proc/signal:<line> ";
+        CHILD_CHECK(log.has(LOG_ERR, prefix + "sigaddset [0]: Invalid argument"));
+        CHILD_CHECK(log.has(LOG_ERR, prefix + "sigaction [9]: Invalid argument"));
+        CHILD_CHECK(
+            log.has(LOG_ERR, prefix + "failed to set signal handler: original signum [10]"));
+        CHILD_CHECK_EQ(3u, log.size());
+        return std::string();
+    });
+}
+
+}  // namespace

@@ -1,0 +1,397 @@
+// SubProcess on real children (the test binary in helper modes). Every launching case runs on
+// both start paths, and each leaves the caller as it found it: the same open descriptors, no
+// child, the same SIGCHLD and SIGTERM dispositions.
+#include "telobackup/proc/subprocess.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <regex>
+
+#include "proc/child_programs.h"
+#include "proc/launch.h"
+#include "support/child.h"
+#include "support/syslog_capture.h"
+#include "support/temp_dir.h"
+
+using TELO::Backup::PipeFile;
+using TELO::Backup::SubProcess;
+using namespace testsupport;
+using namespace proctest;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+// Handler and flags; the C library adds its restorer flag to every action it sets.
+bool same(const struct sigaction &a, const struct sigaction &b) {
+    return a.sa_handler == b.sa_handler && ((a.sa_flags ^ b.sa_flags) & ~0x04000000) == 0;
+}
+
+struct sigaction actionOf(int sig) {
+    struct sigaction action = {};
+    sigaction(sig, nullptr, &action);
+    return action;
+}
+
+// The launcher's lines as "<who> <priority> <text>" without the source line; who is "self",
+// "pid" for `childPid`, else "child".
+Lines launcherLines(const SyslogCapture &log, int childPid = 0) {
+    static const std::regex form(R"(\((\d+)\) \[(err|debug)\] proc/subprocess:\d+ (.*))");
+    Lines out;
+    for (const LogLine &line : log.lines()) {
+        std::smatch m;
+        if (!std::regex_match(line.text, m, form)) return {"unexpected: " + line.text};
+        int pid = std::stoi(m[1]);
+        out.push_back((pid == getpid()   ? "self "
+                       : pid == childPid ? "pid "
+                                         : "child ") +
+                      std::string(line.priority == LOG_ERR ? "ERR " : "DEBUG ") + m[3].str());
+    }
+    return out;
+}
+
+// The lines of a child that reached its exec with `args` (none: it did not), then `errors`.
+Lines childLines(const std::string &who, const Lines &args, const Lines &errors = {}) {
+    Lines lines;
+    if (!args.empty()) lines.push_back(who + " DEBUG launch command:");
+    for (size_t i = 0; i < args.size(); ++i) {
+        lines.push_back(who + " DEBUG arg[" + std::to_string(i) + "] = [" + args[i] + "]");
+    }
+    for (const std::string &error : errors) lines.push_back(who + " ERR " + error);
+    return lines;
+}
+
+std::string readAll(int fd) {
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) text.append(buffer, n);
+    return text;
+}
+
+std::string linkOf(int fd) {
+    char target[4096] = {};
+    readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
+    return target;
+}
+
+const std::string kNoFile = "No such file or directory";
+
+class Launch : public ::testing::TestWithParam<bool> {
+  protected:
+    void SetUp() override { TELO::Backup::internal::setForkOnly(GetParam()); }
+    void TearDown() override {
+        TELO::Backup::internal::setForkOnly(false);
+        EXPECT_EQ(fds_, openFds()) << "descriptors leaked or closed";
+        EXPECT_TRUE(noChildren()) << "a child was left behind";
+        EXPECT_TRUE(same(chld_, actionOf(SIGCHLD)) && same(term_, actionOf(SIGTERM)));
+    }
+    TempDir dir;
+    SyslogCapture log;
+    const std::set<int> fds_ = openFds();
+    const struct sigaction chld_ = actionOf(SIGCHLD), term_ = actionOf(SIGTERM);
+};
+
+INSTANTIATE_TEST_SUITE_P(Paths, Launch, ::testing::Values(false, true),
+                         [](const auto &info) { return info.param ? "Fork" : "SharedMemory"; });
+
+// Exit statuses come back raw; a child that fails before its program runs exits 127 after its
+// lines, written by the caller under the child's pid.
+TEST_P(Launch, ExitStatusesAndTheChildsLines) {
+    std::string missing = dir.file("no/file"), noFile = "open [" + missing + "] failed, " + kNoFile;
+    Lines exit3 = helper("exit", {"3"});
+    struct Case {
+        std::function<void(SubProcess &)> set;
+        Lines args;  // as launched, when the child got that far
+        int status;
+        Lines errors;
+    } cases[] = {
+        {[](SubProcess &) {}, exit3, 3, {}},
+        {[](SubProcess &sp) { sp.addArg("x"); },
+         {"/nonexistent", "x"},
+         127,
+         {"execv [/nonexistent] failed, " + kNoFile}},
+        {[&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, {}, 127, {noFile}},
+        {[&](SubProcess &sp) { sp.setStdInput(missing); },
+         {},
+         127,
+         {noFile, "dup2 0 failed, " + kNoFile}},
+        {[](SubProcess &sp) { sp.setStdError(1000); },
+         {},
+         127,
+         {"dup2(2) failed, Bad file descriptor"}},
+    };
+    for (Case &c : cases) {
+        clearCapturedLines();
+        SubProcess sp(c.args.empty() || c.status == 3 ? exit3 : Lines{"/nonexistent"});
+        c.set(sp);
+        int status = 0, pid = sp.callNoWait({});
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_EQ(c.status << 8, status);
+        EXPECT_EQ(childLines("pid", c.args, c.errors), launcherLines(log, pid));
+    }
+    // No PATH search and no shell: paths are taken from "/", a blank belongs to the name.
+    EXPECT_EQ(0, SubProcess("bin/true").call());
+    EXPECT_EQ(127 << 8, SubProcess("true").call() | SubProcess("ls -l").call());
+}
+
+// Unset streams are the null device, a kept stream is the caller's, a kept descriptor survives
+// although close-on-exec, and nothing else reaches the program.
+TEST_P(Launch, ChildGetsExactlyItsStreamsAndKeptDescriptors) {
+    int fds[2], kept = 5;
+    ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
+    while (fcntl(kept, F_GETFD) >= 0) ++kept;
+    ASSERT_EQ(kept, dup3(fds[1], kept, O_CLOEXEC));
+    close(fds[1]);
+    int stray = open("/dev/zero", O_RDONLY);
+    int pid = SubProcess(helper("describe", {"fd:" + std::to_string(kept)})).callNoWait({1, kept});
+    close(kept);
+    close(stray);
+    EXPECT_EQ((Lines{"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
+                     std::to_string(kept) + " " + linkOf(fds[0])}),
+              field(readAll(fds[0]), "fd"));
+    close(fds[0]);
+    EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+}
+
+TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
+    mode_t oldMask = umask(022);
+    writeFile(dir.file("in"), "new\n");
+    writeFile(dir.file("old"), "old\n", 0644);
+    SubProcess cat(helper("cat"));
+    cat.setStdInput(dir.file("in"));
+    cat.setStdOutput(dir.file("old"), 0);
+    cat.setStdError(dir.file("fresh"), 0640);
+    EXPECT_EQ(0, cat.call());
+    EXPECT_EQ("old\nnew\n", readFile(dir.file("old")));
+    EXPECT_EQ(0644, fileMode(dir.file("old")));
+    EXPECT_EQ(0640, fileMode(dir.file("fresh")));
+    int fd = open(dir.file("byfd").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    cat.setStdOutput(dir.file("unused"), 0);
+    cat.setStdOutput(fd);
+    EXPECT_EQ(0, cat.call());
+    cat.setStdError(fd);
+    cat.setStdError(dir.file("later"), 0);
+    EXPECT_EQ(0, cat.call());
+    close(fd);
+    EXPECT_EQ("new\nnew\n", readFile(dir.file("byfd")));
+    EXPECT_EQ(0600, fileMode(dir.file("later")));
+    EXPECT_FALSE(exists(dir.file("unused")));
+    umask(oldMask);
+}
+
+TEST_P(Launch, ChildSeesOnlyPathAndItsOwnVariables) {
+    std::string report = dir.file("report");
+    Lines args = helper("describe", {report});
+    EXPECT_CHILD_OK([&] {
+        setenv("PATH", "/bin", 1);
+        setenv("SECRET", "leaks", 1);
+        SubProcess sp(args);
+        sp.setEnv("ZED", "last");
+        sp.setEnv("ALPHA", "first");
+        CHILD_CHECK_EQ(0, sp.call());
+        CHILD_CHECK(field(readFile(report), "env") ==
+                    (Lines{"PATH=/bin", "ALPHA=first", "ZED=last"}));
+        // Set after the clean-up, PATH wins.
+        unlink(report.c_str());
+        sp.setEnv("PATH", "/opt/bin");
+        CHILD_CHECK_EQ(0, sp.call());
+        CHILD_CHECK(field(readFile(report), "env") ==
+                    (Lines{"PATH=/opt/bin", "ALPHA=first", "ZED=last"}));
+        return std::string();
+    });
+}
+
+int hostHandlerCalls = 0;
+
+TEST_P(Launch, SignalsAroundTheChild) {
+    std::string report = dir.file("report");
+    Lines describe = helper("describe", {report}), exit5 = helper("exit", {"5"});
+    Lines signaller = helper("signal_parent", {"TERM", "42"});
+    EXPECT_CHILD_OK([&] {
+        // After a conversation SIGPIPE is ignored; with a signal blocked too, the child still
+        // starts with an empty mask and SIGPIPE at its default.
+        PipeFile *pipe = nullptr;
+        int pid = SubProcess(exit5).callPipeOpen(&pipe);
+        CHILD_CHECK_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        CHILD_CHECK_EQ(0, SubProcess(describe).call());
+        std::string seen = readFile(report);
+        CHILD_CHECK(field(seen, "SigBlk:") == Lines{"0000000000000000"});
+        CHILD_CHECK(
+            (std::stoull(field(seen, "SigIgn:").at(0), nullptr, 16) & (1 << (SIGPIPE - 1))) == 0);
+
+        // SIGTERM to the waiting caller reaches the child, and the host's handler too.
+        CHILD_CHECK_EQ(42 << 8, SubProcess(signaller).call());
+        struct sigaction host = {};
+        host.sa_handler = [](int) { ++hostHandlerCalls; };
+        sigaction(SIGTERM, &host, nullptr);
+        CHILD_CHECK_EQ(42 << 8, SubProcess(signaller).call());
+        CHILD_CHECK(hostHandlerCalls >= 1 && same(host, actionOf(SIGTERM)));
+
+        // SA_NOCLDWAIT is lifted for the wait and put back.
+        struct sigaction chld = {};
+        chld.sa_flags = SA_NOCLDWAIT | SA_RESTART;
+        sigaction(SIGCHLD, &chld, nullptr);
+        CHILD_CHECK_EQ(5 << 8, SubProcess(exit5).call());
+        CHILD_CHECK(SubProcess(exit5).callBackground(false) && same(chld, actionOf(SIGCHLD)));
+        return std::string();
+    });
+}
+
+TEST_P(Launch, BackgroundGrandchildIsDetached) {
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    for (bool newSession : {true, false}) {
+        // Opened first, so the grandchild's open does not wait; end of file is its end.
+        int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        SubProcess sp(helper("describe", {"fd:1"}));
+        sp.setStdOutput(fifo, 0);
+        ASSERT_TRUE(sp.callBackground(newSession));
+        fcntl(reader, F_SETFL, 0);
+        std::string report = readAll(reader);
+        close(reader);
+        EXPECT_EQ(newSession ? field(report, "pid") : Lines{std::to_string(getsid(0))},
+                  field(report, "sid"));
+    }
+    clearCapturedLines();
+    EXPECT_TRUE(SubProcess("/nonexistent").callBackground(true));
+    EXPECT_EQ(childLines("child", {"/nonexistent"}, {"execv [/nonexistent] failed, " + kNoFile}),
+              launcherLines(log));
+}
+
+TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
+    std::string report = dir.file("report");
+    pid_t pid = fork();
+    if (pid == 0) _exit(SubProcess(helper("describe", {report})).exec() + 99);
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(Lines{std::to_string(pid)}, field(readFile(report), "pid"));
+    // On failure the process goes on prepared: in "/", with the program's environment and its
+    // descriptors closed (this child reports through its exit status only).
+    EXPECT_CHILD_OK([] {
+        setenv("OTHER", "x", 1);
+        SubProcess sp("/nonexistent");
+        sp.setEnv("MINE", "1");
+        SyslogCapture log;
+        char cwd[8] = {};
+        CHILD_CHECK(sp.exec() == 0 && getcwd(cwd, sizeof(cwd)) != nullptr &&
+                    cwd == std::string("/"));
+        CHILD_CHECK(getenv("OTHER") == nullptr && getenv("MINE") != nullptr);
+        CHILD_CHECK(launcherLines(log) == childLines("self", {"/nonexistent"},
+                                                     {"execv [/nonexistent] failed, " + kNoFile}));
+        return std::string();
+    });
+}
+
+TEST_P(Launch, PipeConversations) {
+    PipeFile *pipe = nullptr;
+    int pid = SubProcess(helper("cat", {"5"})).callPipeOpen(&pipe);
+    EXPECT_TRUE(fcntl(SubProcess::getReadFD(pipe), F_GETFD) & FD_CLOEXEC);
+    char buffer[7] = {};
+    EXPECT_EQ(2u, SubProcess::writePipe("hello\n", 3, 2, pipe));
+    EXPECT_EQ(6u, SubProcess::readPipe(buffer, 1, 6, pipe));
+    EXPECT_STREQ("hello\n", buffer);
+    EXPECT_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
+
+    // Writing to a child that has gone fails with EPIPE; the caller survives.
+    pid = SubProcess(helper("exit")).callPipeOpen(&pipe);
+    siginfo_t info;
+    ASSERT_EQ(0, waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
+    EXPECT_EQ(0u, SubProcess::writePipe("x", 1, 1, pipe));
+    EXPECT_EQ(EPIPE, errno);
+    EXPECT_EQ(0, SubProcess::callPipeClose(pipe, pid));
+
+    // A child that ignores end of file gets SIGTERM after half a second; the check right after
+    // usually comes too early, and the child is left to the caller.
+    pid = SubProcess(helper("ignore_eof")).callPipeOpen(&pipe);
+    auto start = std::chrono::steady_clock::now();
+    int status = SubProcess::callPipeClose(pipe, pid);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    if (status == -1) {
+        EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/subprocess:<line> waitpid [" +
+                                         std::to_string(pid) + "] return [0]"));
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    }
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+// The child waits in its open for a writer: were the launch to wait for its exec, the caller
+// could never become that writer.
+TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    SubProcess cat(helper("cat"));
+    cat.setStdInput(fifo);
+    cat.setStdOutput(dir.file("out"), 0);
+    int status = -1, pid = cat.callNoWait({});
+    int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(3, write(writer, "hi\n", 3));
+    close(writer);
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ("hi\n", readFile(dir.file("out")));
+}
+
+TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
+    Lines exit0 = helper("exit");
+    EXPECT_CHILD_OK(
+        [&] {
+            clearCapturedLines();
+            struct rlimit none = {0, 0};
+            setrlimit(RLIMIT_NPROC, &none);
+            PipeFile *pipe = nullptr;
+            SubProcess sp(exit0);
+            CHILD_CHECK(sp.call() == -1 && errno == EAGAIN);
+            CHILD_CHECK(sp.callNoWait({}) == -1 && !sp.callBackground(true));
+            CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
+            CHILD_CHECK(launcherLines(log) ==
+                        Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
+            return std::string();
+        },
+        ChildOptions{.dropPrivileges = true});
+}
+
+TEST(SubProcessDescription, ArgumentsCommandLineAndEnvironmentDump) {
+    EXPECT_EQ("\"ls -l\"", SubProcess(std::string("ls -l")).getCmdline());
+    EXPECT_EQ(R"("a\"b" "$x\" "")",
+              SubProcess(std::list<std::string>{"a\"b", "$x\\", ""}).getCmdline());
+    SubProcess sp(Lines{});
+    EXPECT_EQ("", sp.getCmdline());
+    sp.addArgList("a", "b", (char *)nullptr);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+    sp.addArgList(nullptr);
+#pragma GCC diagnostic pop
+    sp.addArg("c d");
+    sp.addFormatArg("%s=%03d", "n", 7);
+    EXPECT_EQ(R"("a" "b" "c d" "n=007")", sp.getCmdline());
+    try {
+        SubProcess bad(static_cast<const char *>(nullptr));
+        ADD_FAILURE() << "no exception";
+    } catch (const std::logic_error &e) {
+        EXPECT_STREQ("basic_string::_M_construct null not valid", e.what());
+    }
+    SyslogCapture log;
+    sp.printEnv();
+    sp.setEnv("B", "2");
+    sp.setEnv("A", "x=1");
+    sp.printEnv();
+    EXPECT_EQ((Lines{"self ERR env: A=x=1", "self ERR env: B=2"}), launcherLines(log));
+    EXPECT_EQ(-1, SubProcess::callPipeClose(nullptr, -1) + SubProcess::getReadFD(nullptr) + 1);
+    SubProcess::flushPipe(nullptr);
+    EXPECT_EQ(0u,
+              SubProcess::readPipe(&sp, 0, 1, nullptr) + SubProcess::writePipe(&sp, 0, 1, nullptr));
+}
+
+}  // namespace
