@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 
@@ -57,23 +58,37 @@ void addPatternFile(const std::string &path, TELO::Backup::PathFilter &filter) {
 // Buffered writer of standard output; millions of lines go out in large writes.
 class Output {
   public:
-    ~Output() { flush(); }
-    void put(const std::string &text, char end) {
-        if (buffer_.size() + text.size() + 1 > kSize) flush();
-        buffer_.append(text);
-        buffer_ += end;
+    Output() : buffer_(new char[kSize]) {}
+    ~Output() {
+        if (used_ > 0) TELO::Backup::internal::writeFull(1, buffer_.get(), used_);
+    }
+    void put(const char *text, size_t length, char end) {
+        if (used_ + length + 1 > kSize) {
+            flush();
+            if (length + 1 > kSize) {
+                write(text, length);
+                write(&end, 1);
+                return;
+            }
+        }
+        memcpy(buffer_.get() + used_, text, length);
+        used_ += length;
+        buffer_[used_++] = end;
     }
     void flush() {
-        if (!buffer_.empty() &&
-            !TELO::Backup::internal::writeFull(1, buffer_.data(), buffer_.size())) {
-            throw systemError(kExitFailed, "standard output");
-        }
-        buffer_.clear();
+        write(buffer_.get(), used_);
+        used_ = 0;
     }
 
   private:
-    static constexpr size_t kSize = 1 << 16;
-    std::string buffer_;
+    static void write(const char *data, size_t size) {
+        if (size > 0 && !TELO::Backup::internal::writeFull(1, data, size)) {
+            throw systemError(kExitFailed, "standard output");
+        }
+    }
+    static constexpr size_t kSize = 1 << 18;
+    std::unique_ptr<char[]> buffer_;
+    size_t used_ = 0;
 };
 
 class Decider {
@@ -92,9 +107,10 @@ class Decider {
             Json::Value row;
             row["path"] = path;
             row["kept"] = !excluded;
-            output_.put(TELO::Backup::jsonToString(row), '\n');
+            std::string text = TELO::Backup::jsonToString(row);
+            output_.put(text.data(), text.size(), '\n');
         } else if (excluded == printExcluded_) {
-            output_.put(path, end_);
+            output_.put(path.data(), path.size(), end_);
         }
     }
 
@@ -109,25 +125,25 @@ class Decider {
 
 // Decides for every line (or NUL-terminated record) of standard input, streaming.
 void decideStandardInput(Decider &decider, char separator) {
-    std::vector<char> buffer(1 << 16);
+    std::vector<char> buffer(1 << 18);
     std::string path;
     size_t used = 0;
     for (;;) {
         ssize_t n = TELO::Backup::internal::retryOnEintr(
             [&] { return read(0, buffer.data() + used, buffer.size() - used); });
         if (n < 0) throw systemError(kExitFailed, "standard input");
-        size_t end = used + static_cast<size_t>(n);
-        size_t start = 0;
-        for (size_t i = used; i < end; ++i) {
-            if (buffer[i] != separator) continue;
-            path.assign(buffer.data() + start, i - start);
+        const char *start = buffer.data();
+        const char *end = buffer.data() + used + static_cast<size_t>(n);
+        const char *scan = buffer.data() + used;
+        while (const char *stop = static_cast<const char *>(
+                   memchr(scan, separator, static_cast<size_t>(end - scan)))) {
+            path.assign(start, static_cast<size_t>(stop - start));
             decider.decide(path);
-            start = i + 1;
+            start = scan = stop + 1;
         }
         // Keep the unfinished line; grow the buffer for a line longer than it.
-        used = end - start;
-        std::copy(buffer.begin() + static_cast<ptrdiff_t>(start),
-                  buffer.begin() + static_cast<ptrdiff_t>(end), buffer.begin());
+        used = static_cast<size_t>(end - start);
+        memmove(buffer.data(), start, used);
         if (n == 0) break;
         if (used == buffer.size()) buffer.resize(buffer.size() * 2);
     }
