@@ -1,7 +1,4 @@
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <memory>
 
 #include "mount_table.h"
 #include "platform_error.h"
@@ -17,21 +14,11 @@ extern "C" int TELOGetFSType(const char *path, int /*flags*/) {
         TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
         return -1;
     }
-    std::unique_ptr<char, void (*)(void *)> real(realpath(path, nullptr), free);
-    if (!real) {
-        TELO_PLATFORM_FAIL(TELO_ERR_NOT_FOUND);
+    telo_platform::MountEntry mount;
+    unsigned int error = telo_platform::mountHolding(path, mount);
+    if (error != TELO_ERR_NONE) {
+        TELO_PLATFORM_FAIL(error);
         return -1;
     }
-    std::vector<telo_platform::MountEntry> entries;
-    if (!telo_platform::readMountTable(entries)) {
-        TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
-        return -1;
-    }
-    const telo_platform::MountEntry *mount = telo_platform::findMountFor(entries, real.get());
-    if (mount == nullptr) {
-        errno = ENOENT;
-        TELO_PLATFORM_FAIL(TELO_ERR_BAD_CONFIG);
-        return -1;
-    }
-    return telo_platform::fsTypeCode(mount->fsType);
+    return telo_platform::fsTypeCode(mount.fsType);
 }

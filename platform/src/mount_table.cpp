@@ -107,6 +107,20 @@ const MountEntry *findMountFor(const std::vector<MountEntry> &entries, const std
     return best;
 }
 
+unsigned int mountHolding(const char *path, MountEntry &mount) {
+    std::unique_ptr<char, void (*)(void *)> real(realpath(path, nullptr), free);
+    if (!real) return TELO_ERR_NOT_FOUND;
+    std::vector<MountEntry> entries;
+    if (!readMountTable(entries)) return TELO_ERR_SYSTEM;
+    const MountEntry *found = findMountFor(entries, real.get());
+    if (found == nullptr) {
+        errno = ENOENT;
+        return TELO_ERR_BAD_CONFIG;
+    }
+    mount = *found;
+    return TELO_ERR_NONE;
+}
+
 int fsTypeCode(const std::string &fsType) {
     static const struct {
         const char *name;

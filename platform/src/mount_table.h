@@ -32,6 +32,12 @@ bool parseMountInfoLine(const std::string &line, MountEntry &entry);
 // last one in mount order among equals, as the later mount hides the earlier); null when none.
 const MountEntry *findMountFor(const std::vector<MountEntry> &entries, const std::string &path);
 
+// Finds the mount holding `path` after resolving it (realpath). Returns TELO_ERR_NONE and fills
+// `mount`, or the error code to record: TELO_ERR_NOT_FOUND (the path does not resolve; errno
+// from realpath), TELO_ERR_SYSTEM (the table cannot be read; errno set) or TELO_ERR_BAD_CONFIG
+// (no entry covers the path; errno ENOENT).
+unsigned int mountHolding(const char *path, MountEntry &mount);
+
 // True when `prefix` is `path` or one of its leading components ("/a" holds "/a/b", not "/ab").
 bool isComponentPrefix(const std::string &prefix, const std::string &path);
 

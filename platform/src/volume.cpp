@@ -143,23 +143,19 @@ int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
         TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
         return -1;
     }
-    std::unique_ptr<char, void (*)(void *)> real(realpath(path, nullptr), free);
-    if (!real) {
-        TELO_PLATFORM_FAIL(TELO_ERR_NOT_FOUND);
-        return -1;
-    }
-    std::vector<telo_platform::MountEntry> entries;
-    if (!telo_platform::readMountTable(entries)) {
-        TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
-        return -1;
-    }
-    const telo_platform::MountEntry *mount = telo_platform::findMountFor(entries, real.get());
-    if (mount == nullptr || !isVolume(*mount)) {
+    telo_platform::MountEntry mount;
+    unsigned int error = telo_platform::mountHolding(path, mount);
+    if (error == TELO_ERR_NONE && !isVolume(mount)) {
         errno = ENOENT;
-        TELO_PLATFORM_FAIL(TELO_ERR_NOT_FOUND);
+        error = TELO_ERR_NOT_FOUND;
+    }
+    // A path no mount covers is on no volume either.
+    if (error == TELO_ERR_BAD_CONFIG) error = TELO_ERR_NOT_FOUND;
+    if (error != TELO_ERR_NONE) {
+        TELO_PLATFORM_FAIL(error);
         return -1;
     }
-    fillRecord(*mount, *info);
+    fillRecord(mount, *info);
     info->next = nullptr;
     return 0;
 }
