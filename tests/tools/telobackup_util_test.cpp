@@ -90,7 +90,7 @@ class Tool : public ::testing::Test {
 TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
     IN_PRIVATE_TMP([this] {
         CommandResult r = run({"config", "new", conf, "task", "--increasing", "name=\"nightly\"",
-                               "--string", "source=/volume1/photos", "--secret", "password"},
+                               "--string", "source=/srv/photos", "--secret", "password"},
                               "s3cret-value\n");
         CHILD_CHECK_EQ(0, r.exitCode);
         CHILD_CHECK_EQ(std::string("task1\n"), r.out);
@@ -99,7 +99,7 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
         r = run({"--json", "config", "get", conf, "task1"});
         Json::Value task = parse(r.out);
         CHILD_CHECK_EQ(std::string("nightly"), task["name"].asString());
-        CHILD_CHECK_EQ(std::string("/volume1/photos"), task["source"].asString());
+        CHILD_CHECK_EQ(std::string("/srv/photos"), task["source"].asString());
         CHILD_CHECK(task["password"].isString() && task["password"].asString() != "s3cret-value");
         CHILD_CHECK(r.out.find("s3cret-value") == std::string::npos);
         r = run({"config", "get", conf, "task1", "password", "--secret"});
