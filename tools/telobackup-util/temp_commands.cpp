@@ -49,7 +49,7 @@ void printPath(const Context &context, const char *key, const std::string &value
 }
 
 void runMktemp(const TempArgs &args, const Context &context) {
-    if (args.name.find('/') != std::string::npos) {
+    if (args.name.find('/') != std::string::npos || args.name == "." || args.name == "..") {
         throw CommandError(kExitUsage, "mktemp: NAME must be a bare file name: " + args.name);
     }
     std::shared_ptr<FilterVolume> filter = volumeFilter(args.volume);
