@@ -81,7 +81,8 @@ int largestNumber(const std::list<std::string> &names, const std::string &prefix
     return largest;
 }
 
-// Appends the header of `name` to `file` (created when missing); nothing else is touched.
+// Appends the header of `name` to `file` (created when missing), after a "\n" when the last
+// line lacks one; nothing else is touched.
 bool appendHeader(const std::string &file, const std::string &name) {
     if (name.find('\n') != std::string::npos || name.find('\0') != std::string::npos) {
         errno = EINVAL;
@@ -94,7 +95,11 @@ bool appendHeader(const std::string &file, const std::string &name) {
         return false;
     }
     __fsetlocking(stream, FSETLOCKING_BYCALLER);
-    bool written = SectionConfig::writeSectionName(stream, name);
+    // A last line without its "\n" would swallow the header (and the value it ends).
+    bool unterminated = fseeko64(stream, -1, SEEK_END) == 0 && fgetc(stream) != '\n';
+    fseeko64(stream, 0, SEEK_END);
+    bool written = (!unterminated || fputc('\n', stream) != EOF) &&
+                   SectionConfig::writeSectionName(stream, name);
     // The header reaches the file only when the stream is flushed.
     if (fclose(stream) != 0) written = false;
     return written;

@@ -184,6 +184,11 @@ TEST_F(OptionMapTest, UniqueAndIncreasingIds) {
     writeFile(file, "[global]\njobid_max=9\n[job3]\n");
     EXPECT_EQ(10, OptionMap::optSectionGetIncreaseId(file, "job"));
     EXPECT_EQ("[global]\njobid_max=10\n[job3]\n[job10]\n", readFile(file));
+
+    // A hand-written file whose last line lacks its "\n": the header must not join that line.
+    writeFile(file, "[a]\nkeep=3");
+    EXPECT_EQ(1, OptionMap::optSectionGetUniqueId(file, "job"));
+    EXPECT_EQ("[a]\nkeep=3\n[job1]\n", readFile(file));
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 

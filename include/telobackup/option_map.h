@@ -157,7 +157,8 @@ class TELO_EXPORT OptionMap {
     // A numbered section is named prefix + decimal number ("job12"). The number of a name is
     // read loosely with strtol after the prefix: "job12x" counts as 12, "jobx" as 0, "job-3" as
     // -3; names equal to the prefix or not starting with it are skipped. New headers are
-    // appended to the file as "[name]\n" (the file is created when missing); a failed open
+    // appended to the file as "[name]\n" (the file is created when missing; a last line without
+    // its "\n" gets one first, so the header never joins it); a failed open
     // logs "fopen: %m", a name holding a newline or NUL is refused with errno EINVAL.
     // The static allocators take no lock; the creating members run them under the map's lock.
 

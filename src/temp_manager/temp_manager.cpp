@@ -327,7 +327,9 @@ std::string volumeTemplate(const std::shared_ptr<FilterVolume> &filter, const st
         TELO_LOG_ERR("volume temp filter is null!");
         return std::string();
     }
-    if (!name.empty() && name.find('/') != std::string::npos) {
+    // "." and ".." are no file names: joined to the directory they would place the temporary
+    // beside it.
+    if (name.find('/') != std::string::npos || name == "." || name == "..") {
         TELO_LOG_ERR("name[%s] is invalid!", name.c_str());
         return std::string();
     }

@@ -97,11 +97,11 @@ TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
 }
 
 TEST_F(VolumeFilters, SameVolumeFilter) {
-    fakeplatform::outcomes().volumeOfPath["/volume1/photos"] = "/volume1";
-    fakeplatform::outcomes().shareTmpPaths["/volume1"] = "/volume1/@tmp";
-    FilterSameVolume known("/volume1/photos");
-    EXPECT_EQ("FilterSameVolume:/volume1", known.getSignature());
-    EXPECT_EQ("/volume1/@tmp", known.defaultPath());
+    fakeplatform::outcomes().volumeOfPath["/srv/photos"] = "/srv";
+    fakeplatform::outcomes().shareTmpPaths["/srv"] = "/srv/.telobackup-tmp";
+    FilterSameVolume known("/srv/photos");
+    EXPECT_EQ("FilterSameVolume:/srv", known.getSignature());
+    EXPECT_EQ("/srv/.telobackup-tmp", known.defaultPath());
     int location = 0, mode = 0;
     EXPECT_FALSE(known.getVolumeEnumParameter(location, mode));
     EXPECT_FALSE(known.isAccept(volume(1ull << 40)));
@@ -120,7 +120,7 @@ TEST_F(VolumeFilters, SameVolumeFilter) {
     EXPECT_EQ("", known.defaultPath());
     EXPECT_EQ(1, log.count(LOG_ERR,
                            "(<pid>) [err] temp_manager/volume_path_manager:<line> "
-                           "TELOShareTmpPathGet(/volume1) fail, [0x0004 "
+                           "TELOShareTmpPathGet(/srv) fail, [0x0004 "
                            "fake_platform.cpp:<line>]"));
 }
 

@@ -96,6 +96,12 @@ TEST_F(VolumeTemp, BadFilterNameOrDirectoryLeaveNothing) {
         CHILD_CHECK_EQ(1, log.count(LOG_ERR,
                                     "(<pid>) [err] temp_manager/temp_manager:<line> "
                                     "name[a/b] is invalid!"));
+        // "." would put the temporary beside the chosen directory, not in it.
+        ScopedVolumeTempFile dot(TempManager::maxVolume(1, 2, false), ".", false);
+        ScopedVolumeTempFolder dots(TempManager::maxVolume(1, 2, false), "..");
+        CHILD_CHECK(!dot.isValid() && !dots.isValid());
+        CHILD_CHECK_EQ(std::vector<std::string>{".tmp"}, listDir(dir.file("vol")));
+        CHILD_CHECK_EQ(3, log.count(LOG_ERR, "<any> is invalid!"));
         // No directory for the filter: silently nothing.
         fakeplatform::outcomes().volumes.clear();
         size_t before = log.size();

@@ -90,7 +90,7 @@ class Tool : public ::testing::Test {
 TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
     IN_PRIVATE_TMP([this] {
         CommandResult r = run({"config", "new", conf, "task", "--increasing", "name=\"nightly\"",
-                               "--string", "source=/volume1/photos", "--secret", "password"},
+                               "--string", "source=/srv/photos", "--secret", "password"},
                               "s3cret-value\n");
         CHILD_CHECK_EQ(0, r.exitCode);
         CHILD_CHECK_EQ(std::string("task1\n"), r.out);
@@ -99,7 +99,7 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
         r = run({"--json", "config", "get", conf, "task1"});
         Json::Value task = parse(r.out);
         CHILD_CHECK_EQ(std::string("nightly"), task["name"].asString());
-        CHILD_CHECK_EQ(std::string("/volume1/photos"), task["source"].asString());
+        CHILD_CHECK_EQ(std::string("/srv/photos"), task["source"].asString());
         CHILD_CHECK(task["password"].isString() && task["password"].asString() != "s3cret-value");
         CHILD_CHECK(r.out.find("s3cret-value") == std::string::npos);
         r = run({"config", "get", conf, "task1", "password", "--secret"});
@@ -156,6 +156,8 @@ TEST_F(Tool, ConcurrentNewSectionsAreDistinct) {
 // Every exit code from a real condition; failed commands leave every file byte-identical.
 TEST_F(Tool, ExitCodesAndUntouchedFiles) {
     IN_PRIVATE_TMP([this] {
+        // From the test's directory, so that nothing may be made in the current one either.
+        CHILD_CHECK(chdir(dir.path().c_str()) == 0);
         std::string original = "#top\n[a]\nx=1\n[b]\ny=\"z\"\n";
         writeFile(conf, original, 0640);
         std::vector<std::string> entries = listDir(dir.path());
@@ -171,6 +173,8 @@ TEST_F(Tool, ExitCodesAndUntouchedFiles) {
             {2, {"config", "set", conf, "a", "k=not json"}},
             {2, {"config", "set", conf, "a", "novalue"}},
             {2, {"config", "set", conf, "a", "bad\nkey=1"}},
+            {2, {"config", "new", conf, "job", "#k=1"}},
+            {2, {"config", "new", conf, "job", "--string", "k =v"}},
             {2, {"config", "get", conf}},
             {2, {"config", "frobnicate", conf}},
             {2, {"filter", "--rule", "sideways", "/x"}},
@@ -182,6 +186,7 @@ TEST_F(Tool, ExitCodesAndUntouchedFiles) {
             {1, {"share", "/elsewhere/x"}},
             {1, {"session", "path", "sess.absent"}},
             {1, {"mktemp", "--volume", "same:/nonexistent"}},
+            {1, {"session", "create", "--volume", "same:/nonexistent"}},
         };
         for (const auto &c : cases) {
             std::string command;

@@ -87,6 +87,19 @@ std::pair<std::string, std::string> splitAssignment(const std::string &arg, cons
     return {arg.substr(0, eq), arg.substr(eq + 1)};
 }
 
+// Refuses a key that the file could not read back as written (SectionConfig::updateSection
+// refuses it too, but `config new` must know before it creates the section).
+void checkKey(const std::string &key) {
+    auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+    if (key.find_first_of("=\n") != std::string::npos ||
+        (!key.empty() &&
+         (blank(key.front()) || blank(key.back()) || key[0] == '#' || key[0] == '['))) {
+        throw CommandError(kExitUsage, "bad key '" + key +
+                                           "': no \"=\" or newline, no blanks at either end, "
+                                           "no leading \"#\" or \"[\"");
+    }
+}
+
 // Reads one line of standard input (the newline dropped) for each secret key.
 std::string readSecret(const std::string &key) {
     std::string value;
@@ -111,6 +124,9 @@ void applyValues(const ConfigArgs &args, OptionMap &map) {
     }
     std::vector<std::pair<std::string, std::string>> texts;
     for (const std::string &arg : args.strings) texts.push_back(splitAssignment(arg, "string"));
+    for (const auto &kv : values) checkKey(kv.first);
+    for (const auto &kv : texts) checkKey(kv.first);
+    for (const std::string &key : args.secrets) checkKey(key);
     std::vector<std::pair<std::string, std::string>> secrets;
     for (const std::string &key : args.secrets) secrets.emplace_back(key, readSecret(key));
 
@@ -263,6 +279,11 @@ void runDelete(const ConfigArgs &args, const Context &) {
 }
 
 void runNew(const ConfigArgs &args, const Context &context) {
+    if (args.file.empty() || args.section.empty() || args.section.find('\n') != std::string::npos) {
+        throw CommandError(kExitUsage,
+                           "config new: FILE and PREFIX must be non-empty, PREFIX "
+                           "on one line");
+    }
     OptionMap map;
     applyValues(args, map);
     setToken(map, args);

@@ -19,14 +19,14 @@ const char kVolumeHelp[] =
     "(ext and btrfs), or same:PATH (the volume holding PATH)";
 
 // The filter a --volume value names; the Max filters fall back to /tmp.
-std::shared_ptr<FilterVolume> volumeFilter(const std::string &spec) {
-    if (spec.empty() || spec == "max") return TempManager::maxVolume(true);
-    if (spec == "max-ext") return TempManager::maxExtVolume(true);
-    if (spec == "max-ext-btrfs") return TempManager::maxExtBtrfsVolume(true);
-    if (spec.compare(0, 5, "same:") == 0 && spec.size() > 5) {
-        return TempManager::sameVolume(spec.substr(5));
+std::shared_ptr<FilterVolume> volumeFilter(const std::string &volume) {
+    if (volume.empty() || volume == "max") return TempManager::maxVolume(true);
+    if (volume == "max-ext") return TempManager::maxExtVolume(true);
+    if (volume == "max-ext-btrfs") return TempManager::maxExtBtrfsVolume(true);
+    if (volume.compare(0, 5, "same:") == 0 && volume.size() > 5) {
+        return TempManager::sameVolume(volume.substr(5));
     }
-    throw CommandError(kExitUsage, "bad --volume '" + spec +
+    throw CommandError(kExitUsage, "bad --volume '" + volume +
                                        "': expected max, max-ext, max-ext-btrfs or same:PATH");
 }
 
@@ -49,7 +49,7 @@ void printPath(const Context &context, const char *key, const std::string &value
 }
 
 void runMktemp(const TempArgs &args, const Context &context) {
-    if (args.name.find('/') != std::string::npos) {
+    if (args.name.find('/') != std::string::npos || args.name == "." || args.name == "..") {
         throw CommandError(kExitUsage, "mktemp: NAME must be a bare file name: " + args.name);
     }
     std::shared_ptr<FilterVolume> filter = volumeFilter(args.volume);
@@ -74,8 +74,19 @@ void runMktemp(const TempArgs &args, const Context &context) {
 
 void runSessionCreate(const TempArgs &args, const Context &context) {
     TELO::Backup::Session session;
-    bool created =
-        args.volume.empty() ? session.create() : session.create(volumeFilter(args.volume));
+    bool created;
+    if (args.volume.empty()) {
+        created = session.create();
+    } else {
+        // Without a directory for the filter the session would land in the current directory.
+        std::shared_ptr<FilterVolume> filter = volumeFilter(args.volume);
+        std::string directory;
+        if (!TELO::Backup::VolumePathManager::getInstance().getVolumePath(filter, directory)) {
+            throw CommandError(kExitNotFound, "session create: no directory on volume '" +
+                                                  args.volume + "' (see the system log)");
+        }
+        created = session.create(filter);
+    }
     if (!created) throw CommandError(kExitFailed, "session create failed (see the system log)");
     Json::Value extra(Json::objectValue);
     extra["path"] = session.getPath();

@@ -142,7 +142,8 @@ class TELO_EXPORT ScopedTempFolder {
 // as ScopedTempFile::create describes. With `closeNow` the descriptor is closed at once.
 // Test isValid(): every failure leaves an object that owns nothing. Logs
 // "(pid) [err] temp_manager/temp_manager:line volume temp filter is null!" for a null filter and
-// "... name[%s] is invalid!" for a name holding "/"; no directory for the filter fails silently.
+// "... name[%s] is invalid!" for a name holding "/" or equal to "." or ".."; no directory for the
+// filter fails silently.
 // The filter is not kept.
 class TELO_EXPORT ScopedVolumeTempFile : public ScopedTempFile {
   public:
