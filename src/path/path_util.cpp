@@ -240,7 +240,8 @@ UniqueFd ensureOwnedDir(int parentFd, const char *name, const std::string &path,
 
 // The sub-directory `name` of the IPC tree, made safe as createIpcTempPath describes.
 UniqueFd openIpcSubdir(const std::string &name, unsigned int mode, std::string &path) {
-    if (name.empty() || name.find('/') != std::string::npos) {
+    // "." and ".." would name the tree itself or /tmp, whose modes are not ours to force.
+    if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..") {
         errno = EINVAL;
         TELO_LOG_ERR("bad %s name.", name.c_str());
         return UniqueFd();

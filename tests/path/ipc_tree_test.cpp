@@ -37,6 +37,27 @@ TEST(IpcTree, BadNamesAreRefusedWithoutTouchingTheDisk) {
     EXPECT_EQ(2u, log.size());
 }
 
+// "." and ".." name the tree itself and /tmp: forcing a mode there would reach outside the
+// sub-directories the call is for.
+TEST(IpcTree, DotNamesAreRefused) {
+    EXPECT_CHILD_OK(
+        [] {
+            SyslogCapture log;
+            CHILD_CHECK(chmod("/tmp", 01777) == 0);
+            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("..", 0700));
+            CHILD_CHECK_EQ(EINVAL, errno);
+            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath(".", 0700));
+            CHILD_CHECK_EQ(01777, fileMode("/tmp"));
+            CHILD_CHECK(!exists("/tmp/telobackup"));
+            CHILD_CHECK_EQ(1,
+                           log.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> bad .. name."));
+            CHILD_CHECK_EQ(1,
+                           log.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> bad . name."));
+            return std::string();
+        },
+        kPrivateTmp);
+}
+
 TEST(IpcTree, CreatesTreeWithExactModesWhateverTheUmask) {
     EXPECT_CHILD_OK(
         [] {

@@ -89,7 +89,7 @@ class TELO_EXPORT Path {
     // sub-directory's path. Links planted at either name are never followed, and an existing
     // entry that is not a directory owned by the caller or root is refused.
     // Failure: "" with errno set, after logging one of
-    //   "bad %s name." (empty `name` or one holding "/"; errno EINVAL),
+    //   "bad %s name." (empty `name`, one holding "/", "." or ".."; errno EINVAL),
     //   "mkdir %s path failed. %m", "chmod %s path failed. %m" (ELOOP or ENOTDIR for a planted
     //   entry, EPERM for a directory owned by someone else).
     static std::string createIpcTempPath(const std::string &name, unsigned int mode);
