@@ -14,9 +14,11 @@ namespace TELO {
 namespace Backup {
 
 // Formats the arguments like printf and returns the text. Results of up to 127 bytes take one
-// formatting pass; longer ones exactly two. A format that vsnprintf rejects gives "" (nothing is
-// logged). Throws std::bad_alloc when the result cannot be allocated. errno is as vsnprintf
-// left it. Example: stringf("%s=%d", "a", 1) == "a=1".
+// formatting pass; longer ones at most two: a thread keeps a buffer as large as the longest text
+// below 64 KiB it has formatted (freed when the thread ends), so repeated long texts take one.
+// A format that vsnprintf rejects gives "" (nothing is logged). Throws std::bad_alloc when the
+// result cannot be allocated. errno is as vsnprintf left it. Example: stringf("%s=%d", "a", 1) ==
+// "a=1".
 TELO_EXPORT std::string stringf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // stringf with a va_list; `ap` is not consumed (the function works on copies of it).
