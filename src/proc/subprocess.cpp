@@ -562,8 +562,8 @@ int SubProcess::call() const {
         return -1;
     }
 
-    // Kept as it is: only the child's end leaves this loop. A SIGCHLD set to SIG_IGN, or
-    // someone else reaping the child, makes it spin for ever (see the header).
+    // Only the child's end leaves this loop: a SIGCHLD set to SIG_IGN, or someone else reaping
+    // the child, makes it spin for ever (see the header).
     int result;
     for (;;) {
         int status = 0;
@@ -696,8 +696,8 @@ int SubProcess::callPipeClose(PipeFile *pipe, int pid) {
     }
     if (pid == -1) return -1;
 
-    // Kept as it is: closing the stream gives the child end of file, which normally ends it
-    // within these 100 polls.
+    // Closing the stream gave the child end of file, which normally ends it within these 100
+    // polls.
     int status = 0;
     for (int polls = 0; polls < 100;) {
         pid_t waited = waitpid(pid, &status, WNOHANG);

@@ -90,7 +90,7 @@ TEST(PathFilterRebase, GetPatternLists) {
     EXPECT_EQ((Patterns{"/p/*", "/f/**"}), out);
 }
 
-// The rules on random lists are in the differential test; here are the documented cases.
+// The rules on random lists are in the differential test; here each rule once, by hand.
 TEST(PathFilterRules, PrecedenceClearAndLists) {
     PathFilter filter;
     filter.addExcludePattern("/x/**");
