@@ -1,6 +1,7 @@
 // Shares of the generic server: the administrator's shares file, or else Samba's share sections.
 #include <strings.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -72,12 +73,14 @@ void appendUtf8(std::string &out, unsigned long code) {
     }
 }
 
+// Exactly four hex digits (strtoul alone would also take blanks, a sign or "0x").
 bool hex4(const std::string &text, size_t at, unsigned long &code) {
     if (at + 4 > text.size()) return false;
-    char digits[5] = {text[at], text[at + 1], text[at + 2], text[at + 3], '\0'};
-    char *end = nullptr;
-    code = strtoul(digits, &end, 16);
-    return end == digits + 4 && digits[0] != '-' && digits[0] != '+';
+    for (size_t i = at; i < at + 4; ++i) {
+        if (!isxdigit(static_cast<unsigned char>(text[i]))) return false;
+    }
+    code = strtoul(text.substr(at, 4).c_str(), nullptr, 16);
+    return true;
 }
 
 // The value of a JSON string text ("\"/srv/a\""), escapes decoded; false when `text` is not

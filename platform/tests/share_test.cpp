@@ -43,12 +43,14 @@ TEST(ShareLookup, SharesFileLongestComponentPrefix) {
               "[deep]\npath=\"/srv/photos/2024\"\n"
               "[esc]\npath=\"/srv/\\u00e9t\\u00E9 \\\"q\\\"\\/x\"\n"
               "[bad]\npath=/srv/unquoted\n"
+              "[badhex]\npath=\"/srv/\\u0x41\"\n[blankhex]\npath=\"/srv/\\u 041\"\n"
               "[relative]\npath=\"srv/rel\"\n");
     Fixtures env(dir.file("shares.conf"), dir.file("no-smb.conf"));
     EXPECT_EQ("photos /srv/photos", lookup("/srv/photos/2023/a.jpg"));
     EXPECT_EQ("deep /srv/photos/2024", lookup("/srv/photos/2024"));
     EXPECT_EQ("all /srv", lookup("/srv/photosX"));
     EXPECT_EQ("all /srv", lookup("/srv/unquoted/x"));
+    EXPECT_EQ("all /srv", lookup("/srv/A/x"));  // malformed \u escapes name no share
     EXPECT_EQ("esc /srv/\xc3\xa9t\xc3\xa9 \"q\"/x", lookup("/srv/\xc3\xa9t\xc3\xa9 \"q\"/x/f"));
     EXPECT_EQ("error 2", lookup("/srvx"));
     EXPECT_EQ("error 2", lookup("srv/rel/x"));
