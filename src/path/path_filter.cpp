@@ -1,5 +1,6 @@
 #include "telobackup/path/path_filter.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 
@@ -128,19 +129,29 @@ void PathFilterPrivate::rebaseList(const std::list<std::string> &patterns,
 
 // ---- PatternList ------------------------------------------------------------------------------
 
-std::vector<uint64_t> PatternList::widened(size_t count, size_t &words) const {
-    words = (count + 63) / 64;
+// Room for `more` patterns, both in the compiled list and in the candidate table; each grows to
+// at least twice its size, so adding patterns one by one costs linear time overall. May throw;
+// what it changes is invisible (capacity, words of zeros).
+void PatternList::reserve(size_t more) {
+    size_t count = compiled_.size() + more;
+    if (compiled_.capacity() < count) {
+        compiled_.reserve(std::max(count, 2 * compiled_.capacity()));
+    }
+    size_t needed = (count + 63) / 64;
+    if (needed <= words_) return;
+    size_t words = std::max(needed, 2 * words_);
     std::vector<uint64_t> table(256 * words, 0);
     for (size_t c = 0; c < 256; ++c) {
         for (size_t w = 0; w < words_; ++w) table[c * words + w] = byLastByte_[c * words_ + w];
     }
-    return table;
+    byLastByte_.swap(table);
+    words_ = words;
 }
 
-void PatternList::mark(std::vector<uint64_t> &table, size_t words, size_t i, int lastByte) {
+void PatternList::mark(size_t i, int lastByte) {
     for (size_t c = 0; c < 256; ++c) {
         if (lastByte < 0 || size_t(lastByte) == c)
-            table[c * words + i / 64] |= uint64_t(1) << (i % 64);
+            byLastByte_[c * words_ + i / 64] |= uint64_t(1) << (i % 64);
     }
 }
 
@@ -148,26 +159,17 @@ void PatternList::mark(std::vector<uint64_t> &table, size_t words, size_t i, int
 // the list as it was.
 void PatternList::add(const std::string &pattern) {
     CompiledPattern compiled(pattern.c_str());
-    size_t words;
-    std::vector<uint64_t> table = widened(compiled_.size() + 1, words);
-    mark(table, words, compiled_.size(), compiled.lastByte());
-    compiled_.reserve(compiled_.size() + 1);
+    reserve(1);
     patterns_.push_back(pattern);
     compiled_.push_back(std::move(compiled));
-    byLastByte_.swap(table);
-    words_ = words;
+    mark(compiled_.size() - 1, compiled_.back().lastByte());
 }
 
 void PatternList::merge(std::list<std::string> &more) {
     std::vector<CompiledPattern> incoming;
     incoming.reserve(more.size());
     for (const std::string &pattern : more) incoming.emplace_back(pattern.c_str());
-    size_t words;
-    std::vector<uint64_t> table = widened(compiled_.size() + incoming.size(), words);
-    for (size_t i = 0; i < incoming.size(); ++i) {
-        mark(table, words, compiled_.size() + i, incoming[i].lastByte());
-    }
-    compiled_.reserve(compiled_.size() + incoming.size());
+    reserve(incoming.size());
     // The steps of std::list::merge, spelled out so that unsorted lists are merged the same
     // way instead of breaking its precondition.
     auto here = patterns_.begin();
@@ -182,9 +184,10 @@ void PatternList::merge(std::list<std::string> &more) {
         }
     }
     patterns_.splice(patterns_.end(), more);
-    for (CompiledPattern &pattern : incoming) compiled_.push_back(std::move(pattern));
-    byLastByte_.swap(table);
-    words_ = words;
+    for (CompiledPattern &pattern : incoming) {
+        compiled_.push_back(std::move(pattern));
+        mark(compiled_.size() - 1, compiled_.back().lastByte());
+    }
 }
 
 void PatternList::clear() {

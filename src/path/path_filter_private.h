@@ -26,9 +26,9 @@ class PatternList {
     bool empty() const { return patterns_.empty(); }
 
   private:
-    // The candidate table for `count` patterns with the current bits, and its words per byte.
-    std::vector<uint64_t> widened(size_t count, size_t &words) const;
-    static void mark(std::vector<uint64_t> &table, size_t words, size_t i, int lastByte);
+    void reserve(size_t more);
+    // Marks compiled pattern `i` as a candidate for paths ending with `lastByte` (-1: any byte).
+    void mark(size_t i, int lastByte);
 
     std::list<std::string> patterns_;
     std::vector<internal::CompiledPattern> compiled_;
