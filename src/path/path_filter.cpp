@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <unordered_map>
+#include <vector>
 
 #include "path/path_filter_private.h"
 
@@ -37,29 +39,100 @@ int matchStar(const char *pattern, const char *path) {
     return -1;
 }
 
-// The star at `pattern` against `prefix` (rebase() steps for a star).
-int rebaseStar(const char *pattern, const char *prefix, std::string &out) {
-    if (pattern[1] == '*') {
-        const char *end = pattern;
-        while (*end == '*') ++end;
-        out = "/";
-        out.append(end - 2);
-        return 1;
+// rebase() in time polynomial in the lengths: trying every place of the prefix for every single
+// star is exponential in the number of stars, so the outcome of a single star at a given place
+// of the pattern and of the prefix is worked out once. An outcome's text is always "", "*", a
+// tail of the pattern, or "/" and such a tail: it is kept as a kind and an offset.
+class Rebaser {
+  public:
+    enum Kind : uint8_t { kEmpty, kTail, kSlashTail, kStar };
+    struct Outcome {
+        int code;
+        Kind kind;
+        size_t at;  // where the tail starts in the pattern
+    };
+
+    Rebaser(const char *pattern, const char *prefix)
+        : pattern_(pattern), prefix_(prefix), width_(strlen(prefix) + 1) {}
+
+    // rebase() of the pattern from `k` against the prefix from `i`.
+    Outcome walk(size_t k, size_t i) {
+        if (pattern_[k] == '\0') return prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch;
+        while (prefix_[i] != '\0') {
+            char p = pattern_[k];
+            if (p == '*') return star(k, i);
+            if (p == '?') {
+                if (prefix_[i] == '/') return kNoMatch;
+            } else {
+                if (p == '\\') p = pattern_[++k];
+                if (p != prefix_[i]) return kNoMatch;
+            }
+            ++k;
+            ++i;
+            if (pattern_[k] == '\0') return prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch;
+        }
+        if (pattern_[k] == '/') return {1, kTail, k};
+        if (pattern_[k] == '*') return star(k, i);
+        return kNoMatch;
     }
-    const char *rest = pattern + 1;
-    if (*rest == '\0') {
-        if (strchr(prefix, '/') != nullptr) return 0;
-        out = "*";
-        return 1;
+
+    std::string text(const Outcome &outcome) const {
+        switch (outcome.kind) {
+            case kEmpty:
+                return std::string();
+            case kTail:
+                return std::string(pattern_ + outcome.at);
+            case kSlashTail:
+                return "/" + std::string(pattern_ + outcome.at);
+            default:
+                return "*";
+        }
     }
-    for (; *prefix != '\0'; ++prefix) {
-        int result = PathFilterPrivate::rebase(rest, prefix, out);
-        if (result != 0 && result != -2) return result;
-        if (result == 0 && *prefix == '/') return -2;
+
+  private:
+    static constexpr Outcome kNoMatch = {0, kEmpty, 0};
+
+    // The star at `k` against the prefix from `i`.
+    Outcome star(size_t k, size_t i) {
+        if (pattern_[k + 1] == '*') {
+            size_t end = k;
+            while (pattern_[end] == '*') ++end;
+            return {1, kSlashTail, end - 2};
+        }
+        size_t rest = k + 1;
+        if (pattern_[rest] == '\0') {
+            return strchr(prefix_ + i, '/') != nullptr ? kNoMatch : Outcome{1, kStar, 0};
+        }
+        // The first place from `i` on that decides, else the star takes the whole prefix. Every
+        // place passed on the way has that same outcome.
+        Outcome result = {1, kTail, rest};
+        std::vector<size_t> passed;
+        for (size_t j = i; prefix_[j] != '\0'; ++j) {
+            auto known = decided_.find(k * width_ + j);
+            if (known != decided_.end()) {
+                result = known->second;
+                break;
+            }
+            passed.push_back(j);
+            Outcome r = walk(rest, j);
+            if (r.code != 0 && r.code != -2) {
+                result = r;
+                break;
+            }
+            if (r.code == 0 && prefix_[j] == '/') {
+                result = {-2, kEmpty, 0};
+                break;
+            }
+        }
+        for (size_t j : passed) decided_[k * width_ + j] = result;
+        return result;
     }
-    out = rest;
-    return 1;
-}
+
+    const char *pattern_;
+    const char *prefix_;
+    size_t width_;
+    std::unordered_map<size_t, Outcome> decided_;  // single stars: k * width_ + j
+};
 
 }  // namespace
 
@@ -83,34 +156,10 @@ int PathFilterPrivate::match(const char *pattern, const char *path) {
 }
 
 int PathFilterPrivate::rebase(const char *pattern, const char *prefix, std::string &out) {
-    if (*pattern == '\0') {
-        if (*prefix != '\0') return 0;
-        out.clear();
-        return 1;
-    }
-    while (*prefix != '\0') {
-        char p = *pattern;
-        if (p == '*') return rebaseStar(pattern, prefix, out);
-        if (p == '?') {
-            if (*prefix == '/') return 0;
-        } else {
-            if (p == '\\') p = *++pattern;
-            if (p != *prefix) return 0;
-        }
-        ++pattern;
-        ++prefix;
-        if (*pattern == '\0') {
-            if (*prefix != '\0') return 0;
-            out.clear();
-            return 1;
-        }
-    }
-    if (*pattern == '/') {
-        out = pattern;
-        return 1;
-    }
-    if (*pattern == '*') return rebaseStar(pattern, prefix, out);
-    return 0;
+    Rebaser rebaser(pattern, prefix);
+    Rebaser::Outcome outcome = rebaser.walk(0, 0);
+    if (outcome.code == 1) out = rebaser.text(outcome);
+    return outcome.code;
 }
 
 void PathFilterPrivate::rebaseList(const std::list<std::string> &patterns,

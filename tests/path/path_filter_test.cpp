@@ -56,6 +56,12 @@ TEST(PathFilterRebase, Remainders) {
         // Patterns that cannot apply below the prefix.
         {"/a/*", "/a/x/y", 0, "-"}, {"/b/**", "/a", 0, "-"}, {"/a", "/a/b", 0, "-"},
         {"/ab", "/a", 0, "-"}, {"/a?", "/a/", 0, "-"}, {"/*/c", "/a/b", -2, "-"},
+        // Single stars: the first place that decides wins, else the star takes the rest.
+        {"/x/*a*b/c", "/x/zazb", 1, "/c"}, {"/x/*a*b/c", "/x/zazbz", 1, "b/c"},
+        {"*a*b*c", "ab", 1, "c"}, {"*a*a*a*a/z", "aaaaaa/z", 1, ""},
+        // Many of them fail in polynomial time (trying every place was exponential).
+        {"*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a/z",
+         "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa/q", -2, "-"},
         // clang-format on
     };
     for (const auto &c : cases) {
