@@ -96,8 +96,10 @@ class TELO_EXPORT Path {
 
     // Opens (creating with mode 0666 if needed) the lock file `name` in the "lock" sub-directory
     // of the IPC tree (mode 0770), read-write and close-on-exec, and returns the descriptor; the
-    // caller owns it and takes any lock itself. A symbolic link or a non-regular file at that
-    // name is refused (ELOOP, EINVAL). `name` is not checked for slashes.
+    // caller owns it and takes any lock itself. A lock file of the caller's is brought to 0666
+    // whatever the umask, so that other users can lock it too. A symbolic link at that name is
+    // refused (ELOOP), and so are a directory (EISDIR) and other non-regular files (EINVAL).
+    // `name` is not checked for slashes.
     // Failure: -1 with errno set; only the failures of createIpcTempPath are logged.
     static int createIpcLockFile(const std::string &name);
 
