@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -288,21 +290,51 @@ namespace {
 // holds more descriptors than this.
 constexpr int kMaxOpenDirectories = 20;
 
+// Where a directory lives: its file system and, where the kernel tells, its mount. A directory
+// bound from elsewhere on the same file system has the tree's device but a mount of its own.
+struct Place {
+    dev_t device = 0;
+    uint64_t mount = 0;
+    bool knowsMount = false;
+
+    bool same(const Place &other) const {
+        return device == other.device && (!knowsMount || !other.knowsMount || mount == other.mount);
+    }
+};
+
+// The place of `name` in `dirFd` (with AT_EMPTY_PATH in `flags`, of `dirFd` itself), links not
+// followed.
+bool placeOf(int dirFd, const char *name, int flags, Place &place) {
+    struct statx stx;
+    if (statx(dirFd, name, flags | AT_SYMLINK_NOFOLLOW, STATX_MNT_ID, &stx) == 0) {
+        place.device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
+        place.mount = stx.stx_mnt_id;
+        place.knowsMount = (stx.stx_mask & STATX_MNT_ID) != 0;
+        return true;
+    }
+    struct stat64 st;
+    if (fstatat64(dirFd, name, &st, flags | AT_SYMLINK_NOFOLLOW) != 0) return false;
+    place.device = st.st_dev;
+    place.knowsMount = false;
+    return true;
+}
+
 // One removeAll call: children before their directory, symbolic links removed and never
-// followed, nothing on another file system touched. Directories are opened relative to their
+// followed, nothing on another mount touched. Directories are opened relative to their
 // parent without following links, so a directory swapped for a link during the walk cannot
 // lead it outside the tree (down to kMaxOpenDirectories levels).
 class TreeRemover {
   public:
-    explicit TreeRemover(dev_t device) : device_(device) {}
+    explicit TreeRemover(const Place &root) : root_(root) {}
 
     // Removes the directory `name` of `parentFd` (`path` names it in messages), contents first.
     void removeDirectory(int parentFd, const char *name, std::string &path, int depth) {
         UniqueFd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (fd) {
-            struct stat64 st;
-            // A file system mounted here is left alone; so is its mount point.
-            if (fstat64(fd.get(), &st) == 0 && st.st_dev != device_) return;
+            Place place;
+            // A file system mounted here, or a directory bound here, is left alone; so is its
+            // mount point.
+            if (placeOf(fd.get(), "", AT_EMPTY_PATH, place) && !place.same(root_)) return;
             removeContents(std::move(fd), path, depth);
         } else if (errno == ENOTDIR || errno == ELOOP) {
             // Replaced by something else since it was listed: remove that instead.
@@ -386,7 +418,7 @@ class TreeRemover {
         }
     }
 
-    dev_t device_;
+    Place root_;
     bool failed_ = false;
     int reportedErrno_ = 0;
 };
@@ -397,7 +429,10 @@ bool removeAll(const std::string &path) {
     struct stat64 st;
     // Nothing to examine (missing, or not reachable) counts as nothing to remove.
     if (lstat64(path.c_str(), &st) != 0) return true;
-    TreeRemover remover(st.st_dev);
+    Place root;
+    root.device = st.st_dev;
+    if (S_ISDIR(st.st_mode)) placeOf(AT_FDCWD, path.c_str(), 0, root);
+    TreeRemover remover(root);
     std::string walkPath = path;
     if (S_ISDIR(st.st_mode)) {
         remover.removeDirectory(AT_FDCWD, path.c_str(), walkPath, 0);

@@ -368,17 +368,23 @@ TEST_F(PathFiles, RemoveAllOfADeepTree) {
     EXPECT_TRUE(listDir(locked + "/d").empty());
 }
 
-// Other file systems mounted inside the tree are left alone, mount points included.
+// Other file systems mounted inside the tree are left alone, mount points included, and so is a
+// directory of the same file system bound there (its st_dev is the tree's own).
 TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
-    std::string root = dir.file("tree");
+    std::string root = dir.file("tree"), elsewhere = dir.file("elsewhere");
     EXPECT_CHILD_OK(
-        [root] {
+        [root, elsewhere] {
             SyslogCapture childLog;
             CHILD_CHECK(mkdir(root.c_str(), 0755) == 0);
             CHILD_CHECK(mkdir((root + "/sub").c_str(), 0755) == 0);
             CHILD_CHECK(mkdir((root + "/sub/mnt").c_str(), 0755) == 0);
             CHILD_CHECK(mount("tmpfs", (root + "/sub/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
             writeFile(root + "/sub/mnt/inside", "mounted", 0644);
+            CHILD_CHECK(mkdir(elsewhere.c_str(), 0755) == 0);
+            writeFile(elsewhere + "/precious", "kept", 0644);
+            CHILD_CHECK(mkdir((root + "/sub/bound").c_str(), 0755) == 0);
+            CHILD_CHECK(mount(elsewhere.c_str(), (root + "/sub/bound").c_str(), nullptr, MS_BIND,
+                              nullptr) == 0);
             writeFile(root + "/source", "bound", 0644);
             writeFile(root + "/target", "", 0644);
             CHILD_CHECK(mount((root + "/source").c_str(), (root + "/target").c_str(), nullptr,
@@ -389,12 +395,14 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
             CHILD_CHECK_EQ(EACCES, errno);
             CHILD_CHECK_EQ(std::string("mounted"), readFile(root + "/sub/mnt/inside"));
             CHILD_CHECK_EQ(std::string("bound"), readFile(root + "/target"));
+            CHILD_CHECK_EQ(std::string("kept"), readFile(elsewhere + "/precious"));
             CHILD_CHECK(!exists(root + "/sub/plain"));
             CHILD_CHECK(!exists(root + "/source"));
             CHILD_CHECK_EQ(size_t(1), childLog.size());
             CHILD_CHECK_EQ(
                 1, childLog.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> rmdir " + root +
                                                "/sub failed. Directory not empty"));
+            umount((root + "/sub/bound").c_str());
             umount((root + "/target").c_str());
             umount((root + "/sub/mnt").c_str());
             return std::string();

@@ -146,11 +146,12 @@ class TELO_EXPORT ConfigPath {
     static std::string shareRelativePath(const std::string &path);
 };
 
-// Removes `path` and everything below it without following symbolic links and without leaving
-// its file system, children before their directory. The walk goes on after a failure; the first
-// failure other than ENOENT is logged ("rmdir %s failed. %m" or "unlink %s failed. %m") and
-// reported: false with errno from it, except that a directory left non-empty reports EACCES.
-// A missing `path` gives true. Each thread keeps its own failure record.
+// Removes `path` and everything below it, children before their directory, without following
+// symbolic links and without leaving its mount: another file system mounted inside, or a
+// directory bound there from elsewhere, is left alone with its mount point. The walk goes on
+// after a failure; the first failure other than ENOENT is logged ("rmdir %s failed. %m" or
+// "unlink %s failed. %m") and reported: false with errno from it, except that a directory left
+// non-empty reports EACCES. A missing `path` gives true. Each call keeps its own failure record.
 TELO_EXPORT bool removeAll(const std::string &path);
 
 }  // namespace Backup
