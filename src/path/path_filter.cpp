@@ -104,16 +104,21 @@ class Rebaser {
             return strchr(prefix_ + i, '/') != nullptr ? kNoMatch : Outcome{1, kStar, 0};
         }
         // The first place from `i` on that decides, else the star takes the whole prefix. Every
-        // place passed on the way has that same outcome.
+        // place passed on the way has that same outcome; it is remembered once the plain tries
+        // have taken long enough for the pattern to look adversarial.
+        bool remember = steps_ > kPlainSteps;
         Outcome result = {1, kTail, rest};
-        std::vector<size_t> passed;
+        size_t firstPassed = passed_.size();
         for (size_t j = i; prefix_[j] != '\0'; ++j) {
-            auto known = decided_.find(k * width_ + j);
-            if (known != decided_.end()) {
-                result = known->second;
-                break;
+            ++steps_;
+            if (remember) {
+                auto known = decided_.find(k * width_ + j);
+                if (known != decided_.end()) {
+                    result = known->second;
+                    break;
+                }
+                passed_.push_back(j);
             }
-            passed.push_back(j);
             Outcome r = walk(rest, j);
             if (r.code != 0 && r.code != -2) {
                 result = r;
@@ -124,14 +129,22 @@ class Rebaser {
                 break;
             }
         }
-        for (size_t j : passed) decided_[k * width_ + j] = result;
+        for (size_t n = firstPassed; n < passed_.size(); ++n) {
+            decided_[k * width_ + passed_[n]] = result;
+        }
+        passed_.resize(firstPassed);
         return result;
     }
+
+    // Tries of single stars made before their outcomes are remembered.
+    static constexpr size_t kPlainSteps = 4096;
 
     const char *pattern_;
     const char *prefix_;
     size_t width_;
     std::unordered_map<size_t, Outcome> decided_;  // single stars: k * width_ + j
+    std::vector<size_t> passed_;  // places of the prefix the stars being tried have passed
+    size_t steps_ = 0;
 };
 
 }  // namespace
