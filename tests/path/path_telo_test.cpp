@@ -13,7 +13,7 @@ TEST(PathTelo, ShareNameFromThePlatform) {
     fakeplatform::reset();
     SyslogCapture log;
     fakeplatform::outcomes().shareName = "photos";
-    EXPECT_EQ("photos", Path::getShareName("/volume1/photos/2024"));
+    EXPECT_EQ("photos", Path::getShareName("/srv/photos/2024"));
     EXPECT_EQ(492, fakeplatform::outcomes().shareNameSize);
     EXPECT_EQ(4095, fakeplatform::outcomes().sharePathSize);
     EXPECT_EQ(0u, log.size()) << log.dump();
