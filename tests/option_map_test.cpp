@@ -13,8 +13,7 @@
 
 #include "support/child.h"
 #include "support/fake_platform.h"
-#include "support/helpers.h"
-#include "support/spawn.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telobackup/path/path_util.h"

@@ -16,8 +16,7 @@
 #include <set>
 
 #include "support/child.h"
-#include "support/helpers.h"
-#include "support/spawn.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telobackup/json_text.h"

@@ -1,49 +1,20 @@
-#include "proc/child_programs.h"
-
-#include <dirent.h>
+// Child programs for the process tests: helper modes of the test binary itself (no shell).
+//   exit CODE               exits with CODE
+//   cat [CODE]              copies stdin to stdout until end of file, then exits with CODE
+//   describe DEST           reports on itself to DEST (a path, appended, or "fd:N"), one fact a
+//                           line: "fd N TARGET", "env NAME=VALUE", "pid N", "sid N" and its
+//                           "SigBlk:"/"SigIgn:" lines of /proc/self/status
+//   ignore_eof              reads stdin to end of file, then waits to be killed
+//   signal_parent SIG CODE  sends SIG ("TERM" or "INT") to its parent, once the parent catches
+//                           it, until SIG comes back; then exits with CODE
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
 
-#include "support/helpers.h"
-
-namespace proctest {
-
-std::vector<std::string> helper(const std::string &name, const std::vector<std::string> &args) {
-    return testsupport::helperCommand(name, args);
-}
-
-std::set<int> openFds() {
-    std::set<int> fds;
-    DIR *dir = opendir("/proc/self/fd");
-    while (struct dirent *entry = dir != nullptr ? readdir(dir) : nullptr) {
-        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(dir)) {
-            fds.insert(atoi(entry->d_name));
-        }
-    }
-    if (dir != nullptr) closedir(dir);
-    return fds;
-}
-
-bool noChildren() {
-    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
-}
-
-std::vector<std::string> field(const std::string &report, const std::string &key) {
-    std::vector<std::string> values;
-    std::istringstream in(report);
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, key.size() + 1, key + " ") == 0)
-            values.push_back(line.substr(key.size() + 1));
-    }
-    return values;
-}
-
-}  // namespace proctest
+#include "support/process.h"
 
 TELO_TEST_HELPER(exit) {
     return args.empty() ? 0 : std::stoi(args[0]);
@@ -60,7 +31,7 @@ TELO_TEST_HELPER(cat) {
 
 TELO_TEST_HELPER(describe) {
     std::ostringstream out;
-    for (int fd : proctest::openFds()) {
+    for (int fd : testsupport::openFds()) {
         char target[4096] = {};
         if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, 4095) > 0) {
             out << "fd " << fd << " " << target << "\n";

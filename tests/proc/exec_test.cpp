@@ -6,9 +6,9 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include "proc/child_programs.h"
 #include "support/child.h"
 #include "support/fake_platform.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 
 using TELO::Backup::UtilExec;
@@ -16,13 +16,17 @@ using namespace testsupport;
 
 namespace {
 
-int execHelper(const std::string &name, const std::vector<std::string> &args,
-               void (*callback)(int, int) = nullptr) {
-    std::vector<std::string> command = proctest::helper(name, args);
+std::vector<int> callbacks;
+void record(int sig, int result) {
+    callbacks.insert(callbacks.end(), {sig, result});
+}
+
+int execHelper(const std::string &name, const std::vector<std::string> &args) {
+    std::vector<std::string> command = helperCommand(name, args);
     std::vector<char *> argv;
     for (std::string &arg : command) argv.push_back(&arg[0]);
     argv.push_back(nullptr);
-    return UtilExec().Execv(argv[0], argv.data(), callback);
+    return UtilExec().Execv(argv[0], argv.data(), record);
 }
 
 void (*handlerOf(int sig))(int) {
@@ -32,7 +36,6 @@ void (*handlerOf(int sig))(int) {
 }
 
 void hostHandler(int) {}
-std::vector<int> callbacks;
 
 TEST(Exec, ResultsAndForkFailure) {
     fakeplatform::reset();
@@ -51,7 +54,7 @@ TEST(Exec, ResultsAndForkFailure) {
     EXPECT_EQ(-1, execHelper("exit", {"0"}));
     EXPECT_EQ(2, fakeplatform::calls("TLIBCProcFork"));
     EXPECT_EQ(0u, log.size()) << log.dump();
-    EXPECT_TRUE(proctest::noChildren());
+    EXPECT_TRUE(noChildren() && callbacks.empty());
     EXPECT_TRUE(handlerOf(SIGTERM) == SIG_DFL && handlerOf(SIGINT) == SIG_DFL);
     fakeplatform::reset();
 }
@@ -62,14 +65,10 @@ TEST(Exec, ForwardsSignalsCallsBackAndRestoresDispositions) {
         struct sigaction chld = {};
         chld.sa_flags = SA_NOCLDWAIT;
         sigaction(SIGCHLD, &chld, nullptr);
-        CHILD_CHECK_EQ(7, execHelper("signal_parent", {"TERM", "7"}, [](int sig, int result) {
-                           callbacks.insert(callbacks.end(), {sig, result});
-                       }));
-        CHILD_CHECK_EQ(8, execHelper("signal_parent", {"INT", "8"}, [](int sig, int result) {
-                           callbacks.insert(callbacks.end(), {sig, result});
-                       }));
+        CHILD_CHECK_EQ(7, execHelper("signal_parent", {"TERM", "7"}));
+        CHILD_CHECK_EQ(8, execHelper("signal_parent", {"INT", "8"}));
         // No signal, no call back; SA_NOCLDWAIT is lifted for the wait and put back.
-        CHILD_CHECK_EQ(4, execHelper("exit", {"4"}, [](int, int) { callbacks.push_back(0); }));
+        CHILD_CHECK_EQ(4, execHelper("exit", {"4"}));
         CHILD_CHECK(callbacks == (std::vector<int>{SIGTERM, 7, SIGINT, 8}));
         sigaction(SIGCHLD, nullptr, &chld);
         CHILD_CHECK((chld.sa_flags & SA_NOCLDWAIT) != 0);

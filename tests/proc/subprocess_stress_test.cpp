@@ -15,8 +15,8 @@
 #include <random>
 #include <thread>
 
-#include "proc/child_programs.h"
 #include "proc/launch.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "telobackup/proc/subprocess.h"
 
@@ -75,7 +75,7 @@ bool launchOnce(int i) {
 TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
     const char *count = getenv("TELO_STRESS_LAUNCHES");
     const int launches = count != nullptr && atoi(count) > 0 ? atoi(count) : 1000;
-    const std::set<int> fdsBefore = proctest::openFds();
+    const std::set<int> fdsBefore = testsupport::openFds();
     setenv("TELO_STRESS_TOGGLE", "a", 1);  // only replaced from now on, never added
     std::atomic<bool> stop{false};
     std::atomic<int> progress{0};
@@ -105,8 +105,8 @@ TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
     testsupport::clearCapturedLines();
     printf("%d launches beside 8 busy threads in %.2f s\n", launches, seconds);
     EXPECT_EQ(0, failures);
-    EXPECT_TRUE(proctest::noChildren()) << "a child or zombie was left";
-    EXPECT_EQ(fdsBefore, proctest::openFds()) << "descriptors leaked";
+    EXPECT_TRUE(testsupport::noChildren()) << "a child or zombie was left";
+    EXPECT_EQ(fdsBefore, testsupport::openFds()) << "descriptors leaked";
 }
 
 }  // namespace

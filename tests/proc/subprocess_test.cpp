@@ -15,17 +15,17 @@
 #include <chrono>
 #include <functional>
 #include <regex>
+#include <sstream>
 
-#include "proc/child_programs.h"
 #include "proc/launch.h"
 #include "support/child.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 
 using TELO::Backup::PipeFile;
 using TELO::Backup::SubProcess;
 using namespace testsupport;
-using namespace proctest;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -67,6 +67,21 @@ Lines childLines(const std::string &who, const Lines &args, const Lines &errors 
     }
     for (const std::string &error : errors) lines.push_back(who + " ERR " + error);
     return lines;
+}
+
+Lines helper(const std::string &name, const Lines &args = {}) {
+    return helperCommand(name, args);
+}
+
+// The rest of every line of a child's report that starts with `key` + " ", in order.
+Lines field(const std::string &report, const std::string &key) {
+    Lines values;
+    std::istringstream in(report);
+    for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, key.size() + 1, key + " ") == 0)
+            values.push_back(line.substr(key.size() + 1));
+    }
+    return values;
 }
 
 std::string readAll(int fd) {

@@ -1,8 +1,8 @@
 #include "support/child.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,18 +15,7 @@ namespace testsupport {
 namespace {
 
 constexpr int kSkipExit = 77;
-
-void report(int fd, const std::string &message) {
-    const char *p = message.data();
-    size_t left = message.size();
-    while (left > 0) {
-        ssize_t n = write(fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-}
+constexpr size_t kMessageSize = 1 << 16;
 
 std::string prepare(const ChildOptions &options) {
     if (options.privateMounts || options.privateTmp) {
@@ -37,10 +26,8 @@ std::string prepare(const ChildOptions &options) {
             return std::string("cannot make mounts private: ") + strerror(errno);
         }
     }
-    if (options.privateTmp) {
-        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-            return std::string("cannot mount a private /tmp: ") + strerror(errno);
-        }
+    if (options.privateTmp && mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+        return std::string("cannot mount a private /tmp: ") + strerror(errno);
     }
     if (options.dropPrivileges) {
         if (geteuid() != 0) return "dropping privileges needs root";
@@ -59,55 +46,36 @@ bool canChangeOwner() {
 
 ChildResult runInChild(const std::function<std::string()> &body, ChildOptions options) {
     ChildResult result;
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        result.message = std::string("pipe2: ") + strerror(errno);
-        result.status = -1;
-        return result;
-    }
-    pid_t pid = fork();
-    if (pid < 0) {
-        result.message = std::string("fork: ") + strerror(errno);
-        result.status = -1;
-        close(fds[0]);
-        close(fds[1]);
-        return result;
-    }
+    // The child leaves its message in shared memory: nothing to pump while it runs.
+    void *shared =
+        mmap(nullptr, kMessageSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    pid_t pid = shared == MAP_FAILED ? -1 : fork();
     if (pid == 0) {
-        close(fds[0]);
-        std::string skip = prepare(options);
-        if (!skip.empty()) {
-            report(fds[1], skip);
-            _exit(kSkipExit);
-        }
-        std::string message;
+        std::string message = prepare(options);
+        bool skip = !message.empty();
         try {
-            message = body();
+            if (!skip) message = body();
         } catch (const std::exception &e) {
             message = std::string("exception: ") + e.what();
         } catch (...) {
             message = "unknown exception";
         }
-        report(fds[1], message);
-        _exit(message.empty() ? 0 : 1);
+        snprintf(static_cast<char *>(shared), kMessageSize, "%s", message.c_str());
+        _exit(skip ? kSkipExit : message.empty() ? 0 : 1);
     }
-    close(fds[1]);
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buffer, sizeof(buffer))) != 0) {
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            break;
+    if (pid < 0) {
+        result.message = std::string("cannot start a child: ") + strerror(errno);
+        result.status = -1;
+    } else {
+        while (waitpid(pid, &result.status, 0) < 0 && errno == EINTR) {
         }
-        result.message.append(buffer, static_cast<size_t>(n));
+        result.message = static_cast<const char *>(shared);
+        result.skipped = WIFEXITED(result.status) && WEXITSTATUS(result.status) == kSkipExit;
+        if (!result.skipped && result.message.empty() && result.status != 0) {
+            result.message = "child ended abnormally";
+        }
     }
-    close(fds[0]);
-    while (waitpid(pid, &result.status, 0) < 0 && errno == EINTR) {
-    }
-    result.skipped = WIFEXITED(result.status) && WEXITSTATUS(result.status) == kSkipExit;
-    if (!result.skipped && result.message.empty() && result.status != 0) {
-        result.message = "child ended abnormally";
-    }
+    if (shared != MAP_FAILED) munmap(shared, kMessageSize);
     return result;
 }
 

@@ -4,6 +4,8 @@
 #ifndef TELO_TESTS_SUPPORT_SYSLOG_CAPTURE_H
 #define TELO_TESTS_SUPPORT_SYSLOG_CAPTURE_H
 
+#include <syslog.h>
+
 #include <string>
 #include <vector>
 
@@ -23,18 +25,28 @@ void clearCapturedLines();
 bool matchesLogPattern(const std::string &pattern, const std::string &text);
 
 // Clears the captured lines when constructed; then answers questions about the new ones.
+// `source` names the library file (its path under src/ without extension) that err() is about.
 class SyslogCapture {
   public:
-    SyslogCapture() { clearCapturedLines(); }
+    explicit SyslogCapture(std::string source = "") : source_(std::move(source)) {
+        clearCapturedLines();
+    }
     std::vector<LogLine> lines() const { return capturedLines(); }
     // Lines at `priority` fitting `pattern` (see matchesLogPattern).
     int count(int priority, const std::string &pattern) const;
     bool has(int priority, const std::string &pattern) const {
         return count(priority, pattern) > 0;
     }
+    // Error lines "(<pid>) [err] SOURCE:<line> MESSAGE", `message` a pattern as above.
+    int err(const std::string &message) const {
+        return count(LOG_ERR, "(<pid>) [err] " + source_ + ":<line> " + message);
+    }
     size_t size() const { return capturedLines().size(); }
     // All captured lines, one per row, for failure messages.
     std::string dump() const;
+
+  private:
+    std::string source_;
 };
 
 }  // namespace testsupport

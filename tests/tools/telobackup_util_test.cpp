@@ -16,7 +16,7 @@
 #include <set>
 
 #include "support/child.h"
-#include "support/command.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 #include "telobackup/json_text.h"
 #include "telobackup/path/path_util.h"

@@ -1,0 +1,121 @@
+#include "support/process.h"
+
+#include <dirent.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+namespace testsupport {
+
+namespace {
+
+constexpr char kHelperSwitch[] = "--telo-helper=";
+
+std::map<std::string, HelperFunction> &helperRegistry() {
+    static auto *registry = new std::map<std::string, HelperFunction>;
+    return *registry;
+}
+
+// Forks and runs `argv` with `fds` (-1: inherited) as its standard streams and `env` added.
+pid_t start(const std::vector<std::string> &argv, const int (&fds)[3],
+            const std::map<std::string, std::string> &env) {
+    std::vector<char *> args;
+    for (const std::string &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    for (const auto &kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+    for (int i = 0; i < 3; ++i) {
+        if (fds[i] >= 0 && dup2(fds[i], i) < 0) _exit(127);
+    }
+    execv(args[0], args.data());
+    _exit(127);
+}
+
+std::string contentOf(int fd) {
+    std::string text;
+    char buffer[65536];
+    for (ssize_t n; (n = pread(fd, buffer, sizeof(buffer), text.size())) > 0;) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return text;
+}
+
+}  // namespace
+
+bool registerHelper(const char *name, HelperFunction fn) {
+    helperRegistry()[name] = fn;
+    return true;
+}
+
+bool runHelperIfAsked(int argc, char **argv, int &exitCode) {
+    if (argc < 2 || strncmp(argv[1], kHelperSwitch, strlen(kHelperSwitch)) != 0) return false;
+    auto it = helperRegistry().find(argv[1] + strlen(kHelperSwitch));
+    if (it == helperRegistry().end()) {
+        std::cerr << "unknown helper " << argv[1] << "\n";
+        exitCode = 125;
+    } else {
+        exitCode = it->second(std::vector<std::string>(argv + 2, argv + argc));
+    }
+    return true;
+}
+
+std::vector<std::string> helperCommand(const std::string &name,
+                                       const std::vector<std::string> &args) {
+    char self[4096] = {};
+    readlink("/proc/self/exe", self, sizeof(self) - 1);
+    std::vector<std::string> command{self, kHelperSwitch + name};
+    command.insert(command.end(), args.begin(), args.end());
+    return command;
+}
+
+pid_t spawnProcess(const std::vector<std::string> &argv, int stdoutFd) {
+    return start(argv, {-1, stdoutFd, -1}, {});
+}
+
+int waitExitCode(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+CommandResult runCommand(const std::vector<std::string> &argv, const std::string &input,
+                         const std::map<std::string, std::string> &env) {
+    // Memory files rather than pipes: nothing to pump while the program runs.
+    int in = memfd_create("in", MFD_CLOEXEC), out = memfd_create("out", MFD_CLOEXEC),
+        err = memfd_create("err", MFD_CLOEXEC);
+    if (pwrite(in, input.data(), input.size(), 0) != static_cast<ssize_t>(input.size())) {
+        return {-1, "", std::string("pwrite: ") + strerror(errno)};
+    }
+    CommandResult result;
+    result.exitCode = waitExitCode(start(argv, {in, out, err}, env));
+    close(in);
+    result.out = contentOf(out);
+    result.err = contentOf(err);
+    return result;
+}
+
+std::set<int> openFds() {
+    std::set<int> fds;
+    DIR *dir = opendir("/proc/self/fd");
+    while (struct dirent *entry = dir != nullptr ? readdir(dir) : nullptr) {
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(dir)) {
+            fds.insert(atoi(entry->d_name));
+        }
+    }
+    if (dir != nullptr) closedir(dir);
+    return fds;
+}
+
+bool noChildren() {
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+}  // namespace testsupport
