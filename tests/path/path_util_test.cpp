@@ -5,204 +5,136 @@
 
 #include "support/child.h"
 
+using TELO::Backup::ConfigPath;
 using TELO::Backup::Path;
 using Parts = std::vector<std::string>;
 
-namespace {
-
-void checkJoin(const std::string &a, const std::string &b, const std::string &expected) {
-    SCOPED_TRACE("join(\"" + a + "\", \"" + b + "\")");
-    EXPECT_EQ(expected, Path::join(a, b));
+// Each row: a, b, join(a, b).
+TEST(PathAlgebra, JoinTwo) {
+    // clang-format off
+    const char *cases[][3] = {
+        // Separators at the seam collapse to one; inner and trailing ones stay.
+        {"a", "b", "a/b"}, {"a/", "/b/", "a/b/"}, {"a//", "//b//c", "a/b//c"}, {"/", "x", "/x"},
+        {"///", "", "/"}, {"///", "///", "/"}, {"/a", "", "/a"}, {"a/", "", "a"},
+        // Empty sides; a leading slash of b goes even when a is empty.
+        {"", "", ""}, {"", "x", "x"}, {"", "/x", "x"}, {"", "/", ""},
+        // "." on either side, and one leading "./" of b.
+        {".", "x", "x"}, {"./", "x", "x"}, {".", "/x/", "x/"}, {"a", ".", "a"}, {"a", "./b", "a/b"},
+        {"a", "././b", "a/./b"}, {"a", "/./b", "a/b"}, {"a", "./", "a"}, {"a", ".x", "a/.x"},
+        {"/", ".", "/"}, {"", ".", ""}, {".", ".", ""},
+        // No normalisation.
+        {"a", "..", "a/.."}, {"a/./b", "../c", "a/./b/../c"},
+    };
+    // clang-format on
+    for (const auto &c : cases) EXPECT_EQ(c[2], Path::join(c[0], c[1])) << c[0] << " + " << c[1];
 }
 
-void checkSplit(const std::string &path, const Parts &expected) {
-    SCOPED_TRACE("split(\"" + path + "\")");
-    Parts out{"stale"};
-    EXPECT_TRUE(Path::split(path, out));
-    EXPECT_EQ(expected, out);
-}
-
-void checkToken(const std::string &path, unsigned index, const std::string &expected) {
-    SCOPED_TRACE("token(\"" + path + "\", " + std::to_string(index) + ")");
-    EXPECT_EQ(expected, Path::token(path, index));
-}
-
-void checkCommon(const std::string &a, const std::string &b, const std::string &expected) {
-    SCOPED_TRACE("common(\"" + a + "\", \"" + b + "\")");
-    EXPECT_EQ(expected, Path::common(a, b));
-}
-
-void checkRelative(const std::string &path, const std::string &base, const std::string &expected) {
-    SCOPED_TRACE("relative(\"" + path + "\", \"" + base + "\")");
-    EXPECT_EQ(expected, Path::relative(path, base));
-}
-
-}  // namespace
-
-TEST(PathJoin, TwoStrings) {
-    // Separators at the seam collapse to one; inner and trailing ones stay.
-    checkJoin("a", "b", "a/b");
-    checkJoin("a/", "/b/", "a/b/");
-    checkJoin("a//", "//b//c", "a/b//c");
-    checkJoin("/", "x", "/x");
-    checkJoin("///", "", "/");
-    checkJoin("///", "///", "/");
-    checkJoin("/a", "", "/a");
-    checkJoin("a/", "", "a");
-    // Empty sides; a leading slash of b goes even when a is empty.
-    checkJoin("", "", "");
-    checkJoin("", "x", "x");
-    checkJoin("", "/x", "x");
-    checkJoin("", "/", "");
-    // "." on either side, and one leading "./" of b.
-    checkJoin(".", "x", "x");
-    checkJoin("./", "x", "x");
-    checkJoin(".", "/x/", "x/");
-    checkJoin("a", ".", "a");
-    checkJoin("a", "./b", "a/b");
-    checkJoin("a", "././b", "a/./b");
-    checkJoin("a", "/./b", "a/b");
-    checkJoin("a", "./", "a");
-    checkJoin("a", ".x", "a/.x");
-    checkJoin("/", ".", "/");
-    checkJoin("", ".", "");
-    checkJoin(".", ".", "");
-    // No normalisation.
-    checkJoin("a", "..", "a/..");
-    checkJoin("a/./b", "../c", "a/./b/../c");
-}
-
-TEST(PathJoin, SevenStringsTreatTheThirdDifferently) {
+TEST(PathAlgebra, JoinSevenAndRange) {
     EXPECT_EQ("a/b/c", Path::join("a", "b", "", "c", "", "", ""));
     EXPECT_EQ("a", Path::join("a/", "", "", "", "", "", ""));
     // c is always joined: an empty c strips the trailing slash and turns "." into "".
     EXPECT_EQ("a/b", Path::join("a", "b/", ""));
     EXPECT_EQ("", Path::join(".", "", ""));
     // d..g are skipped when empty, so a trailing slash they would strip survives.
-    EXPECT_EQ("a/b/c/d/e", Path::join("a", "b", "c", "d", "e", "", ""));
     EXPECT_EQ("/x/y/", Path::join("/", "x", "y/", "", "", "", ""));
     EXPECT_EQ("a/b/c/d/e/f/g", Path::join("a", "b", "c", "d", "e", "f", "g"));
-}
 
-TEST(PathJoin, Range) {
     Parts parts{"/", "a", "b/"};
     EXPECT_EQ("/a/b/", Path::join(parts));
+    EXPECT_EQ("/a", Path::join(parts.cbegin(), parts.cbegin() + 2));
     EXPECT_EQ("", Path::join(Parts{}));
     // A single element comes back untouched.
     EXPECT_EQ("a//", Path::join(Parts{"a//"}));
     EXPECT_EQ(".", Path::join(Parts{"."}));
-    EXPECT_EQ("/a", Path::join(parts.cbegin(), parts.cbegin() + 2));
-    EXPECT_EQ("", Path::join(parts.cbegin(), parts.cbegin()));
 }
 
-TEST(PathSplit, Components) {
-    checkSplit("", {});
-    checkSplit("/", {"/"});
-    checkSplit("//", {"/", "/"});
-    checkSplit("/a/b", {"/", "a", "b"});
-    checkSplit("a/b/", {"a", "b/"});
-    checkSplit("a//", {"a", "/"});
-    checkSplit("a//b", {"a", "", "b"});
-    checkSplit("a", {"a"});
-    checkSplit("/a/", {"/", "a/"});
-    checkSplit("///a", {"/", "", "", "a"});
-}
-
-TEST(PathSplit, JoinUndoesSplitOfPlainPaths) {
+TEST(PathAlgebra, SplitAndToken) {
+    struct {
+        const char *path;
+        Parts parts;
+    } splits[] = {
+        // clang-format off
+        {"", {}}, {"/", {"/"}}, {"//", {"/", "/"}}, {"a", {"a"}}, {"a//", {"a", "/"}},
+        {"a//b", {"a", "", "b"}}, {"/a/", {"/", "a/"}}, {"a/b/", {"a", "b/"}},
+        {"///a", {"/", "", "", "a"}},
+        // clang-format on
+    };
+    for (const auto &c : splits) {
+        Parts out{"stale"};
+        EXPECT_TRUE(Path::split(c.path, out));
+        EXPECT_EQ(c.parts, out) << c.path;
+    }
+    // Join undoes the split of plain paths.
     for (const char *path : {"/a/b", "a/b/", "/a/b/c/", "x", "/"}) {
-        SCOPED_TRACE(path);
         Parts parts;
         Path::split(path, parts);
         EXPECT_EQ(path, Path::join(parts));
     }
+    struct {
+        const char *path;
+        unsigned index;
+        const char *token;
+    } tokens[] = {
+        // clang-format off
+        {"", 0, ""}, {"", 1, ""}, {"/a/b", 0, "/"}, {"/a/b", 1, "a"}, {"/a/b", 2, "b"},
+        {"/a/b", 3, ""}, {"a/b", 0, "a"}, {"a/", 0, "a/"}, {"a//", 0, "a/"}, {"a//b", 0, "a"},
+        {"a/b/", 1, "b/"}, {"a//b", 1, ""},
+        // clang-format on
+    };
+    for (const auto &c : tokens) EXPECT_EQ(c.token, Path::token(c.path, c.index)) << c.path;
 }
 
-TEST(PathToken, Index0AndOthers) {
-    checkToken("", 0, "");
-    checkToken("", 1, "");
-    checkToken("/a/b", 0, "/");
-    checkToken("/a/b", 1, "a");
-    checkToken("/a/b", 2, "b");
-    checkToken("/a/b", 3, "");
-    checkToken("a/b", 0, "a");
-    checkToken("a", 0, "a");
-    checkToken("a/", 0, "a/");
-    checkToken("a//", 0, "a/");
-    checkToken("a//b", 0, "a");
-    checkToken("a/b/", 1, "b/");
-    checkToken("a//b", 1, "");
-}
-
-TEST(PathCommon, LeadingComponents) {
-    checkCommon("/a/b/c", "/a/b/d", "/a/b");
-    checkCommon("/a/b/", "/a/b", "/a/b");
-    checkCommon("/a/b", "/a/b/", "/a/b");
-    checkCommon("/a/b", "/a/bc", "/a");
-    checkCommon("/x", "/y", "/");
-    checkCommon("a", "b", "");
-    checkCommon("a/b", "a/c", "a");
-    checkCommon("/a", "a", "");
-    checkCommon("", "/a", "");
-    // A lone "/" is stripped to empty before the comparison.
-    checkCommon("/", "/a", "");
-    checkCommon("/a", "/", "");
-    checkCommon("/", "/", "");
-    // Symmetric for these.
-    for (auto [a, b] : {std::pair<std::string, std::string>{"/a/b/c", "/a/b"}, {"x/y", "x/z/w"}}) {
-        EXPECT_EQ(Path::common(a, b), Path::common(b, a)) << a << " " << b;
+// Each row: a, b, common(a, b); then path, base, relative(path, base).
+TEST(PathAlgebra, CommonAndRelative) {
+    // clang-format off
+    const char *common[][3] = {
+        {"/a/b/c", "/a/b/d", "/a/b"}, {"/a/b/", "/a/b", "/a/b"}, {"/a/b", "/a/bc", "/a"},
+        {"/x", "/y", "/"}, {"a", "b", ""}, {"a/b", "a/c", "a"}, {"/a", "a", ""}, {"", "/a", ""},
+        // A lone "/" is stripped to empty before the comparison.
+        {"/", "/a", ""}, {"/", "/", ""},
+    };
+    const char *relative[][3] = {
+        {"/a/b/c", "/a", "b/c"}, {"/a/b/c", "/a///", "b/c"}, {"/a/b", "/a/b", ""},
+        {"/a/b/", "/a/b", ""}, {"/a/bc", "/a/b", ""}, {"/x/y", "/", "x/y"}, {"/x/y", "///", "x/y"},
+        {"/x", "", ""}, {"", "/", ""}, {"a/b", "a", "b"}, {"/a//b", "/a", "/b"},
+    };
+    // clang-format on
+    for (const auto &c : common) {
+        // Symmetric.
+        EXPECT_EQ(c[2], Path::common(c[0], c[1])) << c[0] << " " << c[1];
+        EXPECT_EQ(c[2], Path::common(c[1], c[0])) << c[1] << " " << c[0];
+    }
+    for (const auto &c : relative) {
+        EXPECT_EQ(c[2], Path::relative(c[0], c[1])) << c[0] << " under " << c[1];
     }
 }
 
-TEST(PathRelative, RemainderBelowBase) {
-    checkRelative("/a/b/c", "/a", "b/c");
-    checkRelative("/a/b/c", "/a/", "b/c");
-    checkRelative("/a/b/c", "/a///", "b/c");
-    checkRelative("/a/b", "/a/b", "");
-    checkRelative("/a/b/", "/a/b", "");
-    checkRelative("/a/bc", "/a/b", "");
-    checkRelative("/x/y", "/", "x/y");
-    checkRelative("/x/y", "///", "x/y");
-    checkRelative("/x", "", "");
-    checkRelative("", "/", "");
-    checkRelative("a/b", "a", "b");
-    checkRelative("/a//b", "/a", "/b");
+TEST(PathAlgebra, BasenameAndDirname) {
+    // Each row: path, basename, dirname; only the text before an embedded NUL counts.
+    const std::string cases[][3] = {
+        // clang-format off
+        {"/a/b/", "b", "/a"}, {"/a/b", "b", "/a"}, {"/", "/", "/"}, {"", ".", "."},
+        {"a", "a", "."}, {"/a", "a", "/"}, {std::string("/a/x\0/y", 7), "x", "/a"},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(c[1], Path::basename(c[0])) << c[0];
+        EXPECT_EQ(c[2], Path::dirname(c[0])) << c[0];
+    }
 }
 
-TEST(PathBaseDir, PosixSemantics) {
-    EXPECT_EQ("b", Path::basename("/a/b/"));
-    EXPECT_EQ("b", Path::basename("/a/b"));
-    EXPECT_EQ("/", Path::basename("/"));
-    EXPECT_EQ(".", Path::basename(""));
-    EXPECT_EQ("a", Path::basename("a"));
-    EXPECT_EQ("/a", Path::dirname("/a/b"));
-    EXPECT_EQ("/a", Path::dirname("/a/b/"));
-    EXPECT_EQ(".", Path::dirname("a"));
-    EXPECT_EQ("/", Path::dirname("/"));
-    EXPECT_EQ("/", Path::dirname("/a"));
-    EXPECT_EQ(".", Path::dirname(""));
-    // Only the text before an embedded NUL counts.
-    EXPECT_EQ("x", Path::basename(std::string("/a/x\0/y", 7)));
-    EXPECT_EQ("/a", Path::dirname(std::string("/a/x\0/y", 7)));
-}
-
-TEST(PathAbs, AgainstTheCurrentDirectory) {
+TEST(PathAlgebra, AbsoluteAndFixedLocations) {
     EXPECT_EQ("/x/../y", Path::absPath("/x/../y"));
-    EXPECT_CHILD_OK([] {
-        CHILD_CHECK(chdir("/usr") == 0);
-        CHILD_CHECK_EQ(std::string("/usr/x"), Path::absPath("x"));
-        CHILD_CHECK_EQ(std::string("/usr"), Path::absPath(""));
-        CHILD_CHECK(chdir("/") == 0);
-        CHILD_CHECK_EQ(std::string("/x"), Path::absPath("x"));
-        return std::string();
-    });
-}
-
-TEST(PathLocations, FixedAndDerived) {
     EXPECT_EQ("/tmp/telobackup", Path::getIpcTempPath());
     char self[4096] = {};
     ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
     EXPECT_EQ(self, Path::getBinPath());
     EXPECT_CHILD_OK([self = std::string(self)] {
+        CHILD_CHECK(chdir("/usr") == 0);
+        CHILD_CHECK_EQ(std::string("/usr/x"), Path::absPath("x"));
+        CHILD_CHECK_EQ(std::string("/usr"), Path::absPath(""));
+        CHILD_CHECK(chdir("/") == 0);
+        CHILD_CHECK_EQ(std::string("/x"), Path::absPath("x"));
         unsetenv("TELO_LOGFILE");
         CHILD_CHECK_EQ(Path::join(Path::dirname(self), "Quarnix.log"), Path::getLogPath());
         setenv("TELO_LOGFILE", "/var/log/x.log", 1);
@@ -213,16 +145,15 @@ TEST(PathLocations, FixedAndDerived) {
     });
 }
 
-TEST(ConfigPath, ShareNameAndRelativePath) {
-    using TELO::Backup::ConfigPath;
+TEST(PathAlgebra, ShareNameAndRelativePath) {
     // clang-format off
-    struct { const char *path, *name, *relative; } cases[] = {
+    const char *cases[][3] = {
         {"/photos/2024/trip", "photos", "2024/trip"}, {"/photos/2024/", "photos", "2024/"},
         {"/photos/", "photos", ""}, {"/photos", "photos", ""}, {"/photos//x", "photos", "/x"},
         {"/", "", ""}, {"//x", "", "x"}, {"", "", ""}, {"photos/2024", "", ""}};
     // clang-format on
     for (const auto &c : cases) {
-        EXPECT_EQ(c.name, ConfigPath::shareName(c.path)) << c.path;
-        EXPECT_EQ(c.relative, ConfigPath::shareRelativePath(c.path)) << c.path;
+        EXPECT_EQ(c[1], ConfigPath::shareName(c[0])) << c[0];
+        EXPECT_EQ(c[2], ConfigPath::shareRelativePath(c[0])) << c[0];
     }
 }
