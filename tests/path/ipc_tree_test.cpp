@@ -1,10 +1,9 @@
-// The IPC tree under /tmp/telobackup. Everything that creates it runs in a child with a private
-// /tmp, so the machine's real tree is never touched.
+// The IPC tree under /tmp/telobackup. Everything runs in a child with a private /tmp, so the
+// machine's real tree is never touched.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include "support/child.h"
@@ -18,41 +17,26 @@ using namespace testsupport;
 namespace {
 
 const ChildOptions kPrivateTmp{.privateTmp = true};
-
-bool ownedBy(const std::string &path, uid_t uid) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 && st.st_uid == uid;
-}
+constexpr char kSource[] = "path/path_util";
 
 }  // namespace
 
-TEST(IpcTree, BadNamesAreRefusedWithoutTouchingTheDisk) {
-    SyslogCapture log;
-    EXPECT_EQ("", Path::createIpcTempPath("a/b", 0700));
-    EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ("", Path::createIpcTempPath("", 0700));
-    EXPECT_EQ(1, log.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> bad a/b name."))
-        << log.dump();
-    EXPECT_EQ(1, log.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> bad  name."));
-    EXPECT_EQ(2u, log.size());
-}
-
 // "." and ".." name the tree itself and /tmp: forcing a mode there would reach outside the
 // sub-directories the call is for.
-TEST(IpcTree, DotNamesAreRefused) {
+TEST(IpcTree, BadNamesAreRefusedWithoutTouchingTheDisk) {
     EXPECT_CHILD_OK(
         [] {
-            SyslogCapture log;
+            SyslogCapture log{kSource};
             CHILD_CHECK(chmod("/tmp", 01777) == 0);
-            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("..", 0700));
-            CHILD_CHECK_EQ(EINVAL, errno);
-            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath(".", 0700));
+            for (const char *name : {"a/b", "", "..", "."}) {
+                errno = 0;
+                CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath(name, 0700));
+                CHILD_CHECK_EQ(EINVAL, errno);
+                CHILD_CHECK_EQ(1, log.err(std::string("bad ") + name + " name."));
+            }
+            CHILD_CHECK_EQ(size_t(4), log.size());
             CHILD_CHECK_EQ(01777, fileMode("/tmp"));
             CHILD_CHECK(!exists("/tmp/telobackup"));
-            CHILD_CHECK_EQ(1,
-                           log.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> bad .. name."));
-            CHILD_CHECK_EQ(1,
-                           log.count(LOG_ERR, "(<pid>) [err] path/path_util:<line> bad . name."));
             return std::string();
         },
         kPrivateTmp);
@@ -63,14 +47,14 @@ TEST(IpcTree, CreatesTreeWithExactModesWhateverTheUmask) {
         [] {
             umask(077);
             CHILD_CHECK_EQ(std::string("/tmp/telobackup/x"), Path::createIpcTempPath("x", 0770));
-            CHILD_CHECK_EQ(0755, fileMode("/tmp/telobackup"));
-            CHILD_CHECK_EQ(0770, fileMode("/tmp/telobackup/x"));
+            CHILD_CHECK(fileMode("/tmp/telobackup") == 0755 &&
+                        fileMode("/tmp/telobackup/x") == 0770);
             // Existing directories of other modes are brought to the requested ones.
-            CHILD_CHECK(chmod("/tmp/telobackup", 0700) == 0);
-            CHILD_CHECK(chmod("/tmp/telobackup/x", 0755) == 0);
+            CHILD_CHECK(chmod("/tmp/telobackup", 0700) == 0 &&
+                        chmod("/tmp/telobackup/x", 0755) == 0);
             CHILD_CHECK_EQ(std::string("/tmp/telobackup/x"), Path::createIpcTempPath("x", 0700));
-            CHILD_CHECK_EQ(0755, fileMode("/tmp/telobackup"));
-            CHILD_CHECK_EQ(0700, fileMode("/tmp/telobackup/x"));
+            CHILD_CHECK(fileMode("/tmp/telobackup") == 0755 &&
+                        fileMode("/tmp/telobackup/x") == 0700);
             return std::string();
         },
         kPrivateTmp);
@@ -99,58 +83,36 @@ TEST(IpcTree, LockFileIsSharedCloseOnExecAndLockable) {
         kPrivateTmp);
 }
 
-// A link planted at the tree itself is never followed: the target directory is not changed.
-TEST(IpcTree, LinkPlantedAtTheTreeIsRefused) {
+// A link planted at the tree, at its lock directory or at a lock file is never followed: the call
+// fails and the target is not changed.
+TEST(IpcTree, PlantedLinksAreNeverFollowed) {
     EXPECT_CHILD_OK(
         [] {
-            SyslogCapture log;
+            SyslogCapture log{kSource};
             CHILD_CHECK(mkdir("/tmp/target", 0700) == 0);
             CHILD_CHECK(symlink("/tmp/target", "/tmp/telobackup") == 0);
             CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0777));
             CHILD_CHECK(errno == ELOOP || errno == ENOTDIR);
             CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
-            CHILD_CHECK_EQ(0700, fileMode("/tmp/target"));
-            CHILD_CHECK(listDir("/tmp/target").empty());
-            CHILD_CHECK_EQ(2, log.count(LOG_ERR,
-                                        "(<pid>) [err] path/path_util:<line> chmod "
-                                        "/tmp/telobackup path failed. <any>"));
-            return std::string();
-        },
-        kPrivateTmp);
-}
+            CHILD_CHECK_EQ(2, log.err("chmod /tmp/telobackup path failed. <any>"));
 
-TEST(IpcTree, LinkPlantedAtTheLockDirectoryIsRefused) {
-    EXPECT_CHILD_OK(
-        [] {
-            SyslogCapture log;
-            CHILD_CHECK(mkdir("/tmp/target", 0700) == 0);
-            CHILD_CHECK(mkdir("/tmp/telobackup", 0755) == 0);
+            CHILD_CHECK(unlink("/tmp/telobackup") == 0 && mkdir("/tmp/telobackup", 0755) == 0);
             CHILD_CHECK(symlink("/tmp/target", "/tmp/telobackup/lock") == 0);
             CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
-            CHILD_CHECK_EQ(0700, fileMode("/tmp/target"));
-            CHILD_CHECK(listDir("/tmp/target").empty());
-            CHILD_CHECK_EQ(1, log.count(LOG_ERR,
-                                        "(<pid>) [err] path/path_util:<line> chmod "
-                                        "/tmp/telobackup/lock path failed. <any>"));
-            return std::string();
-        },
-        kPrivateTmp);
-}
+            CHILD_CHECK_EQ(1, log.err("chmod /tmp/telobackup/lock path failed. <any>"));
+            CHILD_CHECK(fileMode("/tmp/target") == 0700 && listDir("/tmp/target").empty());
 
-TEST(IpcTree, LinkPlantedAtALockFileIsRefused) {
-    EXPECT_CHILD_OK(
-        [] {
             writeFile("/tmp/victim", "precious", 0600);
+            CHILD_CHECK(unlink("/tmp/telobackup/lock") == 0);
             CHILD_CHECK(Path::createIpcTempPath("lock", 0770) == "/tmp/telobackup/lock");
             CHILD_CHECK(symlink("/tmp/victim", "/tmp/telobackup/lock/t") == 0);
             CHILD_CHECK(symlink("/tmp/absent", "/tmp/telobackup/lock/dangling") == 0);
-            CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
-            CHILD_CHECK_EQ(ELOOP, errno);
+            CHILD_CHECK(Path::createIpcLockFile("t") == -1 && errno == ELOOP);
             CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dangling"));
             CHILD_CHECK(!exists("/tmp/absent"));
             CHILD_CHECK_EQ(std::string("precious"), readFile("/tmp/victim"));
             CHILD_CHECK_EQ(0600, fileMode("/tmp/victim"));
-            // Neither is a directory where a lock file should be.
+            // Nor is a directory where a lock file should be.
             CHILD_CHECK(mkdir("/tmp/telobackup/lock/dir", 0700) == 0);
             CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dir"));
             return std::string();
@@ -162,30 +124,25 @@ TEST(IpcTree, EntriesOfOtherUsersOrKindsAreRefused) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to plant another user's directory";
     EXPECT_CHILD_OK(
         [] {
-            SyslogCapture log;
-            CHILD_CHECK(mkdir("/tmp/telobackup", 0777) == 0);
-            CHILD_CHECK(chmod("/tmp/telobackup", 0777) == 0);
+            SyslogCapture log{kSource};
+            CHILD_CHECK(mkdir("/tmp/telobackup", 0777) == 0 && chmod("/tmp/telobackup", 0777) == 0);
             CHILD_CHECK(chown("/tmp/telobackup", 65534, 65534) == 0);
-            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0700));
-            CHILD_CHECK_EQ(EPERM, errno);
+            CHILD_CHECK(Path::createIpcTempPath("x", 0700).empty() && errno == EPERM);
             CHILD_CHECK_EQ(0777, fileMode("/tmp/telobackup"));
             CHILD_CHECK(!exists("/tmp/telobackup/x"));
-            CHILD_CHECK_EQ(1, log.count(LOG_ERR,
-                                        "(<pid>) [err] path/path_util:<line> chmod "
-                                        "/tmp/telobackup path failed. Operation not "
-                                        "permitted"));
+            CHILD_CHECK_EQ(1,
+                           log.err("chmod /tmp/telobackup path failed. Operation not permitted"));
             // Another user's sub-directory inside our own tree.
-            CHILD_CHECK(chown("/tmp/telobackup", 0, 0) == 0);
-            CHILD_CHECK(mkdir("/tmp/telobackup/x", 0777) == 0);
+            CHILD_CHECK(chown("/tmp/telobackup", 0, 0) == 0 &&
+                        mkdir("/tmp/telobackup/x", 0777) == 0);
             CHILD_CHECK(chown("/tmp/telobackup/x", 65534, 65534) == 0);
-            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0700));
-            CHILD_CHECK(ownedBy("/tmp/telobackup/x", 65534));
+            CHILD_CHECK(Path::createIpcTempPath("x", 0700).empty());
+            struct stat st;
+            CHILD_CHECK(lstat("/tmp/telobackup/x", &st) == 0 && st.st_uid == 65534);
             // A plain file where the tree should be.
-            CHILD_CHECK(rmdir("/tmp/telobackup/x") == 0);
-            CHILD_CHECK(rmdir("/tmp/telobackup") == 0);
+            CHILD_CHECK(rmdir("/tmp/telobackup/x") == 0 && rmdir("/tmp/telobackup") == 0);
             writeFile("/tmp/telobackup", "file", 0644);
-            CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0700));
-            CHILD_CHECK_EQ(ENOTDIR, errno);
+            CHILD_CHECK(Path::createIpcTempPath("x", 0700).empty() && errno == ENOTDIR);
             CHILD_CHECK_EQ(std::string("file"), readFile("/tmp/telobackup"));
             return std::string();
         },
@@ -198,16 +155,16 @@ TEST(IpcTree, RootOwnedTreeServesOtherUsers) {
     EXPECT_CHILD_OK(
         [] {
             CHILD_CHECK(Path::createIpcTempPath("shared", 0777) == "/tmp/telobackup/shared");
-            ChildResult inner = runInChild(
-                [] {
-                    CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
-                                   Path::createIpcTempPath("shared", 0777));
-                    CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("shared", 0700));
-                    CHILD_CHECK_EQ(EPERM, errno);
-                    return std::string();
-                },
-                ChildOptions{.dropPrivileges = true});
-            return inner.message;
+            return runInChild(
+                       [] {
+                           CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
+                                          Path::createIpcTempPath("shared", 0777));
+                           CHILD_CHECK(Path::createIpcTempPath("shared", 0700).empty());
+                           CHILD_CHECK_EQ(EPERM, errno);
+                           return std::string();
+                       },
+                       ChildOptions{.dropPrivileges = true})
+                .message;
         },
         kPrivateTmp);
 }
