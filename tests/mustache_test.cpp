@@ -6,42 +6,25 @@
 
 using TELO::Backup::replaceMustache;
 
-namespace {
-
-void checkOne(const std::string &tmpl, const std::map<std::string, std::string> &vars,
-              const std::string &expected) {
-    SCOPED_TRACE("template: " + tmpl);
-    EXPECT_EQ(expected, replaceMustache(tmpl, vars));
-}
-
-}  // namespace
-
 TEST(Mustache, MapForm) {
     std::map<std::string, std::string> vars{{"name", "Bob"},  {"", "EMPTY"}, {" x ", "SPACED"},
                                             {"y", "Y"},       {"a", "A"},    {"b", "B"},
                                             {"loop", "{{y}}"}};
-    // Known and unknown names.
-    checkOne("Hello {{name}}!", vars, "Hello Bob!");
-    checkOne("Hello {{nobody}}!", vars, "Hello !");
-    checkOne("{{a}}{{b}}{{a}}", vars, "ABA");
-    // Names are taken as written: empty, blanks kept.
-    checkOne("{{}}", vars, "EMPTY");
-    checkOne("{{ x }}", vars, "SPACED");
-    checkOne("{{x}}", vars, "");
-    // Unterminated openers and lone closers are text.
-    checkOne("a {{b", vars, "a {{b");
-    checkOne("a }} b", vars, "a }} b");
-    checkOne("}}{{a}}", vars, "}}A");
-    checkOne("{{a}} and {{b", vars, "A and {{b");
-    // The innermost opener before a closer wins.
-    checkOne("{{a {{b}}", vars, "{{a B");
-    checkOne("{{{y}}}", vars, "{Y}");
-    checkOne("{{{{a}}}}", vars, "{{A}}");
-    // Inserted text is never scanned again.
-    checkOne("<{{loop}}>", vars, "<{{y}}>");
-    // No tags at all.
-    checkOne("", vars, "");
-    checkOne("plain", vars, "plain");
+    // clang-format off
+    const char *cases[][2] = {
+        // Known and unknown names; names are taken as written, empty and with blanks.
+        {"Hello {{name}}!", "Hello Bob!"}, {"Hello {{nobody}}!", "Hello !"},
+        {"{{a}}{{b}}{{a}}", "ABA"}, {"{{}}", "EMPTY"}, {"{{ x }}", "SPACED"}, {"{{x}}", ""},
+        {"", ""}, {"plain", "plain"},
+        // Unterminated openers and lone closers are text.
+        {"a {{b", "a {{b"}, {"a }} b", "a }} b"}, {"}}{{a}}", "}}A"},
+        {"{{a}} and {{b", "A and {{b"},
+        // The innermost opener before a closer wins; inserted text is never scanned again.
+        {"{{a {{b}}", "{{a B"}, {"{{{y}}}", "{Y}"}, {"{{{{a}}}}", "{{A}}"},
+        {"<{{loop}}>", "<{{y}}>"},
+    };
+    // clang-format on
+    for (const auto &c : cases) EXPECT_EQ(c[1], replaceMustache(c[0], vars)) << c[0];
 }
 
 TEST(Mustache, MapperIsAskedForEveryTagInOrder) {
@@ -53,9 +36,7 @@ TEST(Mustache, MapperIsAskedForEveryTagInOrder) {
     };
     EXPECT_EQ("[a]-[b]-", replaceMustache("{{a}}-{{b}}-{{skip}}", mapper));
     EXPECT_EQ((std::vector<std::string>{"a", "b", "skip"}), asked);
-}
-
-TEST(Mustache, EmptyMapperThrowsOnlyAtTheFirstTag) {
+    // An empty mapper throws only at the first tag.
     std::function<bool(const std::string &, std::string &)> empty;
     EXPECT_EQ("no tags {{", replaceMustache("no tags {{", empty));
     EXPECT_THROW(replaceMustache("x {{a}}", empty), std::bad_function_call);
@@ -71,21 +52,19 @@ TEST(Mustache, JsonForm) {
     vars["list"].append("two");
     vars["obj"]["k"] = "v";
     vars["quote"] = "a\"b";
-
-    EXPECT_EQ("5", replaceMustache("{{n}}", vars, false));
-    EXPECT_EQ("x", replaceMustache("{{s}}", vars, false));
-    EXPECT_EQ("\"x\"", replaceMustache("{{s}}", vars, true));
-    EXPECT_EQ("\"a\\\"b\"", replaceMustache("{{quote}}", vars, true));
-    EXPECT_EQ("a\"b", replaceMustache("{{quote}}", vars, false));
-    EXPECT_EQ("", replaceMustache("{{z}}", vars, false));
-    EXPECT_EQ("", replaceMustache("{{z}}", vars, true));
-    EXPECT_EQ("true", replaceMustache("{{b}}", vars, false));
-    EXPECT_EQ("[1,\"two\"]", replaceMustache("{{list}}", vars, false));
-    EXPECT_EQ("{\"k\":\"v\"}", replaceMustache("{{obj}}", vars, false));
-    EXPECT_EQ("<>", replaceMustache("<{{missing}}>", vars, false));
-}
-
-TEST(Mustache, JsonFormWithNonObjectVariablesFindsNothing) {
+    // Each row: template, plain, with jsonStrings.
+    // clang-format off
+    const char *cases[][3] = {
+        {"{{n}}", "5", "5"}, {"{{s}}", "x", "\"x\""}, {"{{quote}}", "a\"b", "\"a\\\"b\""},
+        {"{{z}}", "", ""}, {"{{b}}", "true", "true"}, {"{{list}}", "[1,\"two\"]", "[1,\"two\"]"},
+        {"{{obj}}", "{\"k\":\"v\"}", "{\"k\":\"v\"}"}, {"<{{missing}}>", "<>", "<>"},
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        EXPECT_EQ(c[1], replaceMustache(c[0], vars, false)) << c[0];
+        EXPECT_EQ(c[2], replaceMustache(c[0], vars, true)) << c[0];
+    }
+    // Variables that are not an object name nothing.
     Json::Value array(Json::arrayValue);
     array.append(1);
     EXPECT_EQ("a  b", replaceMustache("a {{0}} b", array, false));
