@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include "support/child.h"
 #include "support/fake_platform.h"
@@ -13,8 +12,11 @@
 
 using namespace TELO::Backup;
 using namespace testsupport;
+using fakeplatform::calls;
 
 namespace {
+
+constexpr char kSource[] = "temp_manager/volume_path_manager";
 
 TELOVOLInfo volume(unsigned long long freeBytes, int fsType = TELO_FS_EXT4) {
     TELOVOLInfo info = {};
@@ -25,48 +27,39 @@ TELOVOLInfo volume(unsigned long long freeBytes, int fsType = TELO_FS_EXT4) {
     return info;
 }
 
+std::shared_ptr<FilterVolume> maxFilter(bool useTmpFallback) {
+    return std::make_shared<FilterMaxVolume>(1, 2, useTmpFallback);
+}
+
 class VolumeFilters : public ::testing::Test {
   protected:
     void SetUp() override { fakeplatform::reset(); }
-    SyslogCapture log;
+    SyslogCapture log{kSource};
 };
 
 }  // namespace
 
-TEST_F(VolumeFilters, MaxFiltersAcceptOnlyStrictlyLargerSpace) {
-    FilterMaxVolume filter(1, 2, false);
+// The type test comes first, so a refused type never raises the bar; free space compares as
+// unsigned 64-bit and must be strictly larger than the best so far.
+TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
+    FilterMaxVolume any(1, 2, false);
     std::vector<bool> accepted;
-    for (unsigned long long size : {10ull, 30ull, 30ull, 20ull, 31ull}) {
-        accepted.push_back(filter.isAccept(volume(size)));
+    for (unsigned long long size : {10ull, 30ull, 30ull, 20ull, 31ull, ~0ull}) {
+        accepted.push_back(any.isAccept(volume(size)));
     }
-    EXPECT_EQ((std::vector<bool>{true, true, false, false, true}), accepted);
-    // Free space compares as unsigned 64-bit.
-    FilterMaxVolume big(1, 2, false);
-    EXPECT_TRUE(big.isAccept(volume(1ull << 62)));
-    EXPECT_TRUE(big.isAccept(volume(~0ull)));
-}
+    EXPECT_EQ((std::vector<bool>{true, true, false, false, true, true}), accepted);
 
-TEST_F(VolumeFilters, TypeTestComesBeforeSize) {
     FilterMaxExtVolume ext(1, 2, false);
     FilterMaxExtBtrfsVolume extBtrfs(1, 2, false);
-    FilterMaxVolume any(1, 2, false);
-    struct Case {
-        int type;
-        bool ext, extBtrfs;
-    } cases[] = {{TELO_FS_FAT, false, false},     {TELO_FS_EXT3, true, true},
-                 {TELO_FS_EXT4, true, true},      {TELO_FS_BTRFS, false, true},
-                 {TELO_FS_XFS, false, false},     {TELO_FS_FOREIGN, false, false},
-                 {TELO_FS_NETWORK, false, false}, {TELO_FS_OTHER, false, false}};
-    unsigned long long size = 100;
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.type);
-        // Growing sizes, so only the type decides.
-        EXPECT_EQ(c.ext, ext.isAccept(volume(size, c.type)));
-        EXPECT_EQ(c.extBtrfs, extBtrfs.isAccept(volume(size, c.type)));
-        EXPECT_TRUE(any.isAccept(volume(size, c.type)));
-        size += 100;
+    std::string extTypes, extBtrfsTypes;
+    unsigned long long size = 100;  // growing, so only the type decides
+    for (int type : {TELO_FS_FAT, TELO_FS_EXT3, TELO_FS_EXT4, TELO_FS_BTRFS, TELO_FS_XFS,
+                     TELO_FS_FOREIGN, TELO_FS_NETWORK, TELO_FS_OTHER}) {
+        extTypes += ext.isAccept(volume(size, type)) ? "Y" : "n";
+        extBtrfsTypes += extBtrfs.isAccept(volume(size += 100, type)) ? "Y" : "n";
     }
-    // A refused type does not raise the bar: a big btrfs volume, then a small ext4 one.
+    EXPECT_EQ("nYYnnnnn", extTypes);
+    EXPECT_EQ("nYYYnnnn", extBtrfsTypes);
     FilterMaxExtVolume fresh(1, 2, false);
     EXPECT_FALSE(fresh.isAccept(volume(1000, TELO_FS_BTRFS)));
     EXPECT_TRUE(fresh.isAccept(volume(5, TELO_FS_EXT4)));
@@ -74,24 +67,20 @@ TEST_F(VolumeFilters, TypeTestComesBeforeSize) {
 
 TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
     EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    EXPECT_EQ("FilterMaxExtVolume:-1:0:0", FilterMaxExtVolume(-1, 0, false).getSignature());
-    EXPECT_EQ("FilterMaxExtBtrfsVolume:7:9:1", FilterMaxExtBtrfsVolume(7, 9, true).getSignature());
-    EXPECT_EQ(0, fakeplatform::calls("TELOVolumeSupportLocGet"));
-
+    EXPECT_EQ("FilterMaxExtBtrfsVolume:-1:0:0",
+              FilterMaxExtBtrfsVolume(-1, 0, false).getSignature());
+    EXPECT_EQ(0, calls("TELOVolumeSupportLocGet"));
     // Default construction asks the platform for the location; mode 2.
     fakeplatform::outcomes().volumeLocation = 4;
     EXPECT_EQ("FilterMaxVolume:4:2:0", FilterMaxVolume().getSignature());
     EXPECT_EQ("FilterMaxExtVolume:4:2:1", FilterMaxExtVolume(true).getSignature());
-    EXPECT_EQ("FilterMaxExtBtrfsVolume:4:2:0", FilterMaxExtBtrfsVolume(false).getSignature());
-    EXPECT_EQ(3, fakeplatform::calls("TELOVolumeSupportLocGet"));
+    EXPECT_EQ(2, calls("TELOVolumeSupportLocGet"));
     // No location: both stay 0.
     fakeplatform::outcomes().volumeLocation = 0;
     FilterMaxVolume none;
-    EXPECT_EQ("FilterMaxVolume:0:0:0", none.getSignature());
     int location = -1, mode = -1;
-    EXPECT_TRUE(none.getVolumeEnumParameter(location, mode));
-    EXPECT_EQ(0, location);
-    EXPECT_EQ(0, mode);
+    EXPECT_TRUE(none.getVolumeEnumParameter(location, mode) && location == 0 && mode == 0);
+    EXPECT_EQ("FilterMaxVolume:0:0:0", none.getSignature());
     EXPECT_EQ("", none.defaultPath());
     EXPECT_EQ("/tmp", FilterMaxVolume(true).defaultPath());
 }
@@ -108,38 +97,28 @@ TEST_F(VolumeFilters, SameVolumeFilter) {
     EXPECT_EQ(0u, log.size());
 
     FilterSameVolume unknown("/elsewhere");
-    EXPECT_EQ("FilterSameVolume:", unknown.getSignature());
-    EXPECT_EQ("", unknown.defaultPath());
-    EXPECT_EQ(1, log.count(LOG_ERR,
-                           "(<pid>) [err] temp_manager/volume_path_manager:<line> "
-                           "TELOMountVolInfoGet(/elsewhere) failed, [0x0002 "
-                           "fake_platform.cpp:<line>]"))
+    EXPECT_TRUE(unknown.getSignature() == "FilterSameVolume:" && unknown.defaultPath().empty());
+    EXPECT_EQ(1,
+              log.err("TELOMountVolInfoGet(/elsewhere) failed, [0x0002 fake_platform.cpp:<line>]"))
         << log.dump();
-
     fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
     EXPECT_EQ("", known.defaultPath());
-    EXPECT_EQ(1, log.count(LOG_ERR,
-                           "(<pid>) [err] temp_manager/volume_path_manager:<line> "
-                           "TELOShareTmpPathGet(/srv) fail, [0x0004 "
-                           "fake_platform.cpp:<line>]"));
+    EXPECT_EQ(1, log.err("TELOShareTmpPathGet(/srv) fail, [0x0004 fake_platform.cpp:<line>]"));
 }
 
 // Volumes whose temporary directories are real directories of a test tree.
 class VolumeManager : public VolumeFilters {
   protected:
-    // A volume at dir/<name> whose temporary directory dir/<name>-tmp exists when `writable`.
+    // A volume at dir/<name> whose temporary directory dir/<name>-tmp exists when `tmpExists`.
     fakeplatform::Volume &addVolume(const std::string &name, unsigned long long freeBytes,
                                     bool tmpExists = true) {
-        fakeplatform::Volume v;
-        v.path = dir.file(name);
-        v.freeBytes = freeBytes;
         std::string tmp = dir.file(name + "-tmp");
         if (tmpExists) {
             mkdir(tmp.c_str(), 0777);
             chmod(tmp.c_str(), 0777);
         }
-        fakeplatform::outcomes().shareTmpPaths[v.path] = tmp;
-        fakeplatform::outcomes().volumes.push_back(v);
+        fakeplatform::outcomes().shareTmpPaths[dir.file(name)] = tmp;
+        fakeplatform::outcomes().volumes.push_back({dir.file(name), TELO_FS_EXT4, freeBytes, 1, 1});
         return fakeplatform::outcomes().volumes.back();
     }
     TempDir dir;
@@ -154,22 +133,16 @@ TEST_F(VolumeManager, ChoosesTheLargestUsableWritableVolumeAndCachesIt) {
     addVolume("best", 30);
     addVolume("tie", 30);
     EXPECT_CHILD_OK([this] {
+        VolumePathManager &manager = VolumePathManager::getInstance();
         std::string out = "stale";
-        CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(
-            std::make_shared<FilterMaxVolume>(1, 2, false), out));
-        CHILD_CHECK_EQ(dir.file("best-tmp"), out);
-        CHILD_CHECK_EQ(1, fakeplatform::calls("TELOMountVolAllEnum"));
-        CHILD_CHECK_EQ(1, fakeplatform::calls("TELOMountVolInfoFree"));
-        // The same signature from a new object: answered from the cache.
+        CHILD_CHECK(manager.getVolumePath(maxFilter(false), out) && out == dir.file("best-tmp"));
+        CHILD_CHECK(calls("TELOMountVolAllEnum") == 1 && calls("TELOMountVolInfoFree") == 1);
+        // The same signature from a new object is answered from the cache; another enumerates.
         out.clear();
-        CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(
-            std::make_shared<FilterMaxVolume>(1, 2, false), out));
-        CHILD_CHECK_EQ(dir.file("best-tmp"), out);
-        CHILD_CHECK_EQ(1, fakeplatform::calls("TELOMountVolAllEnum"));
-        // Another signature enumerates again.
-        CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(
-            std::make_shared<FilterMaxVolume>(1, 2, true), out));
-        CHILD_CHECK_EQ(2, fakeplatform::calls("TELOMountVolAllEnum"));
+        CHILD_CHECK(manager.getVolumePath(maxFilter(false), out) && out == dir.file("best-tmp"));
+        CHILD_CHECK_EQ(1, calls("TELOMountVolAllEnum"));
+        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
+        CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
         return std::string();
     });
 }
@@ -182,54 +155,41 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
     EXPECT_CHILD_OK(
         [this] {
             std::string out;
-            CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(
-                std::make_shared<FilterMaxVolume>(1, 2, false), out));
+            CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(maxFilter(false), out));
             CHILD_CHECK_EQ(dir.file("writable-tmp"), out);
             return std::string();
         },
         ChildOptions{.dropPrivileges = true});
 }
 
+// Without a usable volume, a filter with the /tmp fallback gets /tmp, cached; one without gets
+// nothing and asks again next time. A failed enumeration counts as no volume.
 TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
     addVolume("gone", 10, false);
-    fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
     addVolume("broken", 20);
-    EXPECT_CHILD_OK([this] {
-        SyslogCapture childLog;
+    fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
+    EXPECT_CHILD_OK([] {
+        SyslogCapture childLog{kSource};
         VolumePathManager &manager = VolumePathManager::getInstance();
         std::string out = "stale";
-        CHILD_CHECK(!manager.getVolumePath(std::make_shared<FilterMaxVolume>(1, 2, false), out));
-        CHILD_CHECK_EQ(std::string(), out);
-        CHILD_CHECK(!manager.getVolumePath(std::make_shared<FilterMaxVolume>(1, 2, false), out));
-        CHILD_CHECK_EQ(2, fakeplatform::calls("TELOMountVolAllEnum"));
-        CHILD_CHECK_EQ(4, childLog.count(LOG_ERR,
-                                         "(<pid>) [err] temp_manager/volume_path_manager:"
-                                         "<line> TELOShareTmpPathGet(<any>) fail, "
-                                         "[0x0004 fake_platform.cpp:<line>]"));
+        CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out) && out.empty());
+        CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out));
+        CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
+        CHILD_CHECK_EQ(4, childLog.err("TELOShareTmpPathGet(<any>) fail, [0x0004 <any>]"));
+        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out) && out == "/tmp");
+        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out) && out == "/tmp");
+        CHILD_CHECK_EQ(3, calls("TELOMountVolAllEnum"));
 
-        CHILD_CHECK(manager.getVolumePath(std::make_shared<FilterMaxVolume>(1, 2, true), out));
-        CHILD_CHECK_EQ(std::string("/tmp"), out);
-        CHILD_CHECK(manager.getVolumePath(std::make_shared<FilterMaxVolume>(1, 2, true), out));
-        CHILD_CHECK_EQ(3, fakeplatform::calls("TELOMountVolAllEnum"));
-
+        fakeplatform::setFail("TELOMountVolAllEnum", true, TELO_ERR_SYSTEM);
+        auto ext = [](bool fallback) {
+            return std::make_shared<FilterMaxExtVolume>(1, 2, fallback);
+        };
+        CHILD_CHECK(manager.getVolumePath(ext(true), out) && out == "/tmp");
+        CHILD_CHECK(!manager.getVolumePath(ext(false), out));
+        CHILD_CHECK_EQ(3, calls("TELOMountVolInfoFree"));  // nothing to free after a failure
         // A null filter leaves the output alone.
         out = "untouched";
-        CHILD_CHECK(!manager.getVolumePath(nullptr, out));
-        CHILD_CHECK_EQ(std::string("untouched"), out);
-        return std::string();
-    });
-}
-
-TEST_F(VolumeManager, FailedEnumerationFallsBack) {
-    addVolume("v", 10);
-    fakeplatform::setFail("TELOMountVolAllEnum", true, TELO_ERR_SYSTEM);
-    EXPECT_CHILD_OK([] {
-        std::string out;
-        VolumePathManager &manager = VolumePathManager::getInstance();
-        CHILD_CHECK(manager.getVolumePath(std::make_shared<FilterMaxExtVolume>(1, 2, true), out));
-        CHILD_CHECK_EQ(std::string("/tmp"), out);
-        CHILD_CHECK(!manager.getVolumePath(std::make_shared<FilterMaxExtVolume>(1, 2, false), out));
-        CHILD_CHECK_EQ(0, fakeplatform::calls("TELOMountVolInfoFree"));
+        CHILD_CHECK(!manager.getVolumePath(nullptr, out) && out == "untouched");
         return std::string();
     });
 }
@@ -240,14 +200,15 @@ TEST_F(VolumeManager, SameVolumeNeverEnumerates) {
     EXPECT_CHILD_OK([this] {
         VolumePathManager &manager = VolumePathManager::getInstance();
         std::string out;
-        CHILD_CHECK(
-            manager.getVolumePath(std::make_shared<FilterSameVolume>(dir.file("v/data")), out));
+        auto same = [](const std::string &path) {
+            return std::make_shared<FilterSameVolume>(path);
+        };
+        CHILD_CHECK(manager.getVolumePath(same(dir.file("v/data")), out));
         CHILD_CHECK_EQ(dir.file("v-tmp"), out);
-        CHILD_CHECK(
-            manager.getVolumePath(std::make_shared<FilterSameVolume>(dir.file("v/data")), out));
-        CHILD_CHECK_EQ(1, fakeplatform::calls("TELOShareTmpPathGet"));
-        CHILD_CHECK(!manager.getVolumePath(std::make_shared<FilterSameVolume>("/nowhere"), out));
-        CHILD_CHECK_EQ(0, fakeplatform::calls("TELOMountVolAllEnum"));
+        CHILD_CHECK(manager.getVolumePath(same(dir.file("v/data")), out));
+        CHILD_CHECK_EQ(1, calls("TELOShareTmpPathGet"));
+        CHILD_CHECK(!manager.getVolumePath(same("/nowhere"), out));
+        CHILD_CHECK_EQ(0, calls("TELOMountVolAllEnum"));
         return std::string();
     });
 }
