@@ -1,49 +1,63 @@
-// ScopedTempFile and ScopedTempFolder on real directories.
+// Scoped temporaries on real directories, and on the volume a filter chooses (fake platform
+// volumes over real directories). The volume path manager caches per signature for the life of
+// the process, so each volume scenario runs in a child.
 #include "telobackup/temp_manager/temp_manager.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
+#include "support/child.h"
+#include "support/fake_platform.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 
-using TELO::Backup::ScopedTempFile;
-using TELO::Backup::ScopedTempFolder;
+using namespace TELO::Backup;
 using namespace testsupport;
+using Names = std::vector<std::string>;
 
 namespace {
 
-class TempManager : public ::testing::Test {
+class Temporaries : public ::testing::Test {
   protected:
+    void SetUp() override {
+        fakeplatform::reset();
+        tmp = dir.file("vol/.tmp");
+        ASSERT_EQ(0, mkdir(dir.file("vol").c_str(), 0755));
+        ASSERT_EQ(0, mkdir(tmp.c_str(), 0755));
+        fakeplatform::outcomes().volumes.push_back({dir.file("vol"), TELO_FS_EXT4, 100, 1, 1});
+        fakeplatform::outcomes().shareTmpPaths[dir.file("vol")] = tmp;
+    }
     TempDir dir;
-    SyslogCapture log;
+    std::string tmp;
+    SyslogCapture log{"temp_manager/temp_manager"};
 };
 
-// `path` is `prefix` followed by exactly six generated characters.
-void expectGenerated(const std::string &prefix, const std::string &path) {
-    EXPECT_EQ(prefix.size() + 6, path.size()) << path;
-    EXPECT_EQ(prefix, path.substr(0, prefix.size()));
-    EXPECT_EQ(std::string::npos, path.find("XXXXXX", prefix.size())) << path;
+// `prefix` followed by the six characters mkstemp/mkdtemp put in place of "XXXXXX".
+bool generated(const std::string &prefix, const std::string &path) {
+    return path.size() == prefix.size() + 6 && path.compare(0, prefix.size(), prefix) == 0 &&
+           path.find("XXXXXX", prefix.size()) == std::string::npos;
+}
+
+std::shared_ptr<FilterVolume> largest() {
+    return TempManager::maxVolume(1, 2, false);
 }
 
 }  // namespace
 
-TEST_F(TempManager, TemplatesModesAndRemoval) {
+TEST_F(Temporaries, TemplatesModesAndRemoval) {
     std::string byDefault;
     {
         ScopedTempFile file("", false), named(dir.file("name"), true);
         ScopedTempFile suffixed(dir.file("nameXXXXXX"), false);
         ScopedTempFolder folder(dir.file("d"));
         byDefault = file.getPath();
-        expectGenerated("/tmp/scoped_temp_file.", byDefault);
-        expectGenerated(dir.file("name."), named.getPath());
-        expectGenerated(dir.file("name"), suffixed.getPath());
-        expectGenerated(dir.file("d."), folder.getPath());
-        EXPECT_EQ(0600, fileMode(named.getPath()));
-        EXPECT_EQ(0700, fileMode(folder.getPath()));
+        EXPECT_TRUE(generated("/tmp/scoped_temp_file.", byDefault)) << byDefault;
+        EXPECT_TRUE(generated(dir.file("name."), named.getPath()));
+        EXPECT_TRUE(generated(dir.file("name"), suffixed.getPath()));
+        EXPECT_TRUE(generated(dir.file("d."), folder.getPath()));
+        EXPECT_TRUE(fileMode(named.getPath()) == 0600 && fileMode(folder.getPath()) == 0700);
         EXPECT_EQ(-1, named.getFileDescripter());
         EXPECT_EQ(FD_CLOEXEC, fcntl(file.getFileDescripter(), F_GETFD) & FD_CLOEXEC);
         // create() replaces what was owned; unlink() gives up ownership.
@@ -51,29 +65,26 @@ TEST_F(TempManager, TemplatesModesAndRemoval) {
         EXPECT_EQ(0, suffixed.unlink());
         EXPECT_EQ(0, suffixed.unlink());
     }
-    EXPECT_TRUE(listDir(dir.path()).empty());
+    EXPECT_EQ(Names{"vol"}, listDir(dir.path()));
     EXPECT_FALSE(exists(byDefault));
 }
 
-TEST_F(TempManager, CreateFailures) {
+// Over-long names are cut to fit a 255-byte component and a 4095-byte path, on a character
+// boundary ("é" is two bytes, so a cut at an odd offset must move back); a name ending in
+// XXXXXX is the caller's exact choice and never shortened.
+TEST_F(Temporaries, CreateFailuresAndOverlongNames) {
     EXPECT_FALSE(ScopedTempFile(dir.file("missing/x"), false).isValid());
     EXPECT_TRUE(log.has(LOG_DEBUG,
                         "temp_manager/temp_manager:<line> mkstemp failed, No such file "
                         "or directory [" +
                             dir.file("missing/x.XXXXXX") + "]"));
-    // A name ending in XXXXXX is the caller's exact choice: never shortened.
     EXPECT_FALSE(ScopedTempFile(dir.file(std::string(300, 'n') + "XXXXXX"), false).isValid());
     EXPECT_EQ(ENAMETOOLONG, errno);
-}
 
-// Over-long names are cut to fit a 255-byte component and a 4095-byte path, on a character
-// boundary ("é" is two bytes, so a cut at an odd offset must move back).
-TEST_F(TempManager, OverlongNamesAreShortened) {
     std::string accents;
     for (int i = 0; i < 150; ++i) accents += "\xC3\xA9";
     ScopedTempFile file(dir.file("x" + accents), false);
-    expectGenerated(dir.file("x" + accents.substr(0, 246) + "."), file.getPath());
-
+    EXPECT_TRUE(generated(dir.file("x" + accents.substr(0, 246) + "."), file.getPath()));
     std::string deep = dir.path();
     while (deep.size() < 4000) {
         deep += "/" + std::string(200, 'd');
@@ -83,43 +94,107 @@ TEST_F(TempManager, OverlongNamesAreShortened) {
     EXPECT_EQ(4095u, nearLimit.getPath().size());
 }
 
-TEST_F(TempManager, RenameAndPreserve) {
+TEST_F(Temporaries, RenameAndPreserve) {
     ScopedTempFile file(dir.file("t"), false);
     EXPECT_FALSE(file.rename(file.getPath()));
-    EXPECT_TRUE(log.has(LOG_ERR,
-                        "(<pid>) [err] temp_manager/temp_manager:<line> rename temp file "
-                        "to the same path[" +
-                            file.getPath() + "]"));
+    EXPECT_EQ(1, log.err("rename temp file to the same path[" + file.getPath() + "]"));
     EXPECT_FALSE(file.rename(dir.file("missing/x")));
     ASSERT_TRUE(file.isValid());
     ASSERT_TRUE(file.rename(dir.file("moved")));
     EXPECT_FALSE(file.isValid());
     EXPECT_EQ(-1, file.getFileDescripter());
-
     std::string kept;
     {
         ScopedTempFolder folder(dir.file("f"));
         EXPECT_FALSE(folder.rename(folder.getPath()));
-        EXPECT_TRUE(log.has(LOG_ERR, "<any>rename temp folder to the same path[<any>"));
+        EXPECT_EQ(1, log.err("rename temp folder to the same path[<any>"));
         kept = folder.preserve();
         EXPECT_EQ("", folder.preserve());
     }
-    EXPECT_EQ((std::vector<std::string>{"f" + kept.substr(kept.size() - 7), "moved"}),
-              listDir(dir.path()));
+    EXPECT_EQ((Names{"f" + kept.substr(kept.size() - 7), "moved", "vol"}), listDir(dir.path()));
 }
 
-TEST_F(TempManager, FolderTreeRemovedWithoutFollowingLinks) {
-    std::string outside = dir.file("outside");
-    ASSERT_EQ(0, mkdir(outside.c_str(), 0755));
-    writeFile(outside + "/keep", "k");
+TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
+    writeFile(dir.file("vol/keep"), "k");
     {
         ScopedTempFolder folder(dir.file("tree"));
         std::string root = folder.getPath();
         ASSERT_EQ(0, mkdir((root + "/a").c_str(), 0755));
         ASSERT_EQ(0, mkdir((root + "/a/b").c_str(), 0500));
         writeFile(root + "/a/f", "f");
-        ASSERT_EQ(0, symlink(outside.c_str(), (root + "/a/link").c_str()));
+        ASSERT_EQ(0, symlink(dir.file("vol").c_str(), (root + "/a/link").c_str()));
     }
-    EXPECT_EQ(std::vector<std::string>{"outside"}, listDir(dir.path()));
-    EXPECT_EQ("k", readFile(outside + "/keep"));
+    EXPECT_EQ(Names{"vol"}, listDir(dir.path()));
+    EXPECT_EQ("k", readFile(dir.file("vol/keep")));
+}
+
+TEST_F(Temporaries, OnTheChosenVolume) {
+    EXPECT_CHILD_OK([this] {
+        std::string keptFile, keptFolder;
+        {
+            ScopedVolumeTempFile file(largest(), "", false);
+            CHILD_CHECK(generated(tmp + "/scoped_volume_temp_file.", file.getPath()));
+            CHILD_CHECK(file.getFileDescripter() >= 0 && fileMode(file.getPath()) == 0600);
+            ScopedVolumeTempFolder folder(largest(), "");
+            CHILD_CHECK(generated(tmp + "/scoped_volume_temp_folder.", folder.getPath()));
+            CHILD_CHECK_EQ(0700, fileMode(folder.getPath()));
+            ScopedVolumeTempFile named(largest(), "job", true);
+            CHILD_CHECK(generated(tmp + "/job.", named.getPath()));
+            CHILD_CHECK_EQ(-1, named.getFileDescripter());
+            ScopedVolumeTempFile longName(largest(), std::string(300, 'n'), true);
+            CHILD_CHECK(generated(tmp + "/" + std::string(248, 'n') + ".", longName.getPath()));
+            keptFile = named.preserve();
+            keptFolder = folder.preserve();
+        }
+        // Destroyed objects remove what they still own, nothing else.
+        CHILD_CHECK_EQ(2u, listDir(tmp).size());
+        CHILD_CHECK(exists(keptFile) && exists(keptFolder));
+        // Without any volume, a filter with the fallback places it in /tmp.
+        fakeplatform::outcomes().volumes.clear();
+        ScopedVolumeTempFile fallback(TempManager::maxVolume(true), "", true);
+        CHILD_CHECK(generated("/tmp/scoped_volume_temp_file.", fallback.getPath()));
+        return std::string();
+    });
+}
+
+// "." and ".." would put the temporary beside the chosen directory, not in it.
+TEST_F(Temporaries, BadFilterNameOrDirectoryLeaveNothing) {
+    EXPECT_CHILD_OK([this] {
+        ScopedVolumeTempFile nullFilter(nullptr, "x", false);
+        ScopedVolumeTempFolder nullFolder(nullptr, "x");
+        CHILD_CHECK(!nullFilter.isValid() && !nullFolder.isValid());
+        CHILD_CHECK_EQ(2, log.err("volume temp filter is null!"));
+        ScopedVolumeTempFile slash(largest(), "a/b", false);
+        ScopedVolumeTempFile dot(largest(), ".", false);
+        ScopedVolumeTempFolder dots(largest(), "..");
+        CHILD_CHECK(!slash.isValid() && !dot.isValid() && !dots.isValid());
+        CHILD_CHECK_EQ(1, log.err("name[a/b] is invalid!"));
+        CHILD_CHECK_EQ(3, log.err("name[<any>] is invalid!"));
+        CHILD_CHECK_EQ(Names{".tmp"}, listDir(dir.file("vol")));
+        // No directory for the filter: silently nothing.
+        fakeplatform::outcomes().volumes.clear();
+        ScopedVolumeTempFile none(TempManager::maxExtVolume(1, 2, false), "x", false);
+        CHILD_CHECK(!none.isValid() && listDir(tmp).empty());
+        CHILD_CHECK_EQ(size_t(5), log.size());
+        return std::string();
+    });
+}
+
+TEST(TempManagerFactories, MakeTheFiltersTheirArgumentsDescribe) {
+    fakeplatform::reset();
+    fakeplatform::outcomes().volumeLocation = 5;
+    fakeplatform::outcomes().volumeOfPath["/v/x"] = "/v";
+    const std::pair<std::shared_ptr<FilterVolume>, const char *> cases[] = {
+        {TempManager::maxVolume(), "FilterMaxVolume:5:2:0"},
+        {TempManager::maxVolume(true), "FilterMaxVolume:5:2:1"},
+        {TempManager::maxVolume(1, 3, false), "FilterMaxVolume:1:3:0"},
+        {TempManager::maxExtVolume(), "FilterMaxExtVolume:5:2:0"},
+        {TempManager::maxExtVolume(true), "FilterMaxExtVolume:5:2:1"},
+        {TempManager::maxExtVolume(2, 2, true), "FilterMaxExtVolume:2:2:1"},
+        {TempManager::maxExtBtrfsVolume(), "FilterMaxExtBtrfsVolume:5:2:0"},
+        {TempManager::maxExtBtrfsVolume(true), "FilterMaxExtBtrfsVolume:5:2:1"},
+        {TempManager::maxExtBtrfsVolume(0, 0, false), "FilterMaxExtBtrfsVolume:0:0:0"},
+        {TempManager::sameVolume("/v/x"), "FilterSameVolume:/v"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(c.second, c.first->getSignature());
 }
