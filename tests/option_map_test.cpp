@@ -30,12 +30,8 @@ class OptionMapTest : public ::testing::Test {
     void SetUp() override { fakeplatform::reset(); }
     TempDir dir;
     std::string file = dir.file("c.conf");
-    SyslogCapture log;
+    SyslogCapture log{"option_map"};
 };
-
-std::string errLine(const std::string &message) {
-    return "(<pid>) [err] option_map:<line> " + message;
-}
 
 }  // namespace
 
@@ -52,13 +48,11 @@ TEST_F(OptionMapTest, Values) {
     EXPECT_TRUE(map.optGet("s", buffer, sizeof(buffer)));
     EXPECT_STREQ("six", buffer);
     std::string untouched = "keep";
-    EXPECT_FALSE(map.optGet("missing", untouched));
-    EXPECT_EQ("keep", untouched);
+    EXPECT_FALSE(map.optGet("missing", untouched) || untouched != "keep");
     std::list<std::string> list{"stale"};
     EXPECT_TRUE(map.optGet("list", list));
     EXPECT_EQ((std::list<std::string>{"a", "b"}), list);
-    EXPECT_FALSE(map.optRemove("missing"));
-    EXPECT_FALSE(map.optRemove("null"));
+    EXPECT_FALSE(map.optRemove("missing") || map.optRemove("null"));
     EXPECT_TRUE(map.optRemove("n"));
     std::ostringstream out;
     out << map;
@@ -83,17 +77,14 @@ TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     fakeplatform::setFail("TLIBCCryptSzEncrypt");
     EXPECT_TRUE(map.optSet("q", std::string("x"), true));
     EXPECT_EQ("", map.optString("q", "def"));
-    EXPECT_TRUE(
-        log.has(LOG_ERR, errLine("TLIBCCryptSzEncrypt: [0x0004 fake_platform.cpp:<line>]")));
+    EXPECT_EQ(1, log.err("TLIBCCryptSzEncrypt: [0x0004 fake_platform.cpp:<line>]"));
     EXPECT_EQ("", map.optSecret("q", "def"));  // empty: the platform is not asked
     EXPECT_EQ(1, fakeplatform::calls("TLIBCCryptSzDecrypt"));
     map.optSet("bad", "zzz");
     std::string out = "keep";
-    EXPECT_TRUE(map.optGet("bad", out, true));
-    EXPECT_EQ("", out);
+    EXPECT_TRUE(map.optGet("bad", out, true) && out.empty());
     EXPECT_EQ("", map.optSecret("bad", "def"));
-    EXPECT_EQ(
-        2, log.count(LOG_ERR, errLine("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]")));
+    EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
 }
 
 TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
@@ -107,25 +98,22 @@ TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
     EXPECT_TRUE(map.optSectionSave());
     EXPECT_EQ("[job3]\nname=\"n\"\nx=true\n[other]\nk=1\n", readFile(file));
     EXPECT_TRUE(map.optSectionRemove());
-    EXPECT_FALSE(map.optSectionRemove());
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_TRUE(log.has(LOG_ERR, errLine("remove sec failed, No such file or directory")));
+    EXPECT_FALSE(map.optSectionRemove() || errno != ENOENT);
+    EXPECT_EQ(1, log.err("remove sec failed, No such file or directory"));
     EXPECT_EQ("[other]\nk=1\n", readFile(file));
 
     // An absent section binds all the same; saving does not create it.
-    EXPECT_FALSE(map.optSectionLoad(file, "absent", -1));
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ("absent", map.optSectionGetName());
-    EXPECT_FALSE(map.optIsLoaded());
+    EXPECT_FALSE(map.optSectionLoad(file, "absent", -1) || errno != ENOENT);
+    EXPECT_TRUE(map.optSectionGetName() == "absent" && !map.optIsLoaded());
     EXPECT_FALSE(map.optSectionSave());
-    EXPECT_TRUE(log.has(LOG_ERR, errLine("update section failed, No such file or directory")));
+    EXPECT_EQ(1, log.err("update section failed, No such file or directory"));
 
     EXPECT_FALSE(map.optSectionLoad("", "x", -1));
-    EXPECT_TRUE(log.has(LOG_ERR, errLine("invalid sec [][x]")));
+    EXPECT_EQ(1, log.err("invalid sec [][x]"));
     EXPECT_TRUE(map.optSectionGetName().empty() && map.optSectionGetId() == -1);
     EXPECT_FALSE(map.optSectionSave() || map.optSectionRemove());
-    EXPECT_TRUE(log.has(LOG_ERR, errLine("not bind before save")));
-    EXPECT_TRUE(log.has(LOG_ERR, errLine("not bind before remove")));
+    EXPECT_EQ(1, log.err("not bind before save"));
+    EXPECT_EQ(1, log.err("not bind before remove"));
 
     std::list<std::string> names{"stale"};
     EXPECT_TRUE(OptionMap::optSectionListName(dir.file("none"), names) && names.empty());
@@ -141,23 +129,21 @@ TELO_TEST_HELPER(trylock) {
 TEST_F(OptionMapTest, LockAndUnlock) {
     EXPECT_CHILD_OK(
         [] {
-            SyslogCapture childLog;
+            SyslogCapture childLog{"option_map"};
             OptionMap map;
             CHILD_CHECK(map.lock() && map.lock() && map.unlock() && map.unlock());
             CHILD_CHECK(!map.setLockToken(""));
             CHILD_CHECK(map.setLockToken("tok"));
             CHILD_CHECK(map.lock());
-            CHILD_CHECK_EQ(42, waitExitCode(spawnProcess(helperCommand("trylock", {"tok"}))));
-            CHILD_CHECK(!map.lock());
-            CHILD_CHECK(!map.setLockToken("other"));
+            CHILD_CHECK_EQ(42, runCommand(helperCommand("trylock", {"tok"})).exitCode);
+            CHILD_CHECK(!map.lock() && !map.setLockToken("other"));
             OptionMap copy = map;  // shares the descriptor number
-            CHILD_CHECK(!copy.setLockToken("other"));
-            CHILD_CHECK(copy.unlock());
-            CHILD_CHECK_EQ(0, waitExitCode(spawnProcess(helperCommand("trylock", {"tok"}))));
+            CHILD_CHECK(!copy.setLockToken("other") && copy.unlock());
+            CHILD_CHECK_EQ(0, runCommand(helperCommand("trylock", {"tok"})).exitCode);
             CHILD_CHECK(!copy.unlock());
             CHILD_CHECK(!map.unlock());  // its descriptor was closed through the copy
-            CHILD_CHECK(childLog.has(LOG_ERR, errLine("lock: file locked already. fd: [<any>].")));
-            CHILD_CHECK(childLog.has(LOG_ERR, errLine("lock: file released already. fd: [-1].")));
+            CHILD_CHECK_EQ(1, childLog.err("lock: file locked already. fd: [<any>]."));
+            CHILD_CHECK_EQ(1, childLog.err("lock: file released already. fd: [-1]."));
             return std::string();
         },
         ChildOptions{.privateTmp = true});
@@ -198,8 +184,7 @@ TEST_F(OptionMapTest, CreatingMembersBind) {
                  map.optSectionCreate(file, "main", false) || map.optSectionCreate("", "x", false));
     map.optSet("k", 1);
     ASSERT_TRUE(map.optSectionCreate(file, "job", 4));
-    EXPECT_EQ(4, map.optSectionGetId());
-    EXPECT_TRUE(map.optSectionSave());
+    EXPECT_TRUE(map.optSectionGetId() == 4 && map.optSectionSave());
     ASSERT_TRUE(map.optSectionCreate(file, "side", false));
     EXPECT_EQ(-1, map.optSectionGetId());
     ASSERT_TRUE(map.optSectionCreate(file, "job", true));
@@ -234,10 +219,9 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
             const std::string file = "/tmp/ids.conf";
             int fds[2];
             CHILD_CHECK(pipe2(fds, O_CLOEXEC) == 0);
-            std::vector<pid_t> pids;
-            for (int p = 0; p < 8; ++p) {
-                pids.push_back(
-                    spawnProcess(helperCommand("allocator", {file, "ids", "250"}), fds[1]));
+            std::vector<pid_t> pids(8);
+            for (pid_t &pid : pids) {
+                pid = spawnProcess(helperCommand("allocator", {file, "ids", "250"}), fds[1]);
             }
             close(fds[1]);
             std::string out;
