@@ -90,15 +90,14 @@ TEST(Process, LivenessAndStateLetters) {
 }
 
 TEST(Process, CommandNamesAndTheirPrefixMatch) {
-    SyslogCapture log;
+    SyslogCapture log{"proc/proc_util"};
     std::string name = "untouched";
     int dead = deadPid();
     EXPECT_FALSE(Process::getProcCmd(0, name) || Process::getProcCmd(dead, name));
     EXPECT_EQ("untouched", name);
-    EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/proc_util:<line> Error: invalid pid [0]"));
-    EXPECT_TRUE(
-        log.has(LOG_ERR, "(<pid>) [err] proc/proc_util:<line> Error: failed to open [/proc/" +
-                             std::to_string(dead) + "/status] No such file or directory"));
+    EXPECT_EQ(1, log.err("Error: invalid pid [0]"));
+    EXPECT_EQ(1, log.err("Error: failed to open [/proc/" + std::to_string(dead) +
+                         "/status] No such file or directory"));
     // The kernel keeps 15 characters: the expected name matches when it starts with them.
     NamedChild child("abcdefghijklmnopqrstuvw");
     EXPECT_TRUE(Process::getProcCmd(child.pid, name));
@@ -129,13 +128,11 @@ TEST(Process, SafeKillSignalsOnlyTheExpectedCommand) {
     // Without /proc a live process cannot be checked, and nothing is sent.
     EXPECT_CHILD_OK(
         [&child] {
-            SyslogCapture childLog;
+            SyslogCapture childLog{"proc/proc_util"};
             CHILD_CHECK(mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0);
             CHILD_CHECK(!Process::safeKillProc(child.pid, "backupd", SIGTERM));
-            CHILD_CHECK(childLog.has(LOG_ERR,
-                                     "(<pid>) [err] proc/proc_util:<line> failed to check "
-                                     "proc info with pid: [" +
-                                         std::to_string(child.pid) + "] for signal: [15]"));
+            CHILD_CHECK_EQ(1, childLog.err("failed to check proc info with pid: [" +
+                                           std::to_string(child.pid) + "] for signal: [15]"));
             CHILD_CHECK_EQ(3u, childLog.size());
             return std::string();
         },

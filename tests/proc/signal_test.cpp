@@ -50,20 +50,14 @@ TEST(Signal, FlagEditorsKeepHandlerAndMaskAndHandBackTheOldFlags) {
 // Reading fails for a signal that does not exist (the old flags untouched); writing fails for
 // one that cannot be caught (the old flags already handed back).
 TEST(Signal, FlagEditorFailures) {
-    SyslogCapture log;
+    SyslogCapture log{"proc/signal"};
     int old = 12345;
     EXPECT_FALSE(signalHandlerRemoveFlags(0, SA_RESTART, old) || signalHandlerSetFlags(NSIG, 0));
     EXPECT_EQ(12345, old);
     EXPECT_FALSE(signalHandlerAddFlags(SIGKILL, SA_RESTART, old));
     EXPECT_EQ(0, old & ~kRestorer);
-    EXPECT_EQ(
-        2,
-        log.count(LOG_ERR,
-                  "(<pid>) [err] proc/signal:<line> sigaction get org failed: Invalid argument"));
-    EXPECT_EQ(
-        1,
-        log.count(LOG_ERR,
-                  "(<pid>) [err] proc/signal:<line> sigaction set flags failed: Invalid argument"));
+    EXPECT_EQ(2, log.err("sigaction get org failed: Invalid argument"));
+    EXPECT_EQ(1, log.err("sigaction set flags failed: Invalid argument"));
 }
 
 TEST(Signal, HandlerSetAndScopedHandler) {
@@ -76,7 +70,7 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         sigprocmask(SIG_BLOCK, nullptr, &set);
         CHILD_CHECK(!sigismember(&set, SIGUSR1) && actionOf(SIGUSR1).sa_handler == handlerA);
         CHILD_CHECK_EQ(SA_RESTART, actionOf(SIGUSR1).sa_flags);
-        SyslogCapture log;
+        SyslogCapture log{"proc/signal"};
         CHILD_CHECK(!signalHandlerSet(0, handlerA) && !signalHandlerSet(SIGKILL, handlerA));
         {
             ScopedTempSigHandler guard, unarmed;
@@ -90,11 +84,9 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         // The first replacement is undone; the unarmed guard touched nothing.
         CHILD_CHECK(actionOf(SIGUSR1).sa_handler == handlerA);
         CHILD_CHECK(actionOf(SIGUSR2).sa_handler == handlerB);
-        std::string prefix = "(<pid>) [err] proc/signal:<line> ";
-        CHILD_CHECK(log.has(LOG_ERR, prefix + "sigaddset [0]: Invalid argument"));
-        CHILD_CHECK(log.has(LOG_ERR, prefix + "sigaction [9]: Invalid argument"));
-        CHILD_CHECK(
-            log.has(LOG_ERR, prefix + "failed to set signal handler: original signum [10]"));
+        CHILD_CHECK(log.err("sigaddset [0]: Invalid argument") == 1 &&
+                    log.err("sigaction [9]: Invalid argument") == 1 &&
+                    log.err("failed to set signal handler: original signum [10]") == 1);
         CHILD_CHECK_EQ(3u, log.size());
         return std::string();
     });
