@@ -144,7 +144,6 @@ TEST_F(OptionMapTest, LockAndUnlock) {
             CHILD_CHECK(!map.unlock());  // its descriptor was closed through the copy
             CHILD_CHECK_EQ(1, childLog.err("lock: file locked already. fd: [<any>]."));
             CHILD_CHECK_EQ(1, childLog.err("lock: file released already. fd: [-1]."));
-            return std::string();
         },
         ChildOptions{.privateTmp = true});
 }
@@ -238,7 +237,6 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
             OptionMap counters;
             CHILD_CHECK(counters.optSectionLoad(file, OptionMap::SZK_SEC_GLOBAL, -1));
             CHILD_CHECK_EQ(2000, counters.optInt("jobid_max", 0));
-            return std::string();
         },
         ChildOptions{.privateTmp = true});
 }

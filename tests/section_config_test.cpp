@@ -189,7 +189,6 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
             CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
             CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
             CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>"));
-            return std::string();
         },
         ChildOptions{.dropPrivileges = true});
     EXPECT_EQ(kSample, readFile(file));

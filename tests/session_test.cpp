@@ -96,7 +96,6 @@ TEST_F(Sessions, LocalAndVolumeLifecycles) {
             CHILD_CHECK(loaded.destroy());
             CHILD_CHECK(!exists(path) && !exists(kArea + "/" + id));
             CHILD_CHECK(Session::destroyById(id));
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -122,7 +121,6 @@ TEST_F(Sessions, MissingOrMalformedIds) {
             CHILD_CHECK(exists("/tmp/telobackup/keep"));
             // Logged by getPathById, and again inside destroyById.
             CHILD_CHECK_EQ(8, log.err("invalid session id[<any>]"));
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -156,7 +154,6 @@ TEST_F(Sessions, NameClashUnderTheLockAndAPlantedLockLink) {
             CHILD_CHECK_EQ(1, log.err("failed to create_sesslink[<any>]"));
             // Neither the new directory nor the reserved name is left behind.
             CHILD_CHECK_EQ(std::vector<std::string>{"__sess__.lock"}, listDir(kArea));
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -173,7 +170,6 @@ TEST_F(Sessions, NoVolumePathFallsBackToTheCurrentDirectory) {
             CHILD_CHECK_EQ(1, log.err("failed to getVolumePath()"));
             CHILD_CHECK_EQ(cwd.path() + "/" + session.getId(), session.getPath());
             CHILD_CHECK(session.destroy() && listDir(cwd.path()).empty());
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -199,7 +195,6 @@ TEST_F(Sessions, ConcurrentVolumeSessionsGetDistinctIds) {
             }
             CHILD_CHECK(listDir(kArea).size() == 80u && targets.size() == 80u);
             CHILD_CHECK_EQ(80u, listDir(volume.path()).size());
-            return std::string();
         },
         kPrivateTmp);
 }

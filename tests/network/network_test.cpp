@@ -115,7 +115,6 @@ TEST(NetProbe, AnInterruptedWaitIsRepeatedTwice) {
         CHILD_CHECK(log.has(LOG_ERR,
                             "network/network:<line> [127.0.0.1:<any>] select() error, "
                             "Interrupted system call"));
-        return std::string();
     });
 }
 

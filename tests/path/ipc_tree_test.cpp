@@ -37,7 +37,6 @@ TEST(IpcTree, BadNamesAreRefusedWithoutTouchingTheDisk) {
             CHILD_CHECK_EQ(size_t(4), log.size());
             CHILD_CHECK_EQ(01777, fileMode("/tmp"));
             CHILD_CHECK(!exists("/tmp/telobackup"));
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -55,7 +54,6 @@ TEST(IpcTree, CreatesTreeWithExactModesWhateverTheUmask) {
             CHILD_CHECK_EQ(std::string("/tmp/telobackup/x"), Path::createIpcTempPath("x", 0700));
             CHILD_CHECK(fileMode("/tmp/telobackup") == 0755 &&
                         fileMode("/tmp/telobackup/x") == 0700);
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -78,7 +76,6 @@ TEST(IpcTree, LockFileIsSharedCloseOnExecAndLockable) {
             close(fd);
             CHILD_CHECK(flock(other, LOCK_EX | LOCK_NB) == 0);
             close(other);
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -115,7 +112,6 @@ TEST(IpcTree, PlantedLinksAreNeverFollowed) {
             // Nor is a directory where a lock file should be.
             CHILD_CHECK(mkdir("/tmp/telobackup/lock/dir", 0700) == 0);
             CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dir"));
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -144,7 +140,6 @@ TEST(IpcTree, EntriesOfOtherUsersOrKindsAreRefused) {
             writeFile("/tmp/telobackup", "file", 0644);
             CHILD_CHECK(Path::createIpcTempPath("x", 0700).empty() && errno == ENOTDIR);
             CHILD_CHECK_EQ(std::string("file"), readFile("/tmp/telobackup"));
-            return std::string();
         },
         kPrivateTmp);
 }
@@ -155,16 +150,14 @@ TEST(IpcTree, RootOwnedTreeServesOtherUsers) {
     EXPECT_CHILD_OK(
         [] {
             CHILD_CHECK(Path::createIpcTempPath("shared", 0777) == "/tmp/telobackup/shared");
-            return runInChild(
-                       [] {
-                           CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
-                                          Path::createIpcTempPath("shared", 0777));
-                           CHILD_CHECK(Path::createIpcTempPath("shared", 0700).empty());
-                           CHILD_CHECK_EQ(EPERM, errno);
-                           return std::string();
-                       },
-                       ChildOptions{.dropPrivileges = true})
-                .message;
+            ChildResult inner = runInChild(
+                [] {
+                    CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
+                                   Path::createIpcTempPath("shared", 0777));
+                    CHILD_CHECK(Path::createIpcTempPath("shared", 0700).empty() && errno == EPERM);
+                },
+                ChildOptions{.dropPrivileges = true});
+            CHILD_CHECK_EQ(std::string(), inner.message);
         },
         kPrivateTmp);
 }

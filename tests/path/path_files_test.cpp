@@ -95,7 +95,6 @@ TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
             CHILD_CHECK(!removeAll(unlistable) && errno == EACCES);
             CHILD_CHECK_EQ(1, childLog.err("rmdir " + unlistable + "/sub failed. <any>"));
             CHILD_CHECK_EQ(size_t(1), childLog.size());
-            return std::string();
         },
         ChildOptions{.dropPrivileges = true});
     for (int depth = 0; depth < 25; ++depth) EXPECT_EQ(Names{"d"}, listDir(below(root, depth)));
@@ -136,7 +135,6 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
             umount((root + "/sub/bound").c_str());
             umount((root + "/target").c_str());
             umount((root + "/sub/mnt").c_str());
-            return std::string();
         },
         ChildOptions{.privateMounts = true});
 }
@@ -188,7 +186,6 @@ TEST_F(PathFiles, UnprivilegedRenameFailures) {
             CHILD_CHECK_EQ(3, fakeplatform::calls("TELOGetFSType"));
             CHILD_CHECK_EQ(1, childLog.err("chmod failed Operation not permitted, [<any>.new]"));
             CHILD_CHECK_EQ(size_t(2), childLog.size());
-            return std::string();
         },
         ChildOptions{.dropPrivileges = true});
     EXPECT_EQ("old", readFile(dst));
@@ -218,7 +215,6 @@ TEST_F(PathFiles, NewNamesFollowTheUmask) {
         // A link keeps its own mode (a chmod would follow it to nothing).
         CHILD_CHECK(symlink("/nowhere", dir.file("l.tmp").c_str()) == 0);
         CHILD_CHECK(Path::renameWithMode(dir.file("l.tmp"), dir.file("l")));
-        return std::string();
     });
 }
 

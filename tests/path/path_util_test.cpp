@@ -141,7 +141,6 @@ TEST(PathAlgebra, AbsoluteAndFixedLocations) {
         CHILD_CHECK_EQ(std::string("/var/log/x.log"), Path::getLogPath());
         setenv("TELO_LOGFILE", "", 1);
         CHILD_CHECK_EQ(std::string(""), Path::getLogPath());
-        return std::string();
     });
 }
 

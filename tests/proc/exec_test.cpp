@@ -48,7 +48,6 @@ TEST(Exec, ResultsAndForkFailure) {
         char path[] = "/nonexistent";
         char *argv[] = {path, nullptr};
         CHILD_CHECK_EQ(-1, UtilExec().Execv(path, argv, nullptr));
-        return std::string();
     });
     fakeplatform::setFail("TLIBCProcFork");
     EXPECT_EQ(-1, execHelper("exit", {"0"}));
@@ -82,7 +81,6 @@ TEST(Exec, ForwardsSignalsCallsBackAndRestoresDispositions) {
         CHILD_CHECK(handlerOf(SIGINT) != hostHandler && handlerOf(SIGINT) == handlerOf(SIGTERM));
         exec.RestoreSigHandler();
         CHILD_CHECK(handlerOf(SIGINT) == hostHandler && handlerOf(SIGTERM) == SIG_DFL);
-        return std::string();
     });
 }
 

@@ -85,8 +85,7 @@ TEST(Process, LivenessAndStateLetters) {
     EXPECT_TRUE(Process::isZombie(zombie) && Process::isAlive(zombie));
     waitpid(zombie, nullptr, 0);
     // Another user's process exists although it cannot be signalled.
-    EXPECT_CHILD_OK([] { return Process::isAlive(1) ? "" : "init is dead?"; },
-                    ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK([] { CHILD_CHECK(Process::isAlive(1)); }, ChildOptions{.dropPrivileges = true});
 }
 
 TEST(Process, CommandNamesAndTheirPrefixMatch) {
@@ -134,7 +133,6 @@ TEST(Process, SafeKillSignalsOnlyTheExpectedCommand) {
             CHILD_CHECK_EQ(1, childLog.err("failed to check proc info with pid: [" +
                                            std::to_string(child.pid) + "] for signal: [15]"));
             CHILD_CHECK_EQ(3u, childLog.size());
-            return std::string();
         },
         ChildOptions{.privateMounts = true});
 }

@@ -43,7 +43,6 @@ TEST(Signal, FlagEditorsKeepHandlerAndMaskAndHandBackTheOldFlags) {
         struct sigaction now = actionOf(SIGCHLD);
         CHILD_CHECK(now.sa_handler == handlerA && now.sa_flags == (SA_NOCLDWAIT | SA_RESTART));
         CHILD_CHECK_EQ(1, sigismember(&now.sa_mask, SIGUSR1));
-        return std::string();
     });
 }
 
@@ -88,7 +87,6 @@ TEST(Signal, HandlerSetAndScopedHandler) {
                     log.err("sigaction [9]: Invalid argument") == 1 &&
                     log.err("failed to set signal handler: original signum [10]") == 1);
         CHILD_CHECK_EQ(3u, log.size());
-        return std::string();
     });
 }
 

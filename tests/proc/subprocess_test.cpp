@@ -220,7 +220,6 @@ TEST_P(Launch, ChildSeesOnlyPathAndItsOwnVariables) {
         CHILD_CHECK_EQ(0, sp.call());
         CHILD_CHECK(field(readFile(report), "env") ==
                     (Lines{"PATH=/opt/bin", "ALPHA=first", "ZED=last"}));
-        return std::string();
     });
 }
 
@@ -260,7 +259,6 @@ TEST_P(Launch, SignalsAroundTheChild) {
         sigaction(SIGCHLD, &chld, nullptr);
         CHILD_CHECK_EQ(5 << 8, SubProcess(exit5).call());
         CHILD_CHECK(SubProcess(exit5).callBackground(false) && same(chld, actionOf(SIGCHLD)));
-        return std::string();
     });
 }
 
@@ -306,7 +304,6 @@ TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
         CHILD_CHECK(getenv("OTHER") == nullptr && getenv("MINE") != nullptr);
         CHILD_CHECK(launcherLines(log) == childLines("self", {"/nonexistent"},
                                                      {"execv [/nonexistent] failed, " + kNoFile}));
-        return std::string();
     });
 }
 
@@ -372,7 +369,6 @@ TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
             CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
             CHILD_CHECK(launcherLines(log) ==
                         Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
-            return std::string();
         },
         ChildOptions{.dropPrivileges = true});
 }

@@ -44,7 +44,7 @@ bool canChangeOwner() {
     return geteuid() == 0;
 }
 
-ChildResult runInChild(const std::function<std::string()> &body, ChildOptions options) {
+ChildResult runInChild(const std::function<void()> &body, ChildOptions options) {
     ChildResult result;
     // The child leaves its message in shared memory: nothing to pump while it runs.
     void *shared =
@@ -54,7 +54,9 @@ ChildResult runInChild(const std::function<std::string()> &body, ChildOptions op
         std::string message = prepare(options);
         bool skip = !message.empty();
         try {
-            if (!skip) message = body();
+            if (!skip) body();
+        } catch (const ChildFailure &failure) {
+            message = failure.message;
         } catch (const std::exception &e) {
             message = std::string("exception: ") + e.what();
         } catch (...) {

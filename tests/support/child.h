@@ -25,29 +25,32 @@ struct ChildResult {
     bool ok() const { return !skipped && message.empty() && status == 0; }
 };
 
-// Forks, prepares the child as `options` asks and runs `body` there; `body` returns "" on
-// success or a description of what went wrong. The child ends with _exit, never returning into
-// the test framework.
-ChildResult runInChild(const std::function<std::string()> &body, ChildOptions options = {});
+// What a failed check in a runInChild body throws (see CHILD_CHECK).
+struct ChildFailure {
+    std::string message;
+};
+
+// Forks, prepares the child as `options` asks and runs `body` there; a check that fails in it
+// throws ChildFailure. The child ends with _exit, never returning into the test framework.
+ChildResult runInChild(const std::function<void()> &body, ChildOptions options = {});
 
 // True when this process may give files to other users (chown), i.e. it runs as root.
 bool canChangeOwner();
 
 }  // namespace testsupport
 
-// Checks inside a runInChild body: return a description of the first failed check.
-#define CHILD_CHECK(cond)                                                                      \
-    do {                                                                                       \
-        if (!(cond)) return std::string(__FILE__ ":") + std::to_string(__LINE__) + ": " #cond; \
+// Checks inside a runInChild body: the first that fails ends the body with its description.
+#define CHILD_FAIL(message)                                                     \
+    throw ::testsupport::ChildFailure {                                         \
+        std::string(__FILE__ ":") + std::to_string(__LINE__) + ": " + (message) \
+    }
+#define CHILD_CHECK(cond)               \
+    do {                                \
+        if (!(cond)) CHILD_FAIL(#cond); \
     } while (0)
-#define CHILD_CHECK_EQ(expected, actual)                                  \
-    do {                                                                  \
-        auto childExpected_ = (expected);                                 \
-        auto childActual_ = (actual);                                     \
-        if (!(childExpected_ == childActual_)) {                          \
-            return std::string(__FILE__ ":") + std::to_string(__LINE__) + \
-                   ": " #expected " == " #actual;                         \
-        }                                                                 \
+#define CHILD_CHECK_EQ(expected, actual)                                     \
+    do {                                                                     \
+        if (!((expected) == (actual))) CHILD_FAIL(#expected " == " #actual); \
     } while (0)
 
 // Runs a body in a child (the arguments of runInChild) and turns its outcome into a gtest

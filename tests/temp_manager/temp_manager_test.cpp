@@ -153,7 +153,6 @@ TEST_F(Temporaries, OnTheChosenVolume) {
         fakeplatform::outcomes().volumes.clear();
         ScopedVolumeTempFile fallback(TempManager::maxVolume(true), "", true);
         CHILD_CHECK(generated("/tmp/scoped_volume_temp_file.", fallback.getPath()));
-        return std::string();
     });
 }
 
@@ -176,7 +175,6 @@ TEST_F(Temporaries, BadFilterNameOrDirectoryLeaveNothing) {
         ScopedVolumeTempFile none(TempManager::maxExtVolume(1, 2, false), "x", false);
         CHILD_CHECK(!none.isValid() && listDir(tmp).empty());
         CHILD_CHECK_EQ(size_t(5), log.size());
-        return std::string();
     });
 }
 

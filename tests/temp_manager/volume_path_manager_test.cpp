@@ -143,7 +143,6 @@ TEST_F(VolumeManager, ChoosesTheLargestUsableWritableVolumeAndCachesIt) {
         CHILD_CHECK_EQ(1, calls("TELOMountVolAllEnum"));
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
         CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
-        return std::string();
     });
 }
 
@@ -157,7 +156,6 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
             std::string out;
             CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(maxFilter(false), out));
             CHILD_CHECK_EQ(dir.file("writable-tmp"), out);
-            return std::string();
         },
         ChildOptions{.dropPrivileges = true});
 }
@@ -190,7 +188,6 @@ TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
         // A null filter leaves the output alone.
         out = "untouched";
         CHILD_CHECK(!manager.getVolumePath(nullptr, out) && out == "untouched");
-        return std::string();
     });
 }
 
@@ -209,6 +206,5 @@ TEST_F(VolumeManager, SameVolumeNeverEnumerates) {
         CHILD_CHECK_EQ(1, calls("TELOShareTmpPathGet"));
         CHILD_CHECK(!manager.getVolumePath(same("/nowhere"), out));
         CHILD_CHECK_EQ(0, calls("TELOMountVolAllEnum"));
-        return std::string();
     });
 }

@@ -64,7 +64,7 @@ class Tool : public ::testing::Test {
 // child.
 #define IN_PRIVATE_TMP(...)                                                                   \
     do {                                                                                      \
-        std::function<std::string()> body_ = __VA_ARGS__;                                     \
+        std::function<void()> body_ = __VA_ARGS__;                                            \
         ChildResult result_ = runInChild(body_, ChildOptions{.privateTmp = true});            \
         if (result_.skipped) result_ = runInChild(body_);                                     \
         EXPECT_TRUE(result_.ok()) << result_.message << " (status " << result_.status << ")"; \
@@ -103,7 +103,6 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
         CHILD_CHECK(!all["task1"].isMember("name") && !all.isMember("task2"));
         CHILD_CHECK_EQ(1, all["global"]["taskid_max"].asInt());  // task2 was not --increasing
         CHILD_CHECK_EQ(std::string("5\n"), out({"config", "get", conf, "task1", "retries"}));
-        return std::string();
     });
 }
 
@@ -126,7 +125,6 @@ TEST_F(Tool, ConcurrentNewSectionsAreDistinct) {
         std::set<std::string> distinct;
         for (const Json::Value &name : names) distinct.insert(name.asString());
         CHILD_CHECK(distinct.size() == 41u && names.size() == 41u);
-        return std::string();
     });
 }
 
@@ -164,13 +162,12 @@ TEST_F(Tool, ExitCodesAndUntouchedFiles) {
             for (const std::string &a : c.second) command += a + " ";
             CommandResult r = run(c.second);
             if (r.exitCode != c.first || !r.out.empty() || r.err.find('\n') == std::string::npos) {
-                return command + "-> " + std::to_string(r.exitCode) + " " + r.err;
+                CHILD_FAIL(command + "-> " + std::to_string(r.exitCode) + " " + r.err);
             }
             if (readFile(conf) != original || listDir(dir.path()) != entries) {
-                return command + "changed a file";
+                CHILD_FAIL(command + "changed a file");
             }
         }
-        return std::string();
     });
 }
 
@@ -183,7 +180,6 @@ TEST_F(Tool, CannotWriteIsExitCodeFour) {
         [this] {
             CHILD_CHECK_EQ(4, run({"config", "set", conf, "a", "x=2", "--lock", "w"}).exitCode);
             CHILD_CHECK_EQ(std::string("[a]\nx=1\n"), readFile(conf));
-            return std::string();
         },
         ChildOptions{.dropPrivileges = true, .privateTmp = true});
 }
@@ -271,7 +267,6 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
         std::string local = out({"session", "create"});
         CHILD_CHECK(local.rfind("sess.", 0) == 0);
         CHILD_CHECK_EQ(0, run({"session", "destroy", local.substr(0, local.size() - 1)}).exitCode);
-        return std::string();
     });
 }
 
