@@ -69,10 +69,6 @@ Lines childLines(const std::string &who, const Lines &args, const Lines &errors 
     return lines;
 }
 
-Lines helper(const std::string &name, const Lines &args = {}) {
-    return helperCommand(name, args);
-}
-
 // The rest of every line of a child's report that starts with `key` + " ", in order.
 Lines field(const std::string &report, const std::string &key) {
     Lines values;
@@ -121,27 +117,23 @@ INSTANTIATE_TEST_SUITE_P(Paths, Launch, ::testing::Values(false, true),
 // lines, written by the caller under the child's pid.
 TEST_P(Launch, ExitStatusesAndTheChildsLines) {
     std::string missing = dir.file("no/file"), noFile = "open [" + missing + "] failed, " + kNoFile;
-    Lines exit3 = helper("exit", {"3"});
+    Lines exit3 = helperCommand("exit", {"3"});
     struct Case {
         std::function<void(SubProcess &)> set;
         Lines args;  // as launched, when the child got that far
         int status;
         Lines errors;
     } cases[] = {
+        // clang-format off
         {[](SubProcess &) {}, exit3, 3, {}},
-        {[](SubProcess &sp) { sp.addArg("x"); },
-         {"/nonexistent", "x"},
-         127,
+        {[](SubProcess &sp) { sp.addArg("x"); }, {"/nonexistent", "x"}, 127,
          {"execv [/nonexistent] failed, " + kNoFile}},
         {[&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, {}, 127, {noFile}},
-        {[&](SubProcess &sp) { sp.setStdInput(missing); },
-         {},
-         127,
+        {[&](SubProcess &sp) { sp.setStdInput(missing); }, {}, 127,
          {noFile, "dup2 0 failed, " + kNoFile}},
-        {[](SubProcess &sp) { sp.setStdError(1000); },
-         {},
-         127,
+        {[](SubProcess &sp) { sp.setStdError(1000); }, {}, 127,
          {"dup2(2) failed, Bad file descriptor"}},
+        // clang-format on
     };
     for (Case &c : cases) {
         clearCapturedLines();
@@ -166,7 +158,8 @@ TEST_P(Launch, ChildGetsExactlyItsStreamsAndKeptDescriptors) {
     ASSERT_EQ(kept, dup3(fds[1], kept, O_CLOEXEC));
     close(fds[1]);
     int stray = open("/dev/zero", O_RDONLY);
-    int pid = SubProcess(helper("describe", {"fd:" + std::to_string(kept)})).callNoWait({1, kept});
+    int pid =
+        SubProcess(helperCommand("describe", {"fd:" + std::to_string(kept)})).callNoWait({1, kept});
     close(kept);
     close(stray);
     EXPECT_EQ((Lines{"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
@@ -180,14 +173,13 @@ TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
     mode_t oldMask = umask(022);
     writeFile(dir.file("in"), "new\n");
     writeFile(dir.file("old"), "old\n", 0644);
-    SubProcess cat(helper("cat"));
+    SubProcess cat(helperCommand("cat"));
     cat.setStdInput(dir.file("in"));
     cat.setStdOutput(dir.file("old"), 0);
     cat.setStdError(dir.file("fresh"), 0640);
     EXPECT_EQ(0, cat.call());
     EXPECT_EQ("old\nnew\n", readFile(dir.file("old")));
-    EXPECT_EQ(0644, fileMode(dir.file("old")));
-    EXPECT_EQ(0640, fileMode(dir.file("fresh")));
+    EXPECT_TRUE(fileMode(dir.file("old")) == 0644 && fileMode(dir.file("fresh")) == 0640);
     int fd = open(dir.file("byfd").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     cat.setStdOutput(dir.file("unused"), 0);
     cat.setStdOutput(fd);
@@ -197,14 +189,13 @@ TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
     EXPECT_EQ(0, cat.call());
     close(fd);
     EXPECT_EQ("new\nnew\n", readFile(dir.file("byfd")));
-    EXPECT_EQ(0600, fileMode(dir.file("later")));
-    EXPECT_FALSE(exists(dir.file("unused")));
+    EXPECT_TRUE(fileMode(dir.file("later")) == 0600 && !exists(dir.file("unused")));
     umask(oldMask);
 }
 
 TEST_P(Launch, ChildSeesOnlyPathAndItsOwnVariables) {
     std::string report = dir.file("report");
-    Lines args = helper("describe", {report});
+    Lines args = helperCommand("describe", {report});
     EXPECT_CHILD_OK([&] {
         setenv("PATH", "/bin", 1);
         setenv("SECRET", "leaks", 1);
@@ -227,8 +218,8 @@ int hostHandlerCalls = 0;
 
 TEST_P(Launch, SignalsAroundTheChild) {
     std::string report = dir.file("report");
-    Lines describe = helper("describe", {report}), exit5 = helper("exit", {"5"});
-    Lines signaller = helper("signal_parent", {"TERM", "42"});
+    Lines describe = helperCommand("describe", {report}), exit5 = helperCommand("exit", {"5"});
+    Lines signaller = helperCommand("signal_parent", {"TERM", "42"});
     EXPECT_CHILD_OK([&] {
         // After a conversation SIGPIPE is ignored; with a signal blocked too, the child still
         // starts with an empty mask and SIGPIPE at its default.
@@ -268,7 +259,7 @@ TEST_P(Launch, BackgroundGrandchildIsDetached) {
     for (bool newSession : {true, false}) {
         // Opened first, so the grandchild's open does not wait; end of file is its end.
         int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        SubProcess sp(helper("describe", {"fd:1"}));
+        SubProcess sp(helperCommand("describe", {"fd:1"}));
         sp.setStdOutput(fifo, 0);
         ASSERT_TRUE(sp.callBackground(newSession));
         fcntl(reader, F_SETFL, 0);
@@ -286,7 +277,7 @@ TEST_P(Launch, BackgroundGrandchildIsDetached) {
 TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
     std::string report = dir.file("report");
     pid_t pid = fork();
-    if (pid == 0) _exit(SubProcess(helper("describe", {report})).exec() + 99);
+    if (pid == 0) _exit(SubProcess(helperCommand("describe", {report})).exec() + 99);
     int status = 0;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_EQ(0, status);
@@ -309,7 +300,7 @@ TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
 
 TEST_P(Launch, PipeConversations) {
     PipeFile *pipe = nullptr;
-    int pid = SubProcess(helper("cat", {"5"})).callPipeOpen(&pipe);
+    int pid = SubProcess(helperCommand("cat", {"5"})).callPipeOpen(&pipe);
     EXPECT_TRUE(fcntl(SubProcess::getReadFD(pipe), F_GETFD) & FD_CLOEXEC);
     char buffer[7] = {};
     EXPECT_EQ(2u, SubProcess::writePipe("hello\n", 3, 2, pipe));
@@ -318,16 +309,15 @@ TEST_P(Launch, PipeConversations) {
     EXPECT_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
 
     // Writing to a child that has gone fails with EPIPE; the caller survives.
-    pid = SubProcess(helper("exit")).callPipeOpen(&pipe);
+    pid = SubProcess(helperCommand("exit")).callPipeOpen(&pipe);
     siginfo_t info;
     ASSERT_EQ(0, waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
-    EXPECT_EQ(0u, SubProcess::writePipe("x", 1, 1, pipe));
-    EXPECT_EQ(EPIPE, errno);
+    EXPECT_TRUE(SubProcess::writePipe("x", 1, 1, pipe) == 0 && errno == EPIPE);
     EXPECT_EQ(0, SubProcess::callPipeClose(pipe, pid));
 
     // A child that ignores end of file gets SIGTERM after half a second; the check right after
     // usually comes too early, and the child is left to the caller.
-    pid = SubProcess(helper("ignore_eof")).callPipeOpen(&pipe);
+    pid = SubProcess(helperCommand("ignore_eof")).callPipeOpen(&pipe);
     auto start = std::chrono::steady_clock::now();
     int status = SubProcess::callPipeClose(pipe, pid);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
@@ -344,7 +334,7 @@ TEST_P(Launch, PipeConversations) {
 TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
     std::string fifo = dir.file("fifo");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    SubProcess cat(helper("cat"));
+    SubProcess cat(helperCommand("cat"));
     cat.setStdInput(fifo);
     cat.setStdOutput(dir.file("out"), 0);
     int status = -1, pid = cat.callNoWait({});
@@ -356,7 +346,7 @@ TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
 }
 
 TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
-    Lines exit0 = helper("exit");
+    Lines exit0 = helperCommand("exit");
     EXPECT_CHILD_OK(
         [&] {
             clearCapturedLines();
@@ -387,12 +377,6 @@ TEST(SubProcessDescription, ArgumentsCommandLineAndEnvironmentDump) {
     sp.addArg("c d");
     sp.addFormatArg("%s=%03d", "n", 7);
     EXPECT_EQ(R"("a" "b" "c d" "n=007")", sp.getCmdline());
-    try {
-        SubProcess bad(static_cast<const char *>(nullptr));
-        ADD_FAILURE() << "no exception";
-    } catch (const std::logic_error &e) {
-        EXPECT_STREQ("basic_string::_M_construct null not valid", e.what());
-    }
     SyslogCapture log;
     sp.printEnv();
     sp.setEnv("B", "2");
