@@ -1,12 +1,12 @@
 #include "support/syslog_capture.h"
 
 #include <pthread.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <regex>
@@ -31,43 +31,31 @@ std::vector<LogLine> &lineStore() {
     return *lines;
 }
 
-// Replaces "%m" by the text of `savedErrno`, leaving "%%" pairs alone.
-std::string expandErrno(const char *format, int savedErrno) {
-    std::string out;
-    for (const char *p = format; *p != '\0'; ++p) {
-        if (p[0] == '%' && p[1] == '%') {
-            out += "%%";
-            ++p;
-        } else if (p[0] == '%' && p[1] == 'm') {
-            for (const char *e = strerror(savedErrno); *e != '\0'; ++e) {
-                out += *e;
-                if (*e == '%') out += '%';
-            }
-            ++p;
-        } else {
-            out += *p;
-        }
-    }
-    return out;
-}
-
 void record(int priority, const char *format, va_list ap) {
     int savedErrno = errno;
-    std::string expanded = expandErrno(format, savedErrno);
-    va_list copy;
-    va_copy(copy, ap);
-    int length = vsnprintf(nullptr, 0, expanded.c_str(), copy);
-    va_end(copy);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0) vsnprintf(&text[0], text.size() + 1, expanded.c_str(), ap);
-    {
-        std::lock_guard<std::mutex> lock(linesMutex());
-        lineStore().push_back({LOG_PRI(priority), std::move(text)});
+    // "%m" becomes the text of errno, its own '%' doubled, as syslog would have it.
+    std::string error = strerror(savedErrno), expanded;
+    for (size_t at = 0; (at = error.find('%', at)) != std::string::npos; at += 2) {
+        error.insert(at, "%");
     }
+    for (const char *p = format; *p != '\0'; ++p) {
+        if (p[0] == '%' && (p[1] == 'm' || p[1] == '%')) {
+            expanded += *++p == 'm' ? error : "%%";
+        } else {
+            expanded += *p;
+        }
+    }
+    char *text = nullptr;
+    if (vasprintf(&text, expanded.c_str(), ap) >= 0) {
+        std::lock_guard<std::mutex> lock(linesMutex());
+        lineStore().push_back({LOG_PRI(priority), text});
+    }
+    free(text);
     errno = savedErrno;
 }
 
-std::string regexFromPattern(const std::string &pattern) {
+// The regular expression of a pattern (see SyslogCapture::count).
+std::regex regexFromPattern(const std::string &pattern) {
     static const std::string kSpecial = R"(\^$.|?*+()[]{})";
     std::string out;
     for (size_t i = 0; i < pattern.size();) {
@@ -85,7 +73,7 @@ std::string regexFromPattern(const std::string &pattern) {
             out += pattern[i++];
         }
     }
-    return out;
+    return std::regex(out);
 }
 
 }  // namespace
@@ -100,12 +88,8 @@ void clearCapturedLines() {
     lineStore().clear();
 }
 
-bool matchesLogPattern(const std::string &pattern, const std::string &text) {
-    return std::regex_match(text, std::regex(regexFromPattern(pattern)));
-}
-
 int SyslogCapture::count(int priority, const std::string &pattern) const {
-    std::regex re(regexFromPattern(pattern));
+    std::regex re = regexFromPattern(pattern);
     int n = 0;
     for (const LogLine &line : capturedLines()) {
         if (line.priority == priority && std::regex_match(line.text, re)) ++n;

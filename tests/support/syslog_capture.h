@@ -20,10 +20,6 @@ struct LogLine {
 std::vector<LogLine> capturedLines();
 void clearCapturedLines();
 
-// True when `text` fits `pattern`: "<pid>" stands for this process's id, "<line>" for a source
-// line number, "<any>" for any text; everything else is literal.
-bool matchesLogPattern(const std::string &pattern, const std::string &text);
-
 // Clears the captured lines when constructed; then answers questions about the new ones.
 // `source` names the library file (its path under src/ without extension) that err() is about.
 class SyslogCapture {
@@ -32,7 +28,8 @@ class SyslogCapture {
         clearCapturedLines();
     }
     std::vector<LogLine> lines() const { return capturedLines(); }
-    // Lines at `priority` fitting `pattern` (see matchesLogPattern).
+    // Lines at `priority` fitting `pattern`: "<pid>" stands for this process's id, "<line>" for
+    // a source line number, "<any>" for any text; everything else is literal.
     int count(int priority, const std::string &pattern) const;
     bool has(int priority, const std::string &pattern) const {
         return count(priority, pattern) > 0;
