@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <set>

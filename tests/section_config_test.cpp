@@ -13,7 +13,6 @@
 #include <chrono>
 #include <iostream>
 #include <random>
-#include <set>
 
 #include "support/child.h"
 #include "support/process.h"

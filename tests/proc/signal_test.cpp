@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <syslog.h>
 
 #include "support/child.h"
 #include "support/syslog_capture.h"
