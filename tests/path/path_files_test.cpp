@@ -42,8 +42,7 @@ std::string below(std::string root, int levels) {
 void makeChain(const std::string &root, int depth, const std::string &linkTarget) {
     for (int i = 0; i < depth; ++i) {
         std::string level = below(root, i);
-        mkdir(level.c_str(), 0777);
-        chmod(level.c_str(), 0777);
+        makeDir(level, 0777);
         writeFile(level + "/f", "x", 0666);
         symlink(linkTarget.c_str(), (level + "/l").c_str());
     }
@@ -54,7 +53,7 @@ void makeChain(const std::string &root, int depth, const std::string &linkTarget
 // Deeper than the walk's descriptor budget, so the lowest levels are walked by path.
 TEST_F(PathFiles, RemoveAllRemovesEveryLevelButNoLinkTarget) {
     std::string outside = dir.file("outside");
-    ASSERT_EQ(0, mkdir(outside.c_str(), 0755));
+    makeDir(outside);
     writeFile(outside + "/keep", "keep");
     const std::set<int> fds = openFds();
     makeChain(dir.file("tree"), 30, outside);
@@ -74,13 +73,12 @@ TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
     std::string root = dir.file("tree"), unlistable = dir.file("unlistable");
     std::string locked = below(root, 25) + "/locked";
     makeChain(root, 30, "/etc/hostname");
-    ASSERT_EQ(0, mkdir(locked.c_str(), 0777));
+    makeDir(locked, 0777);
     writeFile(locked + "/stuck", "x", 0666);
     ASSERT_EQ(0, chmod(locked.c_str(), 0555));
     // A directory that cannot be listed: its file is never tried, only its rmdir fails.
-    ASSERT_EQ(0, mkdir(unlistable.c_str(), 0777));
-    ASSERT_EQ(0, chmod(unlistable.c_str(), 0777));
-    ASSERT_EQ(0, mkdir((unlistable + "/sub").c_str(), 0777));
+    makeDir(unlistable, 0777);
+    makeDir(unlistable + "/sub", 0777);
     writeFile(unlistable + "/sub/f", "x", 0666);
     ASSERT_EQ(0, chmod((unlistable + "/sub").c_str(), 0333));
     EXPECT_CHILD_OK(
@@ -109,14 +107,13 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
     EXPECT_CHILD_OK(
         [root, elsewhere] {
             SyslogCapture childLog{kSource};
-            CHILD_CHECK(mkdir(root.c_str(), 0755) == 0 &&
-                        mkdir((root + "/sub").c_str(), 0755) == 0);
-            CHILD_CHECK(mkdir((root + "/sub/mnt").c_str(), 0755) == 0);
+            for (const std::string &d :
+                 {root, root + "/sub", root + "/sub/mnt", elsewhere, root + "/sub/bound"}) {
+                makeDir(d);
+            }
             CHILD_CHECK(mount("tmpfs", (root + "/sub/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
             writeFile(root + "/sub/mnt/inside", "mounted", 0644);
-            CHILD_CHECK(mkdir(elsewhere.c_str(), 0755) == 0);
             writeFile(elsewhere + "/precious", "kept", 0644);
-            CHILD_CHECK(mkdir((root + "/sub/bound").c_str(), 0755) == 0);
             CHILD_CHECK(mount(elsewhere.c_str(), (root + "/sub/bound").c_str(), nullptr, MS_BIND,
                               nullptr) == 0);
             writeFile(root + "/source", "bound", 0644);
@@ -132,9 +129,6 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
             CHILD_CHECK(!exists(root + "/sub/plain") && !exists(root + "/source"));
             CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + "/sub failed. Directory not empty"));
             CHILD_CHECK_EQ(size_t(1), childLog.size());
-            umount((root + "/sub/bound").c_str());
-            umount((root + "/target").c_str());
-            umount((root + "/sub/mnt").c_str());
         },
         ChildOptions{.privateMounts = true});
 }
@@ -201,7 +195,7 @@ TEST_F(PathFiles, NewNamesFollowTheUmask) {
         umask(022);
         writeFile(dir.file("f.tmp"), "x", 0600);
         writeFile(dir.file("new"), "new", 0600);
-        CHILD_CHECK(mkdir(dir.file("d.tmp").c_str(), 0700) == 0);
+        makeDir(dir.file("d.tmp"), 0700);
         CHILD_CHECK(Path::renameWithMode(dir.file("f.tmp"), dir.file("f")));
         CHILD_CHECK(Path::renameWithMode(dir.file("d.tmp"), dir.file("d")));
         CHILD_CHECK(Path::renameWithMode(dir.file("new"), dir.file("link")));
@@ -221,7 +215,7 @@ TEST_F(PathFiles, NewNamesFollowTheUmask) {
 TEST_F(PathFiles, RenameFailuresLeaveTheOldFile) {
     std::string dst = dir.file("config");
     writeFile(dst, "old", 0600);
-    ASSERT_EQ(0, mkdir(dir.file("adir").c_str(), 0700));
+    makeDir(dir.file("adir"), 0700);
     // A missing source, or a directory, cannot replace a file.
     EXPECT_FALSE(Path::renameWithMode(dir.file("missing"), dst));
     EXPECT_EQ(1, log.err("rename failed, No such file or directory [" + dst + "]")) << log.dump();

@@ -48,6 +48,12 @@ void writeFile(const std::string &path, const std::string &content, mode_t mode)
     close(fd);
 }
 
+void makeDir(const std::string &path, mode_t mode) {
+    if (mkdir(path.c_str(), mode) != 0 || chmod(path.c_str(), mode) != 0) {
+        ADD_FAILURE() << "mkdir " << path << ": " << strerror(errno);
+    }
+}
+
 std::string readFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {

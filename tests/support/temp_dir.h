@@ -28,6 +28,8 @@ class TempDir {
 
 // Whole-file helpers; they fail the current test (ADD_FAILURE) on I/O errors.
 void writeFile(const std::string &path, const std::string &content, mode_t mode = 0644);
+// A directory with exactly `mode`, whatever the umask.
+void makeDir(const std::string &path, mode_t mode = 0755);
 std::string readFile(const std::string &path);
 bool exists(const std::string &path);  // lstat succeeds
 // Sorted names in a directory, without "." and "..".

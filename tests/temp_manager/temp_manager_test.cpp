@@ -24,8 +24,8 @@ class Temporaries : public ::testing::Test {
     void SetUp() override {
         fakeplatform::reset();
         tmp = dir.file("vol/.tmp");
-        ASSERT_EQ(0, mkdir(dir.file("vol").c_str(), 0755));
-        ASSERT_EQ(0, mkdir(tmp.c_str(), 0755));
+        makeDir(dir.file("vol"));
+        makeDir(tmp);
         fakeplatform::outcomes().volumes.push_back({dir.file("vol"), TELO_FS_EXT4, 100, 1, 1});
         fakeplatform::outcomes().shareTmpPaths[dir.file("vol")] = tmp;
     }
@@ -119,8 +119,8 @@ TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
     {
         ScopedTempFolder folder(dir.file("tree"));
         std::string root = folder.getPath();
-        ASSERT_EQ(0, mkdir((root + "/a").c_str(), 0755));
-        ASSERT_EQ(0, mkdir((root + "/a/b").c_str(), 0500));
+        makeDir(root + "/a");
+        makeDir(root + "/a/b", 0500);
         writeFile(root + "/a/f", "f");
         ASSERT_EQ(0, symlink(dir.file("vol").c_str(), (root + "/a/link").c_str()));
     }

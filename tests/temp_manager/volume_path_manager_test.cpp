@@ -113,10 +113,7 @@ class VolumeManager : public VolumeFilters {
     fakeplatform::Volume &addVolume(const std::string &name, unsigned long long freeBytes,
                                     bool tmpExists = true) {
         std::string tmp = dir.file(name + "-tmp");
-        if (tmpExists) {
-            mkdir(tmp.c_str(), 0777);
-            chmod(tmp.c_str(), 0777);
-        }
+        if (tmpExists) makeDir(tmp, 0777);
         fakeplatform::outcomes().shareTmpPaths[dir.file(name)] = tmp;
         fakeplatform::outcomes().volumes.push_back({dir.file(name), TELO_FS_EXT4, freeBytes, 1, 1});
         return fakeplatform::outcomes().volumes.back();
