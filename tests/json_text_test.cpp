@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 using TELO::Backup::jsonFromString;
@@ -41,19 +42,17 @@ TEST(JsonText, RoundTripsAcrossThreads) {
     Json::Value v;
     v["k"] = "Müller";
     v["n"] = Json::Int64(1) << 40;
-    std::string text = jsonToString(v);
-    bool ok[4] = {};
+    const std::string text = jsonToString(v);
+    std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            ok[t] = true;
+        threads.emplace_back([&] {
             for (int i = 0; i < 200; ++i) {
                 Json::Value back;
-                ok[t] =
-                    ok[t] && jsonFromString(back, text) && back == v && jsonToString(back) == text;
+                if (!jsonFromString(back, text) || back != v || jsonToString(back) != text) ++wrong;
             }
         });
     }
-    for (auto &th : threads) th.join();
-    EXPECT_TRUE(ok[0] && ok[1] && ok[2] && ok[3]);
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(0, wrong);
 }
