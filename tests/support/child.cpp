@@ -44,7 +44,7 @@ bool canChangeOwner() {
     return geteuid() == 0;
 }
 
-ChildResult runInChild(const std::function<void()> &body, ChildOptions options) {
+ChildResult runChildBody(const std::function<void()> &body, ChildOptions options) {
     ChildResult result;
     // The child leaves its message in shared memory: nothing to pump while it runs.
     void *shared =

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 
 namespace testsupport {
 
@@ -31,8 +32,22 @@ struct ChildFailure {
 };
 
 // Forks, prepares the child as `options` asks and runs `body` there; a check that fails in it
-// throws ChildFailure. The child ends with _exit, never returning into the test framework.
-ChildResult runInChild(const std::function<void()> &body, ChildOptions options = {});
+// throws ChildFailure. A body may instead return a failure text, "" for success. The child ends
+// with _exit, never returning into the test framework.
+ChildResult runChildBody(const std::function<void()> &body, ChildOptions options);
+template <typename Body>
+ChildResult runInChild(const Body &body, ChildOptions options = {}) {
+    return runChildBody(
+        [&body] {
+            if constexpr (std::is_void<decltype(body())>::value) {
+                body();
+            } else {
+                std::string failure = body();
+                if (!failure.empty()) throw ChildFailure{failure};
+            }
+        },
+        options);
+}
 
 // True when this process may give files to other users (chown), i.e. it runs as root.
 bool canChangeOwner();
