@@ -185,6 +185,8 @@ TEST_F(PathFiles, UnprivilegedRenameFailures) {
     EXPECT_EQ("old", readFile(dst));
     EXPECT_EQ(0644, fileMode(dst));
     EXPECT_EQ("new", readFile(src));
+    for (auto fs : fsTypes)
+        EXPECT_TRUE(exists(dir.file("root" + std::to_string(fs.first) + ".new")));
 }
 
 // A new name takes the umask's mode; so does a link's name, which is replaced, not followed.
