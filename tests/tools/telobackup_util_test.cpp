@@ -271,8 +271,8 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
 }
 
 TEST_F(Tool, HelpVersionManualAndCompletion) {
-    for (Args args : {Args{"--help"}, Args{"config", "new", "--help"}, Args{"filter", "--help"},
-                      Args{"session", "destroy", "--help"}}) {
+    for (Args args : {Args{"--help"}, Args{"config", "--help"}, Args{"config", "new", "--help"},
+                      Args{"filter", "--help"}, Args{"session", "destroy", "--help"}}) {
         CommandResult r = run(args);
         EXPECT_TRUE(r.exitCode == 0 && r.out.find("Usage:") != std::string::npos) << args[0];
     }
