@@ -441,13 +441,26 @@ void syncDirectory(const std::string &file) {
 
 // The output stream of a rewrite, with a large buffer; members go in reverse order, so the
 // stream is closed before its buffer is freed.
+// The temporary beside a rewritten file and a buffered stream on it.
 struct TempOutput {
+    ScopedTempFile temp;
     std::unique_ptr<char[]> buffer;
     FilePtr stream;
 
-    bool open(const std::string &path) {
-        stream.reset(openPrivate(path, "a+e"));
-        if (!stream) return false;
+    explicit TempOutput(const std::string &file) : temp(file, false) {}
+
+    // Logs "create temp failed" or "<streamStep> failed" with the reason.
+    bool open(const char *streamStep) {
+        if (!temp.isValid()) {
+            TELO_LOG_ERR("create temp failed, %m");
+            return false;
+        }
+        stream.reset(openPrivate(temp.getPath(), "a+e"));
+        if (!stream) {
+            TELO_LOG_ERR("%s failed, %m", streamStep);
+            return false;
+        }
+        temp.close();
         buffer.reset(new char[kWriteBuffer]);
         setvbuf(stream.get(), buffer.get(), _IOFBF, kWriteBuffer);
         return true;
@@ -541,17 +554,8 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
             return false;
         }
     }
-    ScopedTempFile temp(file, false);
-    if (!temp.isValid()) {
-        TELO_LOG_ERR("create temp failed, %m");
-        return false;
-    }
-    TempOutput out;
-    if (!out.open(temp.getPath())) {
-        TELO_LOG_ERR("temp.getFile failed, %m");
-        return false;
-    }
-    temp.close();
+    TempOutput out(file);
+    if (!out.open("temp.getFile")) return false;
     FILE *output = out.stream.get();
     auto writeMembers = [&members, output] {
         for (const auto &member : members) {
@@ -600,7 +604,7 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
         }
     }
     if (!finishTemp(out.stream) || !closeInput(in)) return false;
-    if (!temp.renameWithMode(file)) return false;
+    if (!out.temp.renameWithMode(file)) return false;
     syncDirectory(file);
     return true;
 }
@@ -612,17 +616,8 @@ bool SectionConfig::removeSection(const std::string &path, const std::string &se
         if (errno != ENOENT && errno != EACCES) TELO_LOG_ERR("open failed, %m");
         return false;
     }
-    ScopedTempFile temp(file, false);
-    if (!temp.isValid()) {
-        TELO_LOG_ERR("create temp failed, %m");
-        return false;
-    }
-    TempOutput out;
-    if (!out.open(temp.getPath())) {
-        TELO_LOG_ERR("temp open failed failed, %m");
-        return false;
-    }
-    temp.close();
+    TempOutput out(file);
+    if (!out.open("temp open failed")) return false;
     FILE *output = out.stream.get();
 
     // Every copy of the section goes, with all its lines.
@@ -643,7 +638,7 @@ bool SectionConfig::removeSection(const std::string &path, const std::string &se
         return false;
     }
     if (!finishTemp(out.stream) || !closeInput(in)) return false;
-    if (!temp.renameWithMode(file)) {
+    if (!out.temp.renameWithMode(file)) {
         TELO_LOG_ERR("rename failed, %m");
         return false;
     }

@@ -157,10 +157,15 @@ bool loadKeys(Keys &keys) {
     return ok;
 }
 
+// The plain length as 8 little-endian bytes, bound into both the tag and the nonce.
+void encodeLength(size_t plain, unsigned char *length) {
+    for (int i = 0; i < 8; ++i) length[i] = static_cast<unsigned char>(plain >> (8 * i));
+}
+
 void computeTag(const Keys &keys, const Layout &layout, const unsigned char *salt,
                 const unsigned char *plain, unsigned char *tag) {
     unsigned char length[8];
-    for (int i = 0; i < 8; ++i) length[i] = static_cast<unsigned char>(layout.plain >> (8 * i));
+    encodeLength(layout.plain, length);
     unsigned char full[crypto_generichash_BYTES];
     crypto_generichash_state state;
     crypto_generichash_init(&state, keys.mac, sizeof(keys.mac), sizeof(full));
@@ -175,7 +180,7 @@ void computeTag(const Keys &keys, const Layout &layout, const unsigned char *sal
 void applyStream(const Keys &keys, const Layout &layout, const unsigned char *tagAndSalt,
                  const unsigned char *in, unsigned char *out) {
     unsigned char length[8];
-    for (int i = 0; i < 8; ++i) length[i] = static_cast<unsigned char>(layout.plain >> (8 * i));
+    encodeLength(layout.plain, length);
     unsigned char nonce[kNonceBytes];
     crypto_generichash_state state;
     crypto_generichash_init(&state, keys.nonce, sizeof(keys.nonce), sizeof(nonce));

@@ -533,6 +533,17 @@ std::string SubProcess::getCmdline() const {
 
 // ---- Starting ------------------------------------------------------------------------------
 
+namespace {
+
+// Puts the caller's SIGCHLD flags back on a failure path, keeping the failure's errno.
+void restoreChildFlags(int flags) {
+    int savedErrno = errno;
+    signalHandlerSetFlags(SIGCHLD, flags);
+    errno = savedErrno;
+}
+
+}  // namespace
+
 int SubProcess::call() const {
     int oldFlags = 0;
     if (!signalHandlerRemoveFlags(SIGCHLD, SA_NOCLDWAIT, oldFlags)) {
@@ -545,9 +556,7 @@ int SubProcess::call() const {
     pid_t pid = launch(plan, childBody);
     if (pid < 0) {
         TELO_LOG_ERR("fork failed, %m");
-        int savedErrno = errno;
-        signalHandlerSetFlags(SIGCHLD, oldFlags);
-        errno = savedErrno;
+        restoreChildFlags(oldFlags);
         return -1;
     }
 
@@ -556,9 +565,7 @@ int SubProcess::call() const {
     action.sa_handler = onTermWhileWaiting;
     if (sigaction(SIGTERM, &action, &previousTermAction) != 0) {
         TELO_LOG_ERR("sigaction failed, %m");
-        int savedErrno = errno;
-        signalHandlerSetFlags(SIGCHLD, oldFlags);
-        errno = savedErrno;
+        restoreChildFlags(oldFlags);
         return -1;
     }
 
@@ -599,9 +606,7 @@ bool SubProcess::callBackground(bool newSession) const {
     pid_t pid = launch(plan, intermediateBody);
     if (pid < 0) {
         TELO_LOG_ERR("fork failed, %m");
-        int savedErrno = errno;
-        signalHandlerSetFlags(SIGCHLD, oldFlags);
-        errno = savedErrno;
+        restoreChildFlags(oldFlags);
         return false;
     }
     int status = 0;
