@@ -176,20 +176,18 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     writeFile(readOnly, kSample, 0644);
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
     std::string path = file;
-    EXPECT_CHILD_OK(
-        [&] {
-            SyslogCapture childLog{"section_config"};
-            Json::Value values = json("{\"z\":1}");
-            CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false));
-            CHILD_CHECK_EQ(EACCES, errno);
-            CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
-            CHILD_CHECK_EQ(2, childLog.err("create temp failed, Permission denied"));
-            // A file the caller may not write fails at the open, silently.
-            CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
-            CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
-            CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>"));
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
+        SyslogCapture childLog{"section_config"};
+        Json::Value values = json("{\"z\":1}");
+        CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false));
+        CHILD_CHECK_EQ(EACCES, errno);
+        CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
+        CHILD_CHECK_EQ(2, childLog.err("create temp failed, Permission denied"));
+        // A file the caller may not write fails at the open, silently.
+        CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
+        CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
+        CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>"));
+    });
     EXPECT_EQ(kSample, readFile(file));
     EXPECT_EQ(kSample, readFile(readOnly));
     EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));

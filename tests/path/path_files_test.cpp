@@ -81,20 +81,17 @@ TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
     makeDir(unlistable + "/sub", 0777);
     writeFile(unlistable + "/sub/f", "x", 0666);
     ASSERT_EQ(0, chmod((unlistable + "/sub").c_str(), 0333));
-    EXPECT_CHILD_OK(
-        [&] {
-            SyslogCapture childLog{kSource};
-            CHILD_CHECK(!removeAll(root) && errno == EACCES);
-            CHILD_CHECK_EQ(1,
-                           childLog.err("unlink " + locked + "/stuck failed. Permission denied"));
-            CHILD_CHECK_EQ(size_t(1), childLog.size());
-            // A directory left non-empty is reported as EACCES.
-            clearCapturedLines();
-            CHILD_CHECK(!removeAll(unlistable) && errno == EACCES);
-            CHILD_CHECK_EQ(1, childLog.err("rmdir " + unlistable + "/sub failed. <any>"));
-            CHILD_CHECK_EQ(size_t(1), childLog.size());
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
+        SyslogCapture childLog{kSource};
+        CHILD_CHECK(!removeAll(root) && errno == EACCES);
+        CHILD_CHECK_EQ(1, childLog.err("unlink " + locked + "/stuck failed. Permission denied"));
+        CHILD_CHECK_EQ(size_t(1), childLog.size());
+        // A directory left non-empty is reported as EACCES.
+        clearCapturedLines();
+        CHILD_CHECK(!removeAll(unlistable) && errno == EACCES);
+        CHILD_CHECK_EQ(1, childLog.err("rmdir " + unlistable + "/sub failed. <any>"));
+        CHILD_CHECK_EQ(size_t(1), childLog.size());
+    });
     for (int depth = 0; depth < 25; ++depth) EXPECT_EQ(Names{"d"}, listDir(below(root, depth)));
     EXPECT_EQ(Names{"locked"}, listDir(below(root, 25)));
     EXPECT_EQ(Names{"stuck"}, listDir(locked));
@@ -104,33 +101,31 @@ TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
 // directory of the same file system bound there (its st_dev is the tree's own).
 TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
     std::string root = dir.file("tree"), elsewhere = dir.file("elsewhere");
-    EXPECT_CHILD_OK(
-        [root, elsewhere] {
-            SyslogCapture childLog{kSource};
-            for (const std::string &d :
-                 {root, root + "/sub", root + "/sub/mnt", elsewhere, root + "/sub/bound"}) {
-                makeDir(d);
-            }
-            CHILD_CHECK(mount("tmpfs", (root + "/sub/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
-            writeFile(root + "/sub/mnt/inside", "mounted", 0644);
-            writeFile(elsewhere + "/precious", "kept", 0644);
-            CHILD_CHECK(mount(elsewhere.c_str(), (root + "/sub/bound").c_str(), nullptr, MS_BIND,
-                              nullptr) == 0);
-            writeFile(root + "/source", "bound", 0644);
-            writeFile(root + "/target", "", 0644);
-            CHILD_CHECK(mount((root + "/source").c_str(), (root + "/target").c_str(), nullptr,
-                              MS_BIND, nullptr) == 0);
-            writeFile(root + "/sub/plain", "x", 0644);
+    EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [root, elsewhere] {
+        SyslogCapture childLog{kSource};
+        for (const std::string &d :
+             {root, root + "/sub", root + "/sub/mnt", elsewhere, root + "/sub/bound"}) {
+            makeDir(d);
+        }
+        CHILD_CHECK(mount("tmpfs", (root + "/sub/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
+        writeFile(root + "/sub/mnt/inside", "mounted", 0644);
+        writeFile(elsewhere + "/precious", "kept", 0644);
+        CHILD_CHECK(mount(elsewhere.c_str(), (root + "/sub/bound").c_str(), nullptr, MS_BIND,
+                          nullptr) == 0);
+        writeFile(root + "/source", "bound", 0644);
+        writeFile(root + "/target", "", 0644);
+        CHILD_CHECK(mount((root + "/source").c_str(), (root + "/target").c_str(), nullptr, MS_BIND,
+                          nullptr) == 0);
+        writeFile(root + "/sub/plain", "x", 0644);
 
-            CHILD_CHECK(!removeAll(root) && errno == EACCES);
-            CHILD_CHECK_EQ(std::string("mounted"), readFile(root + "/sub/mnt/inside"));
-            CHILD_CHECK_EQ(std::string("bound"), readFile(root + "/target"));
-            CHILD_CHECK_EQ(std::string("kept"), readFile(elsewhere + "/precious"));
-            CHILD_CHECK(!exists(root + "/sub/plain") && !exists(root + "/source"));
-            CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + "/sub failed. Directory not empty"));
-            CHILD_CHECK_EQ(size_t(1), childLog.size());
-        },
-        ChildOptions{.privateMounts = true});
+        CHILD_CHECK(!removeAll(root) && errno == EACCES);
+        CHILD_CHECK_EQ(std::string("mounted"), readFile(root + "/sub/mnt/inside"));
+        CHILD_CHECK_EQ(std::string("bound"), readFile(root + "/target"));
+        CHILD_CHECK_EQ(std::string("kept"), readFile(elsewhere + "/precious"));
+        CHILD_CHECK(!exists(root + "/sub/plain") && !exists(root + "/source"));
+        CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + "/sub failed. Directory not empty"));
+        CHILD_CHECK_EQ(size_t(1), childLog.size());
+    });
 }
 
 TEST_F(PathFiles, RenameOverAFileTakesItsModeAndOwner) {
@@ -166,22 +161,20 @@ TEST_F(PathFiles, UnprivilegedRenameFailures) {
     const std::pair<int, bool> fsTypes[] = {
         {TELO_FS_FAT, true}, {TELO_FS_FOREIGN, true}, {TELO_FS_EXT4, false}};
     for (auto fs : fsTypes) writeFile(dir.file("root" + std::to_string(fs.first)), "x", 0600);
-    EXPECT_CHILD_OK(
-        [&] {
-            SyslogCapture childLog{kSource};
-            CHILD_CHECK(!Path::renameWithMode(src, dst) && errno == EPERM);
-            CHILD_CHECK_EQ(1, childLog.err("chown failed Operation not permitted, [" + dst + "]"));
-            for (auto [fsType, accepted] : fsTypes) {
-                fakeplatform::outcomes().fsType = fsType;
-                std::string from = dir.file("root" + std::to_string(fsType));
-                CHILD_CHECK_EQ(accepted, Path::renameWithMode(from, from + ".new"));
-            }
-            CHILD_CHECK_EQ(EPERM, errno);
-            CHILD_CHECK_EQ(3, fakeplatform::calls("TELOGetFSType"));
-            CHILD_CHECK_EQ(1, childLog.err("chmod failed Operation not permitted, [<any>.new]"));
-            CHILD_CHECK_EQ(size_t(2), childLog.size());
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
+        SyslogCapture childLog{kSource};
+        CHILD_CHECK(!Path::renameWithMode(src, dst) && errno == EPERM);
+        CHILD_CHECK_EQ(1, childLog.err("chown failed Operation not permitted, [" + dst + "]"));
+        for (auto [fsType, accepted] : fsTypes) {
+            fakeplatform::outcomes().fsType = fsType;
+            std::string from = dir.file("root" + std::to_string(fsType));
+            CHILD_CHECK_EQ(accepted, Path::renameWithMode(from, from + ".new"));
+        }
+        CHILD_CHECK_EQ(EPERM, errno);
+        CHILD_CHECK_EQ(3, fakeplatform::calls("TELOGetFSType"));
+        CHILD_CHECK_EQ(1, childLog.err("chmod failed Operation not permitted, [<any>.new]"));
+        CHILD_CHECK_EQ(size_t(2), childLog.size());
+    });
     EXPECT_EQ("old", readFile(dst));
     EXPECT_EQ(0644, fileMode(dst));
     EXPECT_EQ("new", readFile(src));

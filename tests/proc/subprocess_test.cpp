@@ -347,20 +347,18 @@ TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
 
 TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
     Lines exit0 = helperCommand("exit");
-    EXPECT_CHILD_OK(
-        [&] {
-            clearCapturedLines();
-            struct rlimit none = {0, 0};
-            setrlimit(RLIMIT_NPROC, &none);
-            PipeFile *pipe = nullptr;
-            SubProcess sp(exit0);
-            CHILD_CHECK(sp.call() == -1 && errno == EAGAIN);
-            CHILD_CHECK(sp.callNoWait({}) == -1 && !sp.callBackground(true));
-            CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
-            CHILD_CHECK(launcherLines(log) ==
-                        Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
+        clearCapturedLines();
+        struct rlimit none = {0, 0};
+        setrlimit(RLIMIT_NPROC, &none);
+        PipeFile *pipe = nullptr;
+        SubProcess sp(exit0);
+        CHILD_CHECK(sp.call() == -1 && errno == EAGAIN);
+        CHILD_CHECK(sp.callNoWait({}) == -1 && !sp.callBackground(true));
+        CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
+        CHILD_CHECK(launcherLines(log) ==
+                    Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
+    });
 }
 
 TEST(SubProcessDescription, ArgumentsCommandLineAndEnvironmentDump) {

@@ -48,6 +48,11 @@ ChildResult runInChild(const Body &body, ChildOptions options = {}) {
         },
         options);
 }
+// The same with the options first, so that a long body reads last.
+template <typename Body>
+ChildResult runInChild(ChildOptions options, const Body &body) {
+    return runInChild(body, options);
+}
 
 // True when this process may give files to other users (chown), i.e. it runs as root.
 bool canChangeOwner();
@@ -68,8 +73,8 @@ bool canChangeOwner();
         if (!((expected) == (actual))) CHILD_FAIL(#expected " == " #actual); \
     } while (0)
 
-// Runs a body in a child (the arguments of runInChild) and turns its outcome into a gtest
-// result: a skip when the environment could not be set up, else a failure with the message.
+// Runs a body in a child (the arguments of runInChild, either order) and turns its outcome into a
+// gtest result: a skip when the environment could not be set up, else a failure with the message.
 #define EXPECT_CHILD_OK(...)                                                                   \
     do {                                                                                       \
         ::testsupport::ChildResult childResult_ = ::testsupport::runInChild(__VA_ARGS__);      \

@@ -152,13 +152,11 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
     addVolume("writable", 10);
     ASSERT_EQ(0, chmod(dir.file("readonly-tmp").c_str(), 0555));
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
-    EXPECT_CHILD_OK(
-        [this] {
-            std::string out;
-            CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(maxFilter(false), out));
-            CHILD_CHECK_EQ(dir.file("writable-tmp"), out);
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [this] {
+        std::string out;
+        CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(maxFilter(false), out));
+        CHILD_CHECK_EQ(dir.file("writable-tmp"), out);
+    });
 }
 
 // Without a usable volume, a filter with the /tmp fallback gets /tmp, cached; one without gets
