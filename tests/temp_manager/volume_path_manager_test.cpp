@@ -105,7 +105,7 @@ TEST_F(VolumeFilters, SameVolumeFilter) {
     EXPECT_EQ(1,
               log.err("TELOMountVolInfoGet(/elsewhere) failed, [0x0002 fake_platform.cpp:<line>]"))
         << log.dump();
-    fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
+    fakeplatform::setFail("TELOShareTmpPathGet");
     EXPECT_EQ("", known.defaultPath());
     EXPECT_EQ(1, log.err("TELOShareTmpPathGet(/srv) fail, [0x0004 fake_platform.cpp:<line>]"));
 }
@@ -164,7 +164,7 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
 TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
     addVolume("gone", 10, false);
     addVolume("broken", 20);
-    fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
+    fakeplatform::setFail("TELOShareTmpPathGet");
     EXPECT_CHILD_OK([] {
         SyslogCapture childLog{kSource};
         VolumePathManager &manager = VolumePathManager::getInstance();
@@ -177,7 +177,7 @@ TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out) && out == "/tmp");
         CHILD_CHECK_EQ(3, calls("TELOMountVolAllEnum"));
 
-        fakeplatform::setFail("TELOMountVolAllEnum", true, TELO_ERR_SYSTEM);
+        fakeplatform::setFail("TELOMountVolAllEnum");
         auto ext = [](bool fallback) {
             return std::make_shared<FilterMaxExtVolume>(1, 2, fallback);
         };
