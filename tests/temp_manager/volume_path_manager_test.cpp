@@ -71,14 +71,8 @@ TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
 
 TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
     EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    EXPECT_EQ("FilterMaxExtBtrfsVolume:-1:0:0",
-              FilterMaxExtBtrfsVolume(-1, 0, false).getSignature());
+    // An explicit location is not asked of the platform (the factories' test covers the default).
     EXPECT_EQ(0, calls("TELOVolumeSupportLocGet"));
-    // Default construction asks the platform for the location; mode 2.
-    fakeplatform::outcomes().volumeLocation = 4;
-    EXPECT_EQ("FilterMaxVolume:4:2:0", FilterMaxVolume().getSignature());
-    EXPECT_EQ("FilterMaxExtVolume:4:2:1", FilterMaxExtVolume(true).getSignature());
-    EXPECT_EQ(2, calls("TELOVolumeSupportLocGet"));
     // No location: both stay 0.
     fakeplatform::outcomes().volumeLocation = 0;
     FilterMaxVolume none;
