@@ -21,8 +21,8 @@ struct ChildOptions {
 struct ChildResult {
     bool skipped = false;  // the requested environment could not be set up
     int status = 0;        // raw wait status
-    std::string
-        message;  // what the child reported: "" on success, else the failure or the skip reason
+    // What the child reported: "" on success, else the failure or the skip reason.
+    std::string message;
     bool ok() const { return !skipped && message.empty() && status == 0; }
 };
 
