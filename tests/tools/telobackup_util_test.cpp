@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <regex>
+#include <set>
 
 #include "support/child.h"
 #include "support/process.h"
@@ -102,6 +103,28 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
         CHILD_CHECK(!all["task1"].isMember("name") && !all.isMember("task2"));
         CHILD_CHECK_EQ(1, all["global"]["taskid_max"].asInt());  // task2 was not --increasing
         CHILD_CHECK_EQ(std::string("5\n"), out({"config", "get", conf, "task1", "retries"}));
+    });
+}
+
+// Several processes allocating at once, with the default lock token, get distinct sections.
+TEST_F(Tool, ConcurrentNewSectionsAreDistinct) {
+    IN_PRIVATE_TMP([this] {
+        std::vector<pid_t> pids;
+        for (int p = 0; p < 4; ++p) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                for (int i = 0; i < 10; ++i) {
+                    if (run({"config", "new", conf, "job", "--increasing"}).exitCode != 0) _exit(1);
+                }
+                _exit(0);
+            }
+            pids.push_back(pid);
+        }
+        for (pid_t pid : pids) CHILD_CHECK_EQ(0, waitExitCode(pid));
+        Json::Value names = parse(out({"--json", "config", "sections", conf}));
+        std::set<std::string> distinct;
+        for (const Json::Value &name : names) distinct.insert(name.asString());
+        CHILD_CHECK(distinct.size() == 41u && names.size() == 41u);
     });
 }
 
