@@ -286,13 +286,11 @@ TEST(IpcTree, RootOwnedTreeServesOtherUsers) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to make the tree as another user";
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         CHILD_CHECK(Path::createIpcTempPath("shared", 0777) == "/tmp/telobackup/shared");
-        ChildResult inner = runInChild(
-            [] {
-                CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
-                               Path::createIpcTempPath("shared", 0777));
-                CHILD_CHECK(Path::createIpcTempPath("shared", 0700).empty() && errno == EPERM);
-            },
-            ChildOptions{.dropPrivileges = true});
+        ChildResult inner = runInChild(ChildOptions{.dropPrivileges = true}, [] {
+            CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
+                           Path::createIpcTempPath("shared", 0777));
+            CHILD_CHECK(Path::createIpcTempPath("shared", 0700).empty() && errno == EPERM);
+        });
         CHILD_CHECK_EQ(std::string(), inner.message);
     });
 }

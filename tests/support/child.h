@@ -36,7 +36,7 @@ struct ChildFailure {
 // with _exit, never returning into the test framework.
 ChildResult runChildBody(const std::function<void()> &body, ChildOptions options);
 template <typename Body>
-ChildResult runInChild(const Body &body, ChildOptions options = {}) {
+ChildResult runInChild(ChildOptions options, const Body &body) {
     return runChildBody(
         [&body] {
             if constexpr (std::is_void<decltype(body())>::value) {
@@ -48,10 +48,9 @@ ChildResult runInChild(const Body &body, ChildOptions options = {}) {
         },
         options);
 }
-// The same with the options first, so that a long body reads last.
 template <typename Body>
-ChildResult runInChild(ChildOptions options, const Body &body) {
-    return runInChild(body, options);
+ChildResult runInChild(const Body &body) {
+    return runInChild(ChildOptions{}, body);
 }
 
 // True when this process may give files to other users (chown), i.e. it runs as root.
@@ -73,7 +72,7 @@ bool canChangeOwner();
         if (!((expected) == (actual))) CHILD_FAIL(#expected " == " #actual); \
     } while (0)
 
-// Runs a body in a child (the arguments of runInChild, either order) and turns its outcome into a
+// Runs a body in a child (the arguments of runInChild) and turns its outcome into a
 // gtest result: a skip when the environment could not be set up, else a failure with the message.
 #define EXPECT_CHILD_OK(...)                                                                   \
     do {                                                                                       \

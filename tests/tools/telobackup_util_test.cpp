@@ -65,7 +65,7 @@ class Tool : public ::testing::Test {
 #define IN_PRIVATE_TMP(...)                                                                   \
     do {                                                                                      \
         std::function<void()> body_ = __VA_ARGS__;                                            \
-        ChildResult result_ = runInChild(body_, ChildOptions{.privateTmp = true});            \
+        ChildResult result_ = runInChild(ChildOptions{.privateTmp = true}, body_);            \
         if (result_.skipped) result_ = runInChild(body_);                                     \
         EXPECT_TRUE(result_.ok()) << result_.message << " (status " << result_.status << ")"; \
     } while (0)
