@@ -176,20 +176,18 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     writeFile(readOnly, kSample, 0644);
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
     std::string path = file;
-    EXPECT_CHILD_OK(
-        [&] {
-            SyslogCapture childLog{"section_config"};
-            Json::Value values = json("{\"z\":1}");
-            CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false));
-            CHILD_CHECK_EQ(EACCES, errno);
-            CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
-            CHILD_CHECK_EQ(2, childLog.err("create temp failed, Permission denied"));
-            // A file the caller may not write fails at the open, silently.
-            CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
-            CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
-            CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>"));
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
+        SyslogCapture childLog{"section_config"};
+        Json::Value values = json("{\"z\":1}");
+        CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false));
+        CHILD_CHECK_EQ(EACCES, errno);
+        CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
+        CHILD_CHECK_EQ(2, childLog.err("create temp failed, Permission denied"));
+        // A file the caller may not write fails at the open, silently.
+        CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
+        CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
+        CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>"));
+    });
     EXPECT_EQ(kSample, readFile(file));
     EXPECT_EQ(kSample, readFile(readOnly));
     EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));
@@ -203,21 +201,22 @@ std::string pad(long version) {
     return std::string(4000 + version % 1000, 'p');
 }
 
-}  // namespace
-
-// Rewrites section "data" of args[0] with versions from args[1] on, reporting each commit.
-TELO_TEST_HELPER(rewriter) {
-    for (long version = std::stol(args[1]);; ++version) {
+// Rewrites section "data" of `file` with versions from `version` on, reporting each commit on
+// `report`, until killed.
+[[noreturn]] void rewrite(const std::string &file, long version, int report) {
+    for (;; ++version) {
         Json::Value values;
         values["v"] = static_cast<Json::Int64>(version);
         values["pad"] = pad(version);
         std::string line = std::to_string(version) + "\n";
-        if (!SectionConfig::updateSection(args[0], "data", values, false) ||
-            write(STDOUT_FILENO, line.data(), line.size()) < 0) {
-            return 1;
+        if (!SectionConfig::updateSection(file, "data", values, false) ||
+            write(report, line.data(), line.size()) < 0) {
+            _exit(1);
         }
     }
 }
+
+}  // namespace
 
 // After every kill the file holds the last reported version, or the next one when the kill
 // came between its rename and its report.
@@ -233,8 +232,8 @@ TEST_F(SectionConfigFile, KilledWriterLeavesOldOrNewFile) {
     while (std::chrono::steady_clock::now() < deadline && kills < 200) {
         int fds[2];
         ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
-        pid_t pid =
-            spawnProcess(helperCommand("rewriter", {file, std::to_string(committed + 1)}), fds[1]);
+        pid_t pid = fork();
+        if (pid == 0) rewrite(file, committed + 1, fds[1]);
         close(fds[1]);
         std::string reported;
         char buffer[4096];

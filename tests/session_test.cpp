@@ -56,145 +56,135 @@ class Sessions : public ::testing::Test {
 }  // namespace
 
 TEST_F(Sessions, LocalAndVolumeLifecycles) {
-    EXPECT_CHILD_OK(
-        [] {
-            SyslogCapture log{"session"};
-            Session session;
-            CHILD_CHECK(session.create());
-            std::string id = session.getId(), path = session.getPath();
-            CHILD_CHECK(isId(id, "sess"));
-            CHILD_CHECK_EQ(kArea + "/" + id, path);
-            CHILD_CHECK(fileMode(path) == 0700 && fileMode(kArea) == 0700);
-            CHILD_CHECK_EQ(path, Session::getPathById(id));
-            // A bound object refuses to create or load.
-            CHILD_CHECK(!session.create() && !session.load(id) && session.getId() == id);
-            CHILD_CHECK_EQ(1, log.err("session has already existed[" + id + "][" + path + "]"));
-            CHILD_CHECK_EQ(1, log.err("session has been loaded[" + id + "][" + path + "]"));
-            // Found again by id from another object; the directory outlives the first one.
-            writeFile(path + "/work", "data");
-            Session other;
-            CHILD_CHECK(other.load(id) && other.getPath() == path);
-            CHILD_CHECK(other.destroy() && !exists(path) && other.getId().empty());
-            CHILD_CHECK(other.destroy());  // unbound: nothing to do
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        SyslogCapture log{"session"};
+        Session session;
+        CHILD_CHECK(session.create());
+        std::string id = session.getId(), path = session.getPath();
+        CHILD_CHECK(isId(id, "sess"));
+        CHILD_CHECK_EQ(kArea + "/" + id, path);
+        CHILD_CHECK(fileMode(path) == 0700 && fileMode(kArea) == 0700);
+        CHILD_CHECK_EQ(path, Session::getPathById(id));
+        // A bound object refuses to create or load.
+        CHILD_CHECK(!session.create() && !session.load(id) && session.getId() == id);
+        CHILD_CHECK_EQ(1, log.err("session has already existed[" + id + "][" + path + "]"));
+        CHILD_CHECK_EQ(1, log.err("session has been loaded[" + id + "][" + path + "]"));
+        // Found again by id from another object; the directory outlives the first one.
+        writeFile(path + "/work", "data");
+        Session other;
+        CHILD_CHECK(other.load(id) && other.getPath() == path);
+        CHILD_CHECK(other.destroy() && !exists(path) && other.getId().empty());
+        CHILD_CHECK(other.destroy());  // unbound: nothing to do
 
-            TempDir volume;
-            CHILD_CHECK(session.destroy() && session.create(volumeAt(volume.path())));
-            id = session.getId(), path = session.getPath();
-            CHILD_CHECK(isId(id, "seln"));
-            CHILD_CHECK_EQ(volume.path() + "/" + id, path);
-            CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
-            CHILD_CHECK_EQ(path, Session::getPathById(id));
-            // load touches the directory.
-            struct utimbuf old = {1000, 1000};
-            CHILD_CHECK(utime(path.c_str(), &old) == 0);
-            Session loaded;
-            time_t before = time(nullptr);
-            CHILD_CHECK(loaded.load(id));
-            struct stat st;
-            CHILD_CHECK(stat(path.c_str(), &st) == 0 && st.st_mtime >= before);
-            // destroy removes the directory and the link; by id, a link already gone is fine.
-            CHILD_CHECK(loaded.destroy());
-            CHILD_CHECK(!exists(path) && !exists(kArea + "/" + id));
-            CHILD_CHECK(Session::destroyById(id));
-        },
-        kPrivateTmp);
+        TempDir volume;
+        CHILD_CHECK(session.destroy() && session.create(volumeAt(volume.path())));
+        id = session.getId(), path = session.getPath();
+        CHILD_CHECK(isId(id, "seln"));
+        CHILD_CHECK_EQ(volume.path() + "/" + id, path);
+        CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
+        CHILD_CHECK_EQ(path, Session::getPathById(id));
+        // load touches the directory.
+        struct utimbuf old = {1000, 1000};
+        CHILD_CHECK(utime(path.c_str(), &old) == 0);
+        Session loaded;
+        time_t before = time(nullptr);
+        CHILD_CHECK(loaded.load(id));
+        struct stat st;
+        CHILD_CHECK(stat(path.c_str(), &st) == 0 && st.st_mtime >= before);
+        // destroy removes the directory and the link; by id, a link already gone is fine.
+        CHILD_CHECK(loaded.destroy());
+        CHILD_CHECK(!exists(path) && !exists(kArea + "/" + id));
+        CHILD_CHECK(Session::destroyById(id));
+    });
 }
 
 TEST_F(Sessions, MissingOrMalformedIds) {
-    EXPECT_CHILD_OK(
-        [] {
-            SyslogCapture log{"session"};
-            CHILD_CHECK(Path::createIpcTempPath("session", 0700) == kArea);
-            CHILD_CHECK_EQ(std::string(), Session::getPathById("seln.absent"));
-            CHILD_CHECK_EQ(0u, log.size());
-            Session session;
-            CHILD_CHECK(!session.load("seln.absent"));
-            CHILD_CHECK_EQ(1, log.err("failed to lstat session[]"));
-            CHILD_CHECK(!session.load("sess.absent") && !session.load(""));
-            CHILD_CHECK(Session::getPathById("").empty() && !Session::destroyById(""));
-            CHILD_CHECK_EQ(2, log.err("invalid parameter, empty session id"));
-            // No id reaches outside the session area.
-            writeFile("/tmp/telobackup/keep", "x");
-            for (const char *bad : {"..", ".", "../keep", "sess/../../keep"}) {
-                CHILD_CHECK(Session::getPathById(bad).empty() && !Session::destroyById(bad));
-            }
-            CHILD_CHECK(exists("/tmp/telobackup/keep"));
-            // Logged by getPathById, and again inside destroyById.
-            CHILD_CHECK_EQ(8, log.err("invalid session id[<any>]"));
-        },
-        kPrivateTmp);
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        SyslogCapture log{"session"};
+        CHILD_CHECK(Path::createIpcTempPath("session", 0700) == kArea);
+        CHILD_CHECK_EQ(std::string(), Session::getPathById("seln.absent"));
+        CHILD_CHECK_EQ(0u, log.size());
+        Session session;
+        CHILD_CHECK(!session.load("seln.absent"));
+        CHILD_CHECK_EQ(1, log.err("failed to lstat session[]"));
+        CHILD_CHECK(!session.load("sess.absent") && !session.load(""));
+        CHILD_CHECK(Session::getPathById("").empty() && !Session::destroyById(""));
+        CHILD_CHECK_EQ(2, log.err("invalid parameter, empty session id"));
+        // No id reaches outside the session area.
+        writeFile("/tmp/telobackup/keep", "x");
+        for (const char *bad : {"..", ".", "../keep", "sess/../../keep"}) {
+            CHILD_CHECK(Session::getPathById(bad).empty() && !Session::destroyById(bad));
+        }
+        CHILD_CHECK(exists("/tmp/telobackup/keep"));
+        // Logged by getPathById, and again inside destroyById.
+        CHILD_CHECK_EQ(8, log.err("invalid session id[<any>]"));
+    });
 }
 
 // The volume's directory is the session area itself (reached as "//tmp/..."), so the link's name
 // is always taken by the new directory: the link gets a fresh name under the lock. A link planted
 // at the lock file is never followed.
 TEST_F(Sessions, NameClashUnderTheLockAndAPlantedLockLink) {
-    EXPECT_CHILD_OK(
-        [] {
-            SyslogCapture log{"session"};
-            CHILD_CHECK(Path::createIpcTempPath("session", 0700) == kArea);
-            Session session;
-            CHILD_CHECK(session.create(volumeAt("/" + kArea)));
-            std::string id = session.getId(), path = session.getPath();
-            CHILD_CHECK(isId(id, "seln") && id != Path::basename(path));
-            CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
-            CHILD_CHECK_EQ(path, Session::getPathById(id));
-            CHILD_CHECK_EQ(0400, fileMode(kArea + "/__sess__.lock"));
-            CHILD_CHECK_EQ(3u, listDir(kArea).size());  // lock, directory, link
-            CHILD_CHECK(session.destroy());
-            CHILD_CHECK_EQ(1u, listDir(kArea).size());
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        SyslogCapture log{"session"};
+        CHILD_CHECK(Path::createIpcTempPath("session", 0700) == kArea);
+        Session session;
+        CHILD_CHECK(session.create(volumeAt("/" + kArea)));
+        std::string id = session.getId(), path = session.getPath();
+        CHILD_CHECK(isId(id, "seln") && id != Path::basename(path));
+        CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
+        CHILD_CHECK_EQ(path, Session::getPathById(id));
+        CHILD_CHECK_EQ(0400, fileMode(kArea + "/__sess__.lock"));
+        CHILD_CHECK_EQ(3u, listDir(kArea).size());  // lock, directory, link
+        CHILD_CHECK(session.destroy());
+        CHILD_CHECK_EQ(1u, listDir(kArea).size());
 
-            writeFile("/tmp/victim", "precious", 0644);
-            CHILD_CHECK(unlink((kArea + "/__sess__.lock").c_str()) == 0);
-            CHILD_CHECK(symlink("/tmp/victim", (kArea + "/__sess__.lock").c_str()) == 0);
-            CHILD_CHECK(!session.create(volumeAt("/" + kArea)) && session.getId().empty());
-            CHILD_CHECK_EQ(std::string("precious"), readFile("/tmp/victim"));
-            CHILD_CHECK_EQ(0644, fileMode("/tmp/victim"));
-            CHILD_CHECK_EQ(1, log.err("failed to open file[" + kArea + "/__sess__.lock]"));
-            CHILD_CHECK_EQ(1, log.err("failed to create_sesslink[<any>]"));
-            // Neither the new directory nor the reserved name is left behind.
-            CHILD_CHECK_EQ(std::vector<std::string>{"__sess__.lock"}, listDir(kArea));
-        },
-        kPrivateTmp);
+        writeFile("/tmp/victim", "precious", 0644);
+        CHILD_CHECK(unlink((kArea + "/__sess__.lock").c_str()) == 0);
+        CHILD_CHECK(symlink("/tmp/victim", (kArea + "/__sess__.lock").c_str()) == 0);
+        CHILD_CHECK(!session.create(volumeAt("/" + kArea)) && session.getId().empty());
+        CHILD_CHECK_EQ(std::string("precious"), readFile("/tmp/victim"));
+        CHILD_CHECK_EQ(0644, fileMode("/tmp/victim"));
+        CHILD_CHECK_EQ(1, log.err("failed to open file[" + kArea + "/__sess__.lock]"));
+        CHILD_CHECK_EQ(1, log.err("failed to create_sesslink[<any>]"));
+        // Neither the new directory nor the reserved name is left behind.
+        CHILD_CHECK_EQ(std::vector<std::string>{"__sess__.lock"}, listDir(kArea));
+    });
 }
 
 // Without any directory for the filter the session is made relative to the current directory.
 TEST_F(Sessions, NoVolumePathFallsBackToTheCurrentDirectory) {
-    EXPECT_CHILD_OK(
-        [] {
-            SyslogCapture log{"session"};
-            TempDir cwd;
-            CHILD_CHECK(chdir(cwd.path().c_str()) == 0);
-            Session session;
-            CHILD_CHECK(session.create(TempManager::maxVolume(1, 2, false)));
-            CHILD_CHECK_EQ(1, log.err("failed to getVolumePath()"));
-            CHILD_CHECK_EQ(cwd.path() + "/" + session.getId(), session.getPath());
-            CHILD_CHECK(session.destroy() && listDir(cwd.path()).empty());
-        },
-        kPrivateTmp);
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        SyslogCapture log{"session"};
+        TempDir cwd;
+        CHILD_CHECK(chdir(cwd.path().c_str()) == 0);
+        Session session;
+        CHILD_CHECK(session.create(TempManager::maxVolume(1, 2, false)));
+        CHILD_CHECK_EQ(1, log.err("failed to getVolumePath()"));
+        CHILD_CHECK_EQ(cwd.path() + "/" + session.getId(), session.getPath());
+        CHILD_CHECK(session.destroy() && listDir(cwd.path()).empty());
+    });
 }
 
 TEST_F(Sessions, ConcurrentVolumeSessionsGetDistinctIds) {
-    EXPECT_CHILD_OK(
-        [] {
-            TempDir volume;
-            std::shared_ptr<FilterVolume> filter = volumeAt(volume.path());
-            pid_t pids[2];
-            for (pid_t &pid : pids) {
-                if ((pid = fork()) == 0) {
-                    for (int i = 0; i < 40; ++i) {
-                        if (!Session().create(filter)) _exit(1);
-                    }
-                    _exit(0);
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        TempDir volume;
+        std::shared_ptr<FilterVolume> filter = volumeAt(volume.path());
+        pid_t pids[2];
+        for (pid_t &pid : pids) {
+            if ((pid = fork()) == 0) {
+                for (int i = 0; i < 40; ++i) {
+                    if (!Session().create(filter)) _exit(1);
                 }
+                _exit(0);
             }
-            for (pid_t pid : pids) CHILD_CHECK_EQ(0, waitExitCode(pid));
-            std::set<std::string> targets;
-            for (const std::string &link : listDir(kArea)) {
-                targets.insert(linkTarget(kArea + "/" + link));
-            }
-            CHILD_CHECK(listDir(kArea).size() == 80u && targets.size() == 80u);
-            CHILD_CHECK_EQ(80u, listDir(volume.path()).size());
-        },
-        kPrivateTmp);
+        }
+        for (pid_t pid : pids) CHILD_CHECK_EQ(0, waitExitCode(pid));
+        std::set<std::string> targets;
+        for (const std::string &link : listDir(kArea)) {
+            targets.insert(linkTarget(kArea + "/" + link));
+        }
+        CHILD_CHECK(listDir(kArea).size() == 80u && targets.size() == 80u);
+        CHILD_CHECK_EQ(80u, listDir(volume.path()).size());
+    });
 }

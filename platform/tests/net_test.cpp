@@ -41,26 +41,24 @@ TEST(NetLookup, NamesFromAHostsFile) {
     TempDir dir;
     writeFile(dir.file("hosts"), "127.0.0.1 dual.test\n::1 dual.test\n127.0.0.1 dual.test\n");
     writeFile(dir.file("nsswitch.conf"), "hosts: files\n");
-    EXPECT_CHILD_OK(
-        [&] {
-            if (mount(dir.file("hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0 ||
-                mount(dir.file("nsswitch.conf").c_str(), "/etc/nsswitch.conf", nullptr, MS_BIND,
-                      nullptr) != 0) {
-                return std::string("cannot bind the resolver fixtures");
-            }
-            std::vector<std::string> both = lookup("dual.test");
-            CHILD_CHECK((std::set<std::string>(both.begin(), both.end()) ==
-                         std::set<std::string>{"127.0.0.1", "::1"}));
-            CHILD_CHECK_EQ(2u, both.size());  // the repeated address once
-            CHILD_CHECK_EQ(1u, lookup("dual.test", 1).size());
-            CHILD_CHECK_EQ(std::string("error 10"), lookup("missing.test")[0]);
-            SyslogCapture log;
-            CHILD_CHECK_EQ(std::string("127.0.0.1"), TELO::Backup::Net::getIpFromAddr("dual.test"));
-            CHILD_CHECK_EQ(-1, TELO::Backup::Net::testIpAndPortConnect("missing.test", 80, 1));
-            CHILD_CHECK(log.has(LOG_ERR,
-                                "network/network:<line> [missing.test:80] getaddrinfo() "
-                                "error, <any>"));
-            return std::string();
-        },
-        ChildOptions{.privateMounts = true});
+    EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [&] {
+        if (mount(dir.file("hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0 ||
+            mount(dir.file("nsswitch.conf").c_str(), "/etc/nsswitch.conf", nullptr, MS_BIND,
+                  nullptr) != 0) {
+            return std::string("cannot bind the resolver fixtures");
+        }
+        std::vector<std::string> both = lookup("dual.test");
+        CHILD_CHECK((std::set<std::string>(both.begin(), both.end()) ==
+                     std::set<std::string>{"127.0.0.1", "::1"}));
+        CHILD_CHECK_EQ(2u, both.size());  // the repeated address once
+        CHILD_CHECK_EQ(1u, lookup("dual.test", 1).size());
+        CHILD_CHECK_EQ(std::string("error 10"), lookup("missing.test")[0]);
+        SyslogCapture log;
+        CHILD_CHECK_EQ(std::string("127.0.0.1"), TELO::Backup::Net::getIpFromAddr("dual.test"));
+        CHILD_CHECK_EQ(-1, TELO::Backup::Net::testIpAndPortConnect("missing.test", 80, 1));
+        CHILD_CHECK(log.has(LOG_ERR,
+                            "network/network:<line> [missing.test:80] getaddrinfo() "
+                            "error, <any>"));
+        return std::string();
+    });
 }

@@ -5,14 +5,11 @@
 #include "telo/platform.h"
 
 TEST(PlatformProcess, ForkFailureIsRecorded) {
-    EXPECT_CHILD_OK(
-        [] {
-            struct rlimit none = {0, 0};
-            setrlimit(RLIMIT_NPROC, &none);
-            CHILD_CHECK(TLIBCProcFork() == -1 && errno == EAGAIN);
-            CHILD_CHECK_EQ(unsigned(TELO_ERR_SYSTEM), TLIBCErrGet());
-            CHILD_CHECK_EQ(std::string("src/process.cpp"), std::string(TLIBCErrorGetFile()));
-            return std::string();
-        },
-        testsupport::ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(testsupport::ChildOptions{.dropPrivileges = true}, [] {
+        struct rlimit none = {0, 0};
+        setrlimit(RLIMIT_NPROC, &none);
+        CHILD_CHECK(TLIBCProcFork() == -1 && errno == EAGAIN);
+        CHILD_CHECK_EQ(unsigned(TELO_ERR_SYSTEM), TLIBCErrGet());
+        CHILD_CHECK_EQ(std::string("src/process.cpp"), std::string(TLIBCErrorGetFile()));
+    });
 }

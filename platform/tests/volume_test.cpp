@@ -165,15 +165,12 @@ TEST_F(Volumes, TemporaryDirectoryNeverFollowsAPlantedLink) {
 TEST_F(Volumes, UnwritableVolumeRootGetsNoDirectory) {
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
     std::string volume = dir.file("vol1");
-    EXPECT_CHILD_OK(
-        [volume] {
-            char buffer[4095] = {};
-            CHILD_CHECK_EQ(-1, TELOShareTmpPathGet(volume.c_str(), buffer, sizeof(buffer)));
-            CHILD_CHECK_EQ(unsigned(TELO_ERR_SYSTEM), TLIBCErrGet());
-            CHILD_CHECK(!exists(volume + "/.telobackup-tmp"));
-            return std::string();
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [volume] {
+        char buffer[4095] = {};
+        CHILD_CHECK_EQ(-1, TELOShareTmpPathGet(volume.c_str(), buffer, sizeof(buffer)));
+        CHILD_CHECK_EQ(unsigned(TELO_ERR_SYSTEM), TLIBCErrGet());
+        CHILD_CHECK(!exists(volume + "/.telobackup-tmp"));
+    });
 }
 
 // The machine's own mount table: the root file system is a volume unless it is not a disk file

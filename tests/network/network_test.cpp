@@ -150,7 +150,7 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
     EXPECT_EQ(-2, Net::getAvailableIp("pair.test", portOf(second), 1, 0, ip));
     EXPECT_GE(secondsSince(start), 1.0);
     // A failed lookup.
-    fakeplatform::setFail("TELONetLookupIP", true, TELO_ERR_LOOKUP);
+    fakeplatform::setFail("TELONetLookupIP", TELO_ERR_LOOKUP);
     EXPECT_EQ(-3, Net::getAvailableIp("nowhere.test", 1, 1, ip));
     EXPECT_EQ("", Net::getIpFromAddr("nowhere.test"));
     EXPECT_EQ("unchanged", ip);

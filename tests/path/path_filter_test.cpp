@@ -105,15 +105,12 @@ TEST(PathFilterRebase, GetPatternLists) {
     EXPECT_EQ((Patterns{"/p/*", "/f/**"}), out);
 }
 
-// The rules on random lists are checked against the reference below; here each rule once.
+// The rules themselves are checked against the reference below; here what clear() keeps and the
+// list adders.
 TEST(PathFilterRules, PrecedenceClearAndLists) {
     PathFilter filter;
     filter.addExcludePattern("/x/**");
-    EXPECT_TRUE(filter.filterOutIncludeException("/y"));  // no include list: all left out
     filter.addIncludePattern("/x/keep/**");
-    EXPECT_FALSE(filter.filterOut("/x/keep/f"));
-    EXPECT_TRUE(filter.filterOut("/x/drop"));
-    EXPECT_TRUE(filter.filterOutIncludeException("/x/keep/f"));  // the exclude wins
     // Prior includes win under both rules and survive clear().
     filter.addPriorIncludePattern("/x/keep/**");
     filter.clear();

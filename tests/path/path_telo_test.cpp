@@ -18,7 +18,7 @@ TEST(PathTelo, ShareNameFromThePlatform) {
     EXPECT_EQ(4095, fakeplatform::outcomes().sharePathSize);
     EXPECT_EQ(0u, log.size()) << log.dump();
 
-    fakeplatform::setFail("TELOShareNamePathGet", true, TELO_ERR_NOT_FOUND);
+    fakeplatform::setFail("TELOShareNamePathGet", TELO_ERR_NOT_FOUND);
     EXPECT_EQ("", Path::getShareName("/nowhere/x"));
     EXPECT_EQ(1, log.count(LOG_ERR,
                            "(<pid>) [err] path/path_telo:<line> Error: getting share path of "

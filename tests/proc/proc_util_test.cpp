@@ -85,7 +85,7 @@ TEST(Process, LivenessAndStateLetters) {
     EXPECT_TRUE(Process::isZombie(zombie) && Process::isAlive(zombie));
     waitpid(zombie, nullptr, 0);
     // Another user's process exists although it cannot be signalled.
-    EXPECT_CHILD_OK([] { CHILD_CHECK(Process::isAlive(1)); }, ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [] { CHILD_CHECK(Process::isAlive(1)); });
 }
 
 TEST(Process, CommandNamesAndTheirPrefixMatch) {
@@ -125,16 +125,14 @@ TEST(Process, SafeKillSignalsOnlyTheExpectedCommand) {
     EXPECT_FALSE(Process::KillProc(deadPid(), SIGTERM));
 
     // Without /proc a live process cannot be checked, and nothing is sent.
-    EXPECT_CHILD_OK(
-        [&child] {
-            SyslogCapture childLog{"proc/proc_util"};
-            CHILD_CHECK(mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0);
-            CHILD_CHECK(!Process::safeKillProc(child.pid, "backupd", SIGTERM));
-            CHILD_CHECK_EQ(1, childLog.err("failed to check proc info with pid: [" +
-                                           std::to_string(child.pid) + "] for signal: [15]"));
-            CHILD_CHECK_EQ(3u, childLog.size());
-        },
-        ChildOptions{.privateMounts = true});
+    EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [&child] {
+        SyslogCapture childLog{"proc/proc_util"};
+        CHILD_CHECK(mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0);
+        CHILD_CHECK(!Process::safeKillProc(child.pid, "backupd", SIGTERM));
+        CHILD_CHECK_EQ(1, childLog.err("failed to check proc info with pid: [" +
+                                       std::to_string(child.pid) + "] for signal: [15]"));
+        CHILD_CHECK_EQ(3u, childLog.size());
+    });
 }
 
 }  // namespace

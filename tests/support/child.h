@@ -21,8 +21,8 @@ struct ChildOptions {
 struct ChildResult {
     bool skipped = false;  // the requested environment could not be set up
     int status = 0;        // raw wait status
-    std::string
-        message;  // what the child reported: "" on success, else the failure or the skip reason
+    // What the child reported: "" on success, else the failure or the skip reason.
+    std::string message;
     bool ok() const { return !skipped && message.empty() && status == 0; }
 };
 
@@ -36,7 +36,7 @@ struct ChildFailure {
 // with _exit, never returning into the test framework.
 ChildResult runChildBody(const std::function<void()> &body, ChildOptions options);
 template <typename Body>
-ChildResult runInChild(const Body &body, ChildOptions options = {}) {
+ChildResult runInChild(ChildOptions options, const Body &body) {
     return runChildBody(
         [&body] {
             if constexpr (std::is_void<decltype(body())>::value) {
@@ -47,6 +47,10 @@ ChildResult runInChild(const Body &body, ChildOptions options = {}) {
             }
         },
         options);
+}
+template <typename Body>
+ChildResult runInChild(const Body &body) {
+    return runInChild(ChildOptions{}, body);
 }
 
 // True when this process may give files to other users (chown), i.e. it runs as root.
@@ -68,8 +72,8 @@ bool canChangeOwner();
         if (!((expected) == (actual))) CHILD_FAIL(#expected " == " #actual); \
     } while (0)
 
-// Runs a body in a child (the arguments of runInChild) and turns its outcome into a gtest
-// result: a skip when the environment could not be set up, else a failure with the message.
+// Runs a body in a child (the arguments of runInChild) and turns its outcome into a
+// gtest result: a skip when the environment could not be set up, else a failure with the message.
 #define EXPECT_CHILD_OK(...)                                                                   \
     do {                                                                                       \
         ::testsupport::ChildResult childResult_ = ::testsupport::runInChild(__VA_ARGS__);      \

@@ -13,6 +13,9 @@ namespace fakeplatform {
 
 namespace {
 
+// The source file the fake records in the error triple.
+constexpr char kFakeFile[] = "fake_platform.cpp";
+
 struct ErrorTriple {
     unsigned int code = TELO_ERR_NONE;
     const char *file = "";
@@ -20,6 +23,12 @@ struct ErrorTriple {
 };
 
 thread_local ErrorTriple lastError;
+
+struct FunctionState {
+    int calls = 0;
+    bool fail = false;
+    unsigned int errorCode = TELO_ERR_NONE;  // recorded when failing
+};
 
 std::map<std::string, FunctionState> &states() {
     static auto *map = new std::map<std::string, FunctionState>;
@@ -29,7 +38,7 @@ std::map<std::string, FunctionState> &states() {
 // Counts the call; when the function is switched to fail, records the error triple and
 // returns true.
 bool enter(const char *name, int line) {
-    FunctionState &s = state(name);
+    FunctionState &s = states()[name];
     ++s.calls;
     if (!s.fail) return false;
     lastError = {s.errorCode, kFakeFile, line};
@@ -38,18 +47,13 @@ bool enter(const char *name, int line) {
 
 }  // namespace
 
-FunctionState &state(const std::string &name) {
-    return states()[name];
-}
-
 int calls(const std::string &name) {
-    return state(name).calls;
+    return states()[name].calls;
 }
 
-void setFail(const std::string &name, bool fail, unsigned int errorCode) {
-    FunctionState &s = state(name);
-    s.fail = fail;
-    s.errorCode = errorCode;
+void setFail(const std::string &name, unsigned int errorCode) {
+    states()[name].fail = true;
+    states()[name].errorCode = errorCode;
 }
 
 Outcomes &outcomes() {
@@ -175,7 +179,7 @@ int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
 }
 
 void TELOMountVolInfoFree(TELOVOLInfo *list) {
-    ++fakeplatform::state("TELOMountVolInfoFree").calls;
+    enter("TELOMountVolInfoFree", __LINE__);
     while (list != nullptr) {
         TELOVOLInfo *next = list->next;
         free(list);

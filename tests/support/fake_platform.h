@@ -12,19 +12,10 @@
 
 namespace fakeplatform {
 
-// The source file the fake records in the error triple.
-constexpr char kFakeFile[] = "fake_platform.cpp";
-
-struct FunctionState {
-    int calls = 0;
-    bool fail = false;
-    unsigned int errorCode = TELO_ERR_SYSTEM;  // recorded when failing
-};
-
-// The state of the platform function `name` (for example "TELOGetFSType").
-FunctionState &state(const std::string &name);
+// How often the platform function `name` (for example "TELOGetFSType") was called.
 int calls(const std::string &name);
-void setFail(const std::string &name, bool fail = true, unsigned int errorCode = TELO_ERR_SYSTEM);
+// Makes `name` fail until reset(), recording `errorCode` in the error triple.
+void setFail(const std::string &name, unsigned int errorCode = TELO_ERR_SYSTEM);
 
 // A volume the fake enumerates.
 struct Volume {

@@ -20,22 +20,6 @@ std::map<std::string, HelperFunction> &helperRegistry() {
     return *registry;
 }
 
-// Forks and runs `argv` with `fds` (-1: inherited) as its standard streams and `env` added.
-pid_t start(const std::vector<std::string> &argv, const int (&fds)[3],
-            const std::map<std::string, std::string> &env) {
-    std::vector<char *> args;
-    for (const std::string &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    for (const auto &kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-    for (int i = 0; i < 3; ++i) {
-        if (fds[i] >= 0 && dup2(fds[i], i) < 0) _exit(127);
-    }
-    execv(args[0], args.data());
-    _exit(127);
-}
-
 std::string contentOf(int fd) {
     std::string text;
     char buffer[65536];
@@ -74,10 +58,6 @@ std::vector<std::string> helperCommand(const std::string &name,
     return command;
 }
 
-pid_t spawnProcess(const std::vector<std::string> &argv, int stdoutFd) {
-    return start(argv, {-1, stdoutFd, -1}, {});
-}
-
 int waitExitCode(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
@@ -94,8 +74,18 @@ CommandResult runCommand(const std::vector<std::string> &argv, const std::string
     if (pwrite(in, input.data(), input.size(), 0) != static_cast<ssize_t>(input.size())) {
         return {-1, "", std::string("pwrite: ") + strerror(errno)};
     }
+    std::vector<char *> args;
+    for (const std::string &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        for (const auto &kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
+        execv(args[0], args.data());
+        _exit(127);
+    }
     CommandResult result;
-    result.exitCode = waitExitCode(start(argv, {in, out, err}, env));
+    result.exitCode = waitExitCode(pid);
     close(in);
     result.out = contentOf(out);
     result.err = contentOf(err);

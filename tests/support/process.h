@@ -23,9 +23,6 @@ bool runHelperIfAsked(int argc, char **argv, int &exitCode);
 std::vector<std::string> helperCommand(const std::string &name,
                                        const std::vector<std::string> &args = {});
 
-// Starts `argv` (no shell, no PATH search) with its standard output on `stdoutFd` when that is
-// >= 0. Returns the pid.
-pid_t spawnProcess(const std::vector<std::string> &argv, int stdoutFd = -1);
 // Waits for `pid`: its exit code, or 128 + the signal number when it was killed.
 int waitExitCode(pid_t pid);
 

@@ -33,11 +33,8 @@ std::vector<LogLine> &lineStore() {
 
 void record(int priority, const char *format, va_list ap) {
     int savedErrno = errno;
-    // "%m" becomes the text of errno, its own '%' doubled, as syslog would have it.
+    // "%m" becomes the text of errno (which holds no '%'), as syslog would have it.
     std::string error = strerror(savedErrno), expanded;
-    for (size_t at = 0; (at = error.find('%', at)) != std::string::npos; at += 2) {
-        error.insert(at, "%");
-    }
     for (const char *p = format; *p != '\0'; ++p) {
         if (p[0] == '%' && (p[1] == 'm' || p[1] == '%')) {
             expanded += *++p == 'm' ? error : "%%";

@@ -17,6 +17,24 @@
 
 namespace testsupport {
 
+namespace {
+
+// Removes a tree, restoring write and search permission on directories first.
+void forceRemoveTree(const std::string &path) {
+    if (path.empty() || !exists(path)) return;
+    nftw(
+        path.c_str(),
+        [](const char *entry, const struct stat *st, int type, struct FTW *) {
+            if (type == FTW_D || type == FTW_DNR) chmod(entry, (st->st_mode & 07777) | 0700);
+            return 0;
+        },
+        16, FTW_PHYS);
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+}  // namespace
+
 TempDir::TempDir() {
     const char *base = getenv("TMPDIR");
     std::string templ =
@@ -88,19 +106,6 @@ int fileMode(const std::string &path) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) return -1;
     return static_cast<int>(st.st_mode & 07777);
-}
-
-void forceRemoveTree(const std::string &path) {
-    if (path.empty() || !exists(path)) return;
-    nftw(
-        path.c_str(),
-        [](const char *entry, const struct stat *st, int type, struct FTW *) {
-            if (type == FTW_D || type == FTW_DNR) chmod(entry, (st->st_mode & 07777) | 0700);
-            return 0;
-        },
-        16, FTW_PHYS);
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
 }
 
 }  // namespace testsupport

@@ -36,8 +36,6 @@ bool exists(const std::string &path);  // lstat succeeds
 std::vector<std::string> listDir(const std::string &path);
 // st_mode & 07777 of lstat, or -1.
 int fileMode(const std::string &path);
-// Removes a tree, restoring write and search permission on directories first.
-void forceRemoveTree(const std::string &path);
 
 }  // namespace testsupport
 

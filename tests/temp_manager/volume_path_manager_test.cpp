@@ -71,14 +71,8 @@ TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
 
 TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
     EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    EXPECT_EQ("FilterMaxExtBtrfsVolume:-1:0:0",
-              FilterMaxExtBtrfsVolume(-1, 0, false).getSignature());
+    // An explicit location is not asked of the platform (the factories' test covers the default).
     EXPECT_EQ(0, calls("TELOVolumeSupportLocGet"));
-    // Default construction asks the platform for the location; mode 2.
-    fakeplatform::outcomes().volumeLocation = 4;
-    EXPECT_EQ("FilterMaxVolume:4:2:0", FilterMaxVolume().getSignature());
-    EXPECT_EQ("FilterMaxExtVolume:4:2:1", FilterMaxExtVolume(true).getSignature());
-    EXPECT_EQ(2, calls("TELOVolumeSupportLocGet"));
     // No location: both stay 0.
     fakeplatform::outcomes().volumeLocation = 0;
     FilterMaxVolume none;
@@ -105,7 +99,7 @@ TEST_F(VolumeFilters, SameVolumeFilter) {
     EXPECT_EQ(1,
               log.err("TELOMountVolInfoGet(/elsewhere) failed, [0x0002 fake_platform.cpp:<line>]"))
         << log.dump();
-    fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
+    fakeplatform::setFail("TELOShareTmpPathGet");
     EXPECT_EQ("", known.defaultPath());
     EXPECT_EQ(1, log.err("TELOShareTmpPathGet(/srv) fail, [0x0004 fake_platform.cpp:<line>]"));
 }
@@ -152,13 +146,11 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
     addVolume("writable", 10);
     ASSERT_EQ(0, chmod(dir.file("readonly-tmp").c_str(), 0555));
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
-    EXPECT_CHILD_OK(
-        [this] {
-            std::string out;
-            CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(maxFilter(false), out));
-            CHILD_CHECK_EQ(dir.file("writable-tmp"), out);
-        },
-        ChildOptions{.dropPrivileges = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [this] {
+        std::string out;
+        CHILD_CHECK(VolumePathManager::getInstance().getVolumePath(maxFilter(false), out));
+        CHILD_CHECK_EQ(dir.file("writable-tmp"), out);
+    });
 }
 
 // Without a usable volume, a filter with the /tmp fallback gets /tmp, cached; one without gets
@@ -166,7 +158,7 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
 TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
     addVolume("gone", 10, false);
     addVolume("broken", 20);
-    fakeplatform::setFail("TELOShareTmpPathGet", true, TELO_ERR_SYSTEM);
+    fakeplatform::setFail("TELOShareTmpPathGet");
     EXPECT_CHILD_OK([] {
         SyslogCapture childLog{kSource};
         VolumePathManager &manager = VolumePathManager::getInstance();
@@ -179,7 +171,7 @@ TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out) && out == "/tmp");
         CHILD_CHECK_EQ(3, calls("TELOMountVolAllEnum"));
 
-        fakeplatform::setFail("TELOMountVolAllEnum", true, TELO_ERR_SYSTEM);
+        fakeplatform::setFail("TELOMountVolAllEnum");
         auto ext = [](bool fallback) {
             return std::make_shared<FilterMaxExtVolume>(1, 2, fallback);
         };

@@ -65,7 +65,7 @@ class Tool : public ::testing::Test {
 #define IN_PRIVATE_TMP(...)                                                                   \
     do {                                                                                      \
         std::function<void()> body_ = __VA_ARGS__;                                            \
-        ChildResult result_ = runInChild(body_, ChildOptions{.privateTmp = true});            \
+        ChildResult result_ = runInChild(ChildOptions{.privateTmp = true}, body_);            \
         if (result_.skipped) result_ = runInChild(body_);                                     \
         EXPECT_TRUE(result_.ok()) << result_.message << " (status " << result_.status << ")"; \
     } while (0)
@@ -176,12 +176,10 @@ TEST_F(Tool, CannotWriteIsExitCodeFour) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to run the tool as another user";
     writeFile(conf, "[a]\nx=1\n", 0666);
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
-    EXPECT_CHILD_OK(
-        [this] {
-            CHILD_CHECK_EQ(4, run({"config", "set", conf, "a", "x=2", "--lock", "w"}).exitCode);
-            CHILD_CHECK_EQ(std::string("[a]\nx=1\n"), readFile(conf));
-        },
-        ChildOptions{.dropPrivileges = true, .privateTmp = true});
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true, .privateTmp = true}, [this] {
+        CHILD_CHECK_EQ(4, run({"config", "set", conf, "a", "x=2", "--lock", "w"}).exitCode);
+        CHILD_CHECK_EQ(std::string("[a]\nx=1\n"), readFile(conf));
+    });
 }
 
 TEST_F(Tool, FilterTemplateShareAndLog) {
