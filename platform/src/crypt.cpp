@@ -176,7 +176,7 @@ void computeTag(const Keys &keys, const Layout &layout, const unsigned char *sal
     memcpy(tag, full, layout.tag);
 }
 
-// Applies the keystream selected by (tag, salt, length) to `data`.
+// Applies the keystream selected by (tag, salt, length) to `in`, writing `out`.
 void applyStream(const Keys &keys, const Layout &layout, const unsigned char *tagAndSalt,
                  const unsigned char *in, unsigned char *out) {
     unsigned char length[8];
