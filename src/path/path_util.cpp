@@ -1,10 +1,8 @@
 #include "telobackup/path/path_util.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/classification.hpp>
@@ -17,6 +15,7 @@
 #include <new>
 
 #include "internal/syslog.h"
+#include "internal/tree_remover.h"
 #include "internal/unique_fd.h"
 #include "telo/platform.h"
 
@@ -284,166 +283,19 @@ int Path::createIpcLockFile(const std::string &name) {
 
 // ---- Recursive removal ------------------------------------------------------------------------
 
-namespace {
-
-// Directories deeper than this are listed whole and walked by path, so that the walk never
-// holds more descriptors than this.
-constexpr int kMaxOpenDirectories = 20;
-
-// Where a directory lives: its file system and, where the kernel tells, its mount. A directory
-// bound from elsewhere on the same file system has the tree's device but a mount of its own.
-struct Place {
-    dev_t device = 0;
-    uint64_t mount = 0;
-    bool knowsMount = false;
-
-    bool same(const Place &other) const {
-        return device == other.device && (!knowsMount || !other.knowsMount || mount == other.mount);
-    }
-};
-
-// The place of `name` in `dirFd` (with AT_EMPTY_PATH in `flags`, of `dirFd` itself), links not
-// followed.
-bool placeOf(int dirFd, const char *name, int flags, Place &place) {
-    struct statx stx;
-    if (statx(dirFd, name, flags | AT_SYMLINK_NOFOLLOW, STATX_MNT_ID, &stx) == 0) {
-        place.device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
-        place.mount = stx.stx_mnt_id;
-        place.knowsMount = (stx.stx_mask & STATX_MNT_ID) != 0;
-        return true;
-    }
-    struct stat64 st;
-    if (fstatat64(dirFd, name, &st, flags | AT_SYMLINK_NOFOLLOW) != 0) return false;
-    place.device = st.st_dev;
-    place.knowsMount = false;
-    return true;
-}
-
-// One removeAll call: children before their directory, symbolic links removed and never
-// followed, nothing on another mount touched. Directories are opened relative to their
-// parent without following links, so a directory swapped for a link during the walk cannot
-// lead it outside the tree (down to kMaxOpenDirectories levels).
-class TreeRemover {
-  public:
-    explicit TreeRemover(const Place &root) : root_(root) {}
-
-    // Removes the directory `name` of `parentFd` (`path` names it in messages), contents first.
-    void removeDirectory(int parentFd, const char *name, std::string &path, int depth) {
-        UniqueFd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (fd) {
-            Place place;
-            // A file system mounted here, or a directory bound here, is left alone; so is its
-            // mount point.
-            if (placeOf(fd.get(), "", AT_EMPTY_PATH, place) && !place.same(root_)) return;
-            removeContents(std::move(fd), path, depth);
-        } else if (errno == ENOTDIR || errno == ELOOP) {
-            // Replaced by something else since it was listed: remove that instead.
-            removeEntry(parentFd, name, path, false);
-            return;
-        }
-        // An unreadable directory is removed like an empty one (which fails if it is not).
-        removeEntry(parentFd, name, path, true);
-    }
-
-    // Removes a non-directory, or with `directory` an emptied directory.
-    void removeEntry(int parentFd, const char *name, const std::string &path, bool directory) {
-        if (unlinkat(parentFd, name, directory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return;
-        // A file bind-mounted here belongs to another file system: not ours to remove.
-        if (!directory && errno == EBUSY) return;
-        recordFailure(path, directory);
-    }
-
-    bool failed() const { return failed_; }
-    int reportedErrno() const { return reportedErrno_; }
-
-    void recordFailure(const std::string &path, bool directory) {
-        if (failed_) return;
-        if (directory) {
-            TELO_LOG_ERR("rmdir %s failed. %m", path.c_str());
-        } else {
-            TELO_LOG_ERR("unlink %s failed. %m", path.c_str());
-        }
-        failed_ = true;
-        // A directory left non-empty means one of its children could not be removed.
-        reportedErrno_ = errno == ENOTEMPTY ? EACCES : errno;
-    }
-
-  private:
-    struct Entry {
-        std::string name;
-        bool directory;
-    };
-
-    void removeContents(UniqueFd fd, std::string &path, int depth) {
-        int dirFd = fd.get();
-        DIR *dir = fdopendir(dirFd);
-        if (dir == nullptr) return;
-        fd.release();
-        // Deep levels are listed whole and the stream closed before descending.
-        bool listFirst = depth + 1 >= kMaxOpenDirectories;
-        std::vector<Entry> deferred;
-        size_t base = path.size();
-        while (struct dirent64 *entry = readdir64(dir)) {
-            const char *name = entry->d_name;
-            if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
-                continue;
-            bool directory = entry->d_type == DT_DIR;
-            if (entry->d_type == DT_UNKNOWN) {
-                struct stat64 st;
-                directory =
-                    fstatat64(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
-            }
-            if (listFirst) {
-                deferred.push_back({name, directory});
-                continue;
-            }
-            path.append("/").append(name);
-            if (directory) {
-                removeDirectory(dirFd, name, path, depth + 1);
-            } else {
-                removeEntry(dirFd, name, path, false);
-            }
-            path.resize(base);
-        }
-        closedir(dir);
-        for (const Entry &entry : deferred) {
-            path.append("/").append(entry.name);
-            const std::string fullPath = path;  // `path` is reused below this level
-            if (entry.directory) {
-                removeDirectory(AT_FDCWD, fullPath.c_str(), path, depth + 1);
-            } else {
-                removeEntry(AT_FDCWD, fullPath.c_str(), path, false);
-            }
-            path.resize(base);
-        }
-    }
-
-    Place root_;
-    bool failed_ = false;
-    int reportedErrno_ = 0;
-};
-
-}  // namespace
-
 bool removeAll(const std::string &path) {
-    struct stat64 st;
+    internal::TreeRemoval removal = internal::removeTree(path);
     // Nothing to examine (missing, or not reachable) counts as nothing to remove.
-    if (lstat64(path.c_str(), &st) != 0) return true;
-    Place root;
-    root.device = st.st_dev;
-    if (S_ISDIR(st.st_mode)) placeOf(AT_FDCWD, path.c_str(), 0, root);
-    TreeRemover remover(root);
-    std::string walkPath = path;
-    if (S_ISDIR(st.st_mode)) {
-        remover.removeDirectory(AT_FDCWD, path.c_str(), walkPath, 0);
+    if (!removal.failed) return true;
+    errno = removal.failedErrno;
+    if (removal.failedDirectory) {
+        TELO_LOG_ERR("rmdir %s failed. %m", removal.failedPath.c_str());
     } else {
-        remover.removeEntry(AT_FDCWD, path.c_str(), walkPath, false);
+        TELO_LOG_ERR("unlink %s failed. %m", removal.failedPath.c_str());
     }
-    if (remover.failed()) {
-        errno = remover.reportedErrno();
-        return false;
-    }
-    return true;
+    // A directory left non-empty means one of its children could not be removed.
+    errno = removal.failedErrno == ENOTEMPTY ? EACCES : removal.failedErrno;
+    return false;
 }
 
 // ---- Replacing files --------------------------------------------------------------------------

@@ -1,7 +1,6 @@
 #include "telobackup/temp_manager/temp_manager.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "internal/syslog.h"
+#include "internal/tree_remover.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
 
@@ -29,7 +29,6 @@ constexpr size_t kSuffixLength = sizeof(kSuffix) - 1;
 constexpr size_t kMaxStemLength = 4088;
 constexpr size_t kNameLimit = 255;
 constexpr size_t kShortNameLimit = 143;
-constexpr int kMaxWalkDescriptors = 20;
 
 uint32_t checkHash(const std::string &path) {
     uint32_t hash = 5381;
@@ -97,15 +96,6 @@ int createTruncated(const std::string &name, size_t limit, std::string &tried) {
 int lastComponentLength(const std::string &path) {
     size_t slash = path.rfind('/');
     return static_cast<int>(slash == std::string::npos ? path.size() : path.size() - slash - 1);
-}
-
-int removeTreeEntry(const char *path, const struct stat *, int type, struct FTW *) {
-    if (type == FTW_DP || type == FTW_DNR) {
-        rmdir(path);
-    } else {
-        ::unlink(path);
-    }
-    return 0;  // single failures never stop the walk
 }
 
 }  // namespace
@@ -288,11 +278,13 @@ std::string ScopedTempFolder::getPath() const {
 
 int ScopedTempFolder::unlink() {
     if (!isValid()) return 0;
-    int result =
-        nftw(path_.c_str(), removeTreeEntry, kMaxWalkDescriptors, FTW_PHYS | FTW_MOUNT | FTW_DEPTH);
+    internal::TreeRemoval removal = internal::removeTree(path_);
     path_.clear();
     hash_ = 0;
-    return result;
+    // Single failures are ignored; only a top that cannot be examined fails the walk.
+    if (removal.examined) return 0;
+    errno = removal.topErrno;
+    return -1;
 }
 
 bool ScopedTempFolder::rename(const std::string &newPath) {

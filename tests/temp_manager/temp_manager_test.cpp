@@ -10,6 +10,7 @@
 
 #include "support/child.h"
 #include "support/fake_platform.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 
@@ -126,6 +127,29 @@ TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
     }
     EXPECT_EQ(Names{"vol"}, listDir(dir.path()));
     EXPECT_EQ("k", readFile(dir.file("vol/keep")));
+}
+
+// The folder's removal is removeAll's walk: any depth, few descriptors, nothing logged, and a
+// folder already gone is the walk's -1.
+TEST(TempFolderDepth, TenThousandLevelsWithFewDescriptors) {
+    TempDir dir;
+    auto removeDeepFolder = [](const std::string &templ) {
+        ScopedTempFolder folder(templ);
+        CHILD_CHECK(folder.isValid());
+        std::string root = folder.getPath();
+        makeDeepTree(root, 10000);
+        SyslogCapture log;
+        CHILD_CHECK(limitNewDescriptors(24));
+        CHILD_CHECK_EQ(0, folder.unlink());
+        CHILD_CHECK(!exists(root) && log.size() == 0);
+        CHILD_CHECK(folder.create(templ) && rmdir(folder.getPath().c_str()) == 0);
+        CHILD_CHECK(folder.unlink() == -1 && errno == ENOENT);
+    };
+    // On a memory-backed /tmp where the machine allows one: deep trees are slow to make on disk.
+    ChildResult result =
+        runInChild(ChildOptions{.privateTmp = true}, [&] { removeDeepFolder("/tmp/deep"); });
+    if (result.skipped) result = runInChild([&] { removeDeepFolder(dir.file("deep")); });
+    EXPECT_TRUE(result.ok()) << result.message;
 }
 
 TEST_F(Temporaries, OnTheChosenVolume) {

@@ -148,7 +148,10 @@ class TELO_EXPORT ConfigPath {
 
 // Removes `path` and everything below it, children before their directory, without following
 // symbolic links and without leaving its mount: another file system mounted inside, or a
-// directory bound there from elsewhere, is left alone with its mount point. The walk goes on
+// directory bound there from elsewhere, is left alone with its mount point. Every level is
+// opened relative to its parent's descriptor, so that a directory swapped for a link while the
+// walk runs never leads it outside the tree; any depth is removed with at most 20 directory
+// descriptors open. The walk goes on
 // after a failure; the first failure other than ENOENT is logged ("rmdir %s failed. %m" or
 // "unlink %s failed. %m") and reported: false with errno from it, except that a directory left
 // non-empty reports EACCES. A missing `path` gives true. Each call keeps its own failure record.

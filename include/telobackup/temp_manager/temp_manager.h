@@ -117,9 +117,11 @@ class TELO_EXPORT ScopedTempFolder {
     // The absolute path of the owned directory, "" when none.
     std::string getPath() const;
 
-    // Removes the owned tree depth first, without following symbolic links or leaving the file
-    // system, ignoring single failures, and gives up ownership. Returns 0 when the walk
-    // completed (also when nothing is owned), else the walk's -1 with errno set.
+    // Removes the owned tree as removeAll does (depth first, relative to descriptors at every
+    // depth, links removed and never followed, other mounts left alone), ignoring single
+    // failures, and gives up ownership; nothing is logged. Returns 0 when the walk completed
+    // (also when nothing is owned), else -1 with errno from the lstat of the top (ENOENT when
+    // the directory is already gone).
     int unlink();
 
     // Moves the directory to `newPath` (made absolute) with rename(2) and gives up ownership.
