@@ -455,12 +455,16 @@ struct TempOutput {
             TELO_LOG_ERR("create temp failed, %m");
             return false;
         }
-        stream.reset(openPrivate(temp.getPath(), "a+e"));
+        // Written through a copy of the temporary's own descriptor, never reopened by name: the
+        // descriptor stays with the temporary, which is checked through it before the rename.
+        UniqueFd copy(fcntl(temp.getFileDescripter(), F_DUPFD_CLOEXEC, 0));
+        stream.reset(copy ? fdopen(copy.get(), "a+") : nullptr);
         if (!stream) {
             TELO_LOG_ERR("%s failed, %m", streamStep);
             return false;
         }
-        temp.close();
+        copy.release();
+        __fsetlocking(stream.get(), FSETLOCKING_BYCALLER);
         buffer.reset(new char[kWriteBuffer]);
         setvbuf(stream.get(), buffer.get(), _IOFBF, kWriteBuffer);
         return true;

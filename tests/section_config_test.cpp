@@ -14,6 +14,8 @@
 #include <iostream>
 #include <random>
 
+#include "internal/test_hook.h"
+#include "support/attacker.h"
 #include "support/child.h"
 #include "support/process.h"
 #include "support/syslog_capture.h"
@@ -23,6 +25,8 @@
 using TELO::Backup::jsonFromString;
 using TELO::Backup::SectionConfig;
 using namespace testsupport;
+using TELO::Backup::internal::HookPoint;
+using TELO::Backup::internal::testHook;
 
 namespace {
 
@@ -191,6 +195,63 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     EXPECT_EQ(kSample, readFile(file));
     EXPECT_EQ(kSample, readFile(readOnly));
     EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));
+}
+
+// ---- Another user swapping the temporary --------------------------------------------------------
+
+namespace {
+
+Attacker *swapper = nullptr;
+HookPoint swapAt;
+bool swapDone = false;
+
+void swapWhenDue(HookPoint point, const char *, int) {
+    if (point == swapAt && !swapDone) swapDone = swapper->perform(0);
+}
+
+}  // namespace
+
+// The owner of a configuration's directory renames root's temporary away and plants a link to a
+// root-only file under its name: once before root checks the name, once between the check and
+// the rename. Root's rewrite fails and never changes the link's target; when the name was still
+// the temporary at the check, the configuration is untouched as well.
+TEST(SectionConfigAttack, SwappedTemporaryChangesNothingOutside) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to rewrite another user's file";
+    for (HookPoint point : {HookPoint::kBeforeTempCheck, HookPoint::kBeforeTempRename}) {
+        EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [point] {
+            const std::string home = "/tmp/home", conf = "/tmp/home/a.conf";
+            makeDir(home, 0755);
+            writeFile(conf, "[s]\nk=1\n", 0644);
+            CHILD_CHECK(chown(home.c_str(), 65534, 65534) == 0);
+            CHILD_CHECK(chown(conf.c_str(), 65534, 65534) == 0);
+            writeFile("/tmp/secret", "precious", 0600);
+            const std::string victim = describeTree("/tmp/secret"), config = describeTree(conf);
+            Attacker attacker({[home] {
+                for (const std::string &name : listDir(home)) {
+                    if (name.rfind("a.conf.", 0) != 0) continue;
+                    std::string temp = home + "/" + name;
+                    return rename(temp.c_str(), (home + "/stolen").c_str()) == 0 &&
+                           symlink("/tmp/secret", temp.c_str()) == 0;
+                }
+                return false;
+            }});
+            SyslogCapture log{"path/path_util"};
+            swapper = &attacker;
+            swapAt = point;
+            testHook = swapWhenDue;
+            bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
+            int writeErrno = errno;
+            testHook = nullptr;
+            CHILD_CHECK(swapDone && !written && writeErrno == ESTALE);
+            CHILD_CHECK_EQ(victim, describeTree("/tmp/secret"));
+            CHILD_CHECK(log.err("rename failed<any>Stale file handle<any>[" + conf + "]") == 1);
+            if (point == HookPoint::kBeforeTempCheck) {
+                CHILD_CHECK_EQ(config, describeTree(conf));
+                // The planted link stays: the name is no longer root's to remove.
+                CHILD_CHECK_EQ(size_t(3), listDir(home).size());
+            }
+        });
+    }
 }
 
 // ---- A writer killed at random moments --------------------------------------------------------

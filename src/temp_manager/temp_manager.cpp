@@ -10,8 +10,10 @@
 #include <cstring>
 #include <vector>
 
+#include "internal/held_rename.h"
 #include "internal/syslog.h"
 #include "internal/tree_remover.h"
+#include "internal/unique_fd.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
 
@@ -201,13 +203,36 @@ bool ScopedTempFile::moveTo(const std::string &newPath, bool withMode) {
         TELO_LOG_ERR("rename temp file to the same path[%s]", target.c_str());
         return false;
     }
-    bool moved = withMode ? Path::renameWithMode(path_, target)
-                          : ::rename(path_.c_str(), target.c_str()) == 0;
-    if (!moved) return false;
-    path_.clear();
-    hash_ = 0;
-    close();
-    return true;
+    // The file is checked through its descriptor; once that is closed, a file that is still
+    // only ours (regular, the caller's, one link) is taken at the name.
+    internal::HeldSource source;
+    internal::UniqueFd opened;
+    bool foreign = false;
+    source.fd = fd_;
+    if (fd_ < 0) {
+        opened.reset(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat64 st;
+        if (opened && (fstat64(opened.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+                       st.st_uid != geteuid() || st.st_nlink != 1)) {
+            opened.reset();
+            foreign = true;
+            errno = ESTALE;
+        }
+        source.fd = opened.get();
+        source.openErrno = errno;
+    }
+    source.srcName = source.src = path_;
+    source.dstName = source.dst = target;
+    bool swapped = false;
+    bool moved = withMode ? internal::renameHeldWithMode(source, swapped)
+                          : internal::renameHeld(source, swapped);
+    // A name that no longer holds our file is not ours to remove either.
+    if (moved || swapped || foreign) {
+        path_.clear();
+        hash_ = 0;
+    }
+    if (moved) close();
+    return moved;
 }
 
 bool ScopedTempFile::rename(const std::string &newPath) {

@@ -115,6 +115,30 @@ TEST_F(Temporaries, RenameAndPreserve) {
     EXPECT_EQ((Names{"f" + kept.substr(kept.size() - 7), "moved", "vol"}), listDir(dir.path()));
 }
 
+// A name that no longer holds the temporary (swapped while it was open, or a second link to it
+// once it was closed) is neither moved nor removed: the object gives it up.
+TEST_F(Temporaries, RenameRefusesANameThatIsNoLongerTheTemporary) {
+    std::string planted = dir.file("planted");
+    for (bool withMode : {false, true}) {
+        ScopedTempFile file(dir.file("t"), false);
+        std::string name = file.getPath();
+        ASSERT_EQ(0, rename(name.c_str(), dir.file("away").c_str()));
+        writeFile(name, "planted", 0644);
+        EXPECT_FALSE(withMode ? file.renameWithMode(planted) : file.rename(planted));
+        EXPECT_EQ(ESTALE, errno);
+        EXPECT_FALSE(file.isValid());
+        EXPECT_EQ("planted", readFile(name));
+        ASSERT_EQ(0, unlink(name.c_str()));
+    }
+    ScopedTempFile closed(dir.file("t"), true);
+    ASSERT_EQ(0, link(closed.getPath().c_str(), dir.file("second").c_str()));
+    EXPECT_FALSE(closed.rename(planted) || errno != ESTALE || closed.isValid());
+    EXPECT_FALSE(exists(planted));
+    // Only the move with the mode logs, as renameWithMode's failed rename.
+    EXPECT_EQ(1, log.count(LOG_ERR, "<any>rename failed Stale file handle, [" + planted + "]"));
+    EXPECT_EQ(1u, log.size()) << log.dump();
+}
+
 TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
     writeFile(dir.file("vol/keep"), "k");
     {

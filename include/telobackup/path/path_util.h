@@ -112,6 +112,10 @@ class TELO_EXPORT Path {
     // followed), gets the mode it would have had if created under the current umask (0666 or
     // 0777 minus umask). A refused chmod (EPERM) is accepted on FAT and
     // foreign file systems (TELOGetFSType codes 0 and 5).
+    // `src` is opened once, without following a link at its name, and every attribute is set
+    // through that descriptor, never by path: just before the rename its name must still be
+    // that file, and afterwards `dst` must be it, else the call fails with errno ESTALE, logged
+    // as a failed rename (another process swapped a name).
     // Failure: false, errno from the failing call, `dst` unchanged unless the rename itself
     // succeeded. Logs "Failed to copy ACL from [%s] to [%s]", "rename failed, %m [%s]",
     // "rename failed %m [%s]", "rename failed %m, [%s]", "lstat failed, %m [%s]",
