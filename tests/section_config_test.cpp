@@ -21,6 +21,7 @@
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telobackup/json_text.h"
+#include "telobackup/option_map.h"
 
 using TELO::Backup::jsonFromString;
 using TELO::Backup::SectionConfig;
@@ -195,6 +196,54 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     EXPECT_EQ(kSample, readFile(file));
     EXPECT_EQ(kSample, readFile(readOnly));
     EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));
+}
+
+// ---- Links another user planted --------------------------------------------------------------
+
+// A user plants links in their own directory to a root-only file, to a name that does not exist
+// yet in a root-only directory, and to that directory itself. Every read and write of root
+// through them fails with EPERM before anything is opened, and the root-only directory stays as
+// it was. A link the user made to their own file is followed, and the file stays theirs.
+TEST(SectionConfigAttack, PlantedLinksAreFollowedOnlyWhenTrusted) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to be lured";
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
+        const std::string home = "/tmp/home", rootOnly = "/tmp/rootonly";
+        makeDir(home, 0755);
+        CHILD_CHECK(chown(home.c_str(), 65534, 65534) == 0);
+        makeDir(rootOnly, 0700);
+        writeFile(rootOnly + "/file", "[s]\nsecret=1\n", 0600);
+        const std::string before = describeTree(rootOnly);
+        Attacker attacker({[&] {
+            writeFile(home + "/own", "[s]\nk=1\n", 0640);
+            return symlink("/tmp/rootonly/file", (home + "/a.conf").c_str()) == 0 &&
+                   symlink("/tmp/rootonly/new", (home + "/new.conf").c_str()) == 0 &&
+                   symlink("/tmp/rootonly", (home + "/dir").c_str()) == 0 &&
+                   symlink("own", (home + "/mine.conf").c_str()) == 0;
+        }});
+        CHILD_CHECK(attacker.perform(0));
+        SyslogCapture log{"section_config"};
+        Json::Value values = json("{\"k\":2}"), loaded;
+        std::list<std::string> names;
+        for (const std::string &conf : {home + "/a.conf", home + "/new.conf", home + "/dir/file"}) {
+            errno = 0;
+            CHILD_CHECK(!SectionConfig::updateSection(conf, "s", values, true) && errno == EPERM);
+            CHILD_CHECK(!SectionConfig::removeSection(conf, "s") && errno == EPERM);
+            CHILD_CHECK(!SectionConfig::loadSection(conf, "s", loaded) && errno == EPERM);
+            CHILD_CHECK(!SectionConfig::listSection(conf, names) && errno == EPERM);
+            // Nor is a new section made there.
+            TELO::Backup::OptionMap map;
+            CHILD_CHECK(!map.optSectionCreate(conf, "n", false) && errno == EPERM);
+        }
+        CHILD_CHECK_EQ(6, log.err("open failed, Operation not permitted"));
+        CHILD_CHECK_EQ(before, describeTree(rootOnly));
+
+        CHILD_CHECK(SectionConfig::updateSection(home + "/mine.conf", "s", values, false));
+        CHILD_CHECK_EQ(std::string("[s]\nk=2\n"), readFile(home + "/own"));
+        struct stat st;
+        CHILD_CHECK(lstat((home + "/own").c_str(), &st) == 0 && st.st_uid == 65534);
+        CHILD_CHECK((st.st_mode & 07777) == 0640);
+        CHILD_CHECK(lstat((home + "/mine.conf").c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    });
 }
 
 // ---- Another user swapping the temporary --------------------------------------------------------

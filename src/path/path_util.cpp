@@ -15,6 +15,7 @@
 #include <new>
 
 #include "internal/held_rename.h"
+#include "internal/safe_open.h"
 #include "internal/syslog.h"
 #include "internal/test_hook.h"
 #include "internal/tree_remover.h"
@@ -266,8 +267,14 @@ int Path::createIpcLockFile(const std::string &name) {
     std::string dirPath;
     UniqueFd dir = openIpcSubdir("lock", 0770, dirPath);
     if (!dir) return -1;
-    UniqueFd fd(
-        openat(dir.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockFileMode));
+    // The name stays beneath the lock directory, and only a file this call made is given its
+    // mode: a name that led elsewhere must not get anything of ours chmodded or created.
+    bool created = true;
+    UniqueFd fd(internal::openBeneath(dir.get(), name, O_RDWR | O_CREAT | O_EXCL, kLockFileMode));
+    if (!fd && errno == EEXIST) {
+        created = false;
+        fd.reset(internal::openBeneath(dir.get(), name, O_RDWR, 0));
+    }
     if (!fd) return -1;
     struct stat st;
     if (fstat(fd.get(), &st) != 0) return -1;
@@ -276,9 +283,7 @@ int Path::createIpcLockFile(const std::string &name) {
         return -1;
     }
     // The umask must not lock other users out of a shared lock file.
-    if (st.st_uid == geteuid() && (st.st_mode & 0777) != kLockFileMode) {
-        fchmod(fd.get(), kLockFileMode);
-    }
+    if (created && (st.st_mode & 0777) != kLockFileMode) fchmod(fd.get(), kLockFileMode);
     return fd.release();
 }
 

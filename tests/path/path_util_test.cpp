@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "internal/safe_open.h"
 #include "internal/test_hook.h"
 #include "support/attacker.h"
 #include "support/child.h"
@@ -22,6 +23,7 @@ using TELO::Backup::ConfigPath;
 using TELO::Backup::Path;
 using TELO::Backup::removeAll;
 using TELO::Backup::internal::HookPoint;
+using TELO::Backup::internal::openBeneathByWalk;
 using TELO::Backup::internal::testHook;
 using namespace testsupport;
 using Parts = std::vector<std::string>;
@@ -258,6 +260,55 @@ TEST(IpcTree, PlantedLinksAreNeverFollowed) {
         // Nor is a directory where a lock file should be.
         CHILD_CHECK(mkdir("/tmp/telobackup/lock/dir", 0700) == 0);
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dir"));
+    });
+}
+
+// A member of the lock directory's group plants a link to a root-only directory there, and a
+// lock name given to root climbs out of the tree: root's lock files never land outside, nothing
+// outside is created or chmodded. Names with "/" that stay inside work. The walk used where
+// openat2 is missing confines the same names the same way.
+TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
+    if (!canChangeOwner()) GTEST_SKIP() << "needs root to share the lock directory with a group";
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        makeDir("/tmp/victims", 0700);
+        writeFile("/tmp/victims/file", "precious", 0600);
+        writeFile("/tmp/victim", "precious", 0600);
+        const std::string before = describeTree("/tmp/victims") + describeTree("/tmp/victim");
+        const std::string lockDir = Path::createIpcTempPath("lock", 0770);
+        CHILD_CHECK(chown(lockDir.c_str(), 0, 65534) == 0);
+        Attacker attacker(
+            {[] { return symlink("/tmp/victims", "/tmp/telobackup/lock/app") == 0; }});
+        CHILD_CHECK(attacker.perform(0));
+        makeDir(lockDir + "/sub", 0755);
+        int dirFd = open(lockDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        const std::pair<const char *, int> escapes[] = {
+            {"app/file", ELOOP},
+            {"app/new", ELOOP},
+            {"../../victim", EXDEV},
+            {"/tmp/victim", EXDEV},
+            {"sub/../../../victim", EXDEV},
+            {"../../created", EXDEV},
+        };
+        for (auto [name, expected] : escapes) {
+            errno = 0;
+            CHILD_CHECK_EQ(-1, Path::createIpcLockFile(name));
+            CHILD_CHECK_EQ(expected, errno);
+            errno = 0;
+            CHILD_CHECK_EQ(-1, openBeneathByWalk(dirFd, name, O_RDWR | O_CREAT, 0666));
+            CHILD_CHECK_EQ(expected, errno);
+        }
+        CHILD_CHECK_EQ(before, describeTree("/tmp/victims") + describeTree("/tmp/victim"));
+        CHILD_CHECK(!exists("/tmp/created"));
+        for (const char *name : {"sub/t", "sub/../t2"}) {
+            int fd = Path::createIpcLockFile(name);
+            CHILD_CHECK(fd >= 0);
+            close(fd);
+            fd = openBeneathByWalk(dirFd, name, O_RDWR, 0);
+            CHILD_CHECK(fd >= 0);
+            close(fd);
+        }
+        CHILD_CHECK(fileMode(lockDir + "/sub/t") == 0666 && fileMode(lockDir + "/t2") == 0666);
+        close(dirFd);
     });
 }
 

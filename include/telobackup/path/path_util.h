@@ -96,10 +96,12 @@ class TELO_EXPORT Path {
 
     // Opens (creating with mode 0666 if needed) the lock file `name` in the "lock" sub-directory
     // of the IPC tree (mode 0770), read-write and close-on-exec, and returns the descriptor; the
-    // caller owns it and takes any lock itself. A lock file of the caller's is brought to 0666
-    // whatever the umask, so that other users can lock it too. A symbolic link at that name is
-    // refused (ELOOP), and so are a directory (EISDIR) and other non-regular files (EINVAL).
-    // `name` is not checked for slashes.
+    // caller owns it and takes any lock itself. A lock file this call creates gets 0666
+    // whatever the umask, so that other users can lock it too; an existing one is left as it
+    // is. `name` may hold "/" as long as it stays beneath the lock directory: a name that is
+    // absolute or climbs out ("../x") fails with EXDEV, and a symbolic link anywhere in it
+    // (planted at the name or at a directory on the way) with ELOOP; a directory (EISDIR) and
+    // other non-regular files (EINVAL) are refused too.
     // Failure: -1 with errno set; only the failures of createIpcTempPath are logged.
     static int createIpcLockFile(const std::string &name);
 
