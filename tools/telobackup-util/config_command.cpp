@@ -31,6 +31,7 @@ struct ConfigArgs {
     std::vector<std::string> secrets;      // KEY, value read from standard input
     std::vector<std::string> keys;
     std::string lockToken;
+    double waitSeconds = -1;  // for the lock; negative: as long as it takes
     bool create = false;
     bool increasing = false;
     bool decrypt = false;
@@ -132,39 +133,29 @@ void applyValues(const ConfigArgs &args, OptionMap &map) {
 
     for (const auto &kv : values) map.optSet(kv.first, kv.second);
     for (const auto &kv : texts) map.optSet(kv.first, kv.second, false);
+    // A key made now cannot read secrets sealed under one that went missing: say so.
+    struct stat st;
+    bool hadKey = secrets.empty() || lstat(secretKeyPath().c_str(), &st) == 0 || errno != ENOENT;
     for (const auto &kv : secrets) {
         map.optSet(kv.first, kv.second, true);
         std::string stored;
         if (map.optGet(kv.first, stored, false) && stored.empty() && !kv.second.empty()) {
-            throw CommandError(kExitFailed, "cannot encrypt secret '" + kv.first +
-                                                "' (see the system log; is the key file "
-                                                "readable?)");
+            throw CommandError(kExitFailed,
+                               "cannot encrypt secret '" + kv.first + "': " + keyProblem());
         }
     }
+    if (!hadKey && lstat(secretKeyPath().c_str(), &st) == 0) {
+        std::cerr << "telobackup-util: created a new secret key " << secretKeyPath()
+                  << " (keep a copy: secrets cannot be read without it)\n";
+    }
 }
 
-void setToken(OptionMap &map, const ConfigArgs &args) {
-    map.setLockToken(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken);
+// The lock of a write, held for the whole read-modify-write (the maps then carry no token of
+// their own), released on every way out.
+ConfigLock takeLock(const ConfigArgs &args) {
+    return ConfigLock(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken,
+                      args.waitSeconds);
 }
-
-// Holds the map's lock for a read-modify-write, releasing it on every way out.
-class HeldLock {
-  public:
-    explicit HeldLock(OptionMap &map) : map_(map) {
-        if (!map_.lock()) throw CommandError(kExitLockFailed, "cannot take the configuration lock");
-    }
-    ~HeldLock() {
-        if (held_) map_.unlock();
-    }
-    void release() {
-        held_ = false;
-        if (!map_.unlock()) throw CommandError(kExitLockFailed, "cannot release the lock");
-    }
-
-  private:
-    OptionMap &map_;
-    bool held_ = true;
-};
 
 // Loads `section` of `file` into `map`; not found is exit code 1.
 void loadSection(OptionMap &map, const std::string &file, const std::string &section) {
@@ -172,7 +163,7 @@ void loadSection(OptionMap &map, const std::string &file, const std::string &sec
     if (errno == ENOENT) {
         throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
     }
-    throw systemError(kExitInvalidFile, file);
+    throw fileError(kExitInvalidFile, file, file);
 }
 
 // Writes `map` as `section` of `file`; the caller holds the lock.
@@ -185,7 +176,7 @@ void exportSection(const OptionMap &map, const std::string &file, const std::str
     if (errno == ENOENT && !create) {
         throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
     }
-    throw systemError(kExitCannotWrite, "cannot write " + file);
+    throw fileError(kExitCannotWrite, "cannot write " + file, file);
 }
 
 void printValue(const Json::Value &value, bool json) {
@@ -200,7 +191,7 @@ void runSections(const ConfigArgs &args, const Context &context) {
     requireFile(args.file);
     std::list<std::string> names;
     if (!OptionMap::optSectionListName(args.file, names))
-        throw systemError(kExitInvalidFile, args.file);
+        throw fileError(kExitInvalidFile, args.file, args.file);
     if (context.json) {
         Json::Value list(Json::arrayValue);
         for (const std::string &name : names) list.append(name);
@@ -229,7 +220,7 @@ void runGet(const ConfigArgs &args, const Context &context) {
         std::string plain;
         map.optGet(args.key, plain, true);
         if (plain.empty() && !value.asString().empty()) {
-            throw CommandError(kExitFailed, "cannot decrypt '" + args.key + "'");
+            throw CommandError(kExitFailed, "cannot decrypt '" + args.key + "': " + keyProblem());
         }
         value = plain;
     }
@@ -243,9 +234,8 @@ void runSet(const ConfigArgs &args, const Context &) {
     if (!args.create) requireFile(args.file);
     OptionMap map;
     applyValues(args, map);  // before the lock: standard input may be slow
+    ConfigLock lock = takeLock(args);
     OptionMap current;
-    setToken(current, args);
-    HeldLock lock(current);
     if (!current.optSectionLoad(args.file, args.section, -1) && (errno != ENOENT || !args.create)) {
         loadSection(current, args.file, args.section);  // reports the failure
     }
@@ -256,9 +246,8 @@ void runSet(const ConfigArgs &args, const Context &) {
 
 void runUnset(const ConfigArgs &args, const Context &) {
     requireFile(args.file);
+    ConfigLock lock = takeLock(args);
     OptionMap map;
-    setToken(map, args);
-    HeldLock lock(map);
     loadSection(map, args.file, args.section);
     for (const std::string &key : args.keys) map.optRemove(key);
     exportSection(map, args.file, args.section, false);
@@ -267,15 +256,16 @@ void runUnset(const ConfigArgs &args, const Context &) {
 
 void runDelete(const ConfigArgs &args, const Context &) {
     requireFile(args.file);
+    ConfigLock lock = takeLock(args);
     OptionMap map;
-    setToken(map, args);
     loadSection(map, args.file, args.section);
     if (!map.optSectionRemove()) {
         if (errno == ENOENT) {
             throw CommandError(kExitNotFound, args.file + ": no section [" + args.section + "]");
         }
-        throw systemError(kExitCannotWrite, "cannot write " + args.file);
+        throw fileError(kExitCannotWrite, "cannot write " + args.file, args.file);
     }
+    lock.release();
 }
 
 void runNew(const ConfigArgs &args, const Context &context) {
@@ -286,17 +276,20 @@ void runNew(const ConfigArgs &args, const Context &context) {
     }
     OptionMap map;
     applyValues(args, map);
-    setToken(map, args);
+    ConfigLock lock = takeLock(args);
     bool created = args.increasing ? map.optSectionCreateIncreaseId(args.file, args.section)
                                    : map.optSectionCreate(args.file, args.section, true);
     if (!created) {
-        throw systemError(kExitCannotWrite,
-                          "cannot create a section " + args.section + "N in " + args.file);
+        throw fileError(kExitCannotWrite,
+                        "cannot create a section " + args.section + "N in " + args.file, args.file);
     }
     if (!map.optSectionSave()) {
-        throw systemError(kExitCannotWrite, "created [" + map.optSectionGetName() +
-                                                "] but cannot save its values in " + args.file);
+        throw fileError(
+            kExitCannotWrite,
+            "created [" + map.optSectionGetName() + "] but cannot save its values in " + args.file,
+            args.file);
     }
+    lock.release();
     if (context.json) {
         Json::Value out;
         out["section"] = map.optSectionGetName();
@@ -311,7 +304,7 @@ void runDump(const ConfigArgs &args, const Context &) {
     requireFile(args.file);
     std::list<std::string> names;
     if (!OptionMap::optSectionListName(args.file, names))
-        throw systemError(kExitInvalidFile, args.file);
+        throw fileError(kExitInvalidFile, args.file, args.file);
     Json::Value all(Json::objectValue);
     for (const std::string &name : names) {
         if (all.isMember(name)) continue;  // a later copy of a name is never read
@@ -338,6 +331,19 @@ void addLockOption(CLI::App *command, ConfigArgs &args) {
     command->add_option("--lock", args.lockToken,
                         "Lock token shared with the other writers of FILE (default: "
                         "telobackup-util.<name>.<hash of the real path>)");
+    command
+        ->add_option("--wait", args.waitSeconds,
+                     "Wait at most SECONDS for the lock, then fail with exit status 5 (default: "
+                     "as long as it takes; after 2 s the process holding it is named)")
+        ->option_text("SECONDS")
+        ->check(
+            [](const std::string &text) {
+                char *end = nullptr;
+                double seconds = strtod(text.c_str(), &end);
+                bool fine = end != text.c_str() && *end == '\0' && seconds >= 0 && seconds < 1e9;
+                return fine ? std::string() : "expected a number of seconds, 0 or more";
+            },
+            "SECONDS");
 }
 
 }  // namespace
