@@ -121,23 +121,23 @@ class Remover {
         return std::find(level.kept.begin(), level.kept.end(), name) != level.kept.end();
     }
 
-    void setPath(size_t index, const std::string &name) {
+    void setPath(size_t index, const char *name) {
         path_.resize(levels_[index].pathLength);
         path_.append("/").append(name);
     }
 
     // Removes one entry of level `index`: a non-directory at once, a directory by going down.
-    void visit(size_t index, const std::string &name, unsigned char type) {
+    void visit(size_t index, const char *name, unsigned char type) {
         setPath(index, name);
         int dirFd = dirfd(levels_[index].stream);
         bool directory = type == DT_DIR;
         if (type == DT_UNKNOWN) {
             struct stat64 st;
-            directory = fstatat64(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                        S_ISDIR(st.st_mode);
+            directory =
+                fstatat64(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
         }
         if (!directory) {
-            if (unlinkat(dirFd, name.c_str(), 0) == 0 || errno == ENOENT) return;
+            if (unlinkat(dirFd, name, 0) == 0 || errno == ENOENT) return;
             // Turned into a directory since it was listed: go down into it instead. A file
             // bind-mounted here (EBUSY) belongs to another file system: not ours to remove.
             if (errno != EISDIR) {
@@ -146,7 +146,7 @@ class Remover {
                 return;
             }
         }
-        UniqueFd child(openat(dirFd, name.c_str(), kDirectoryFlags));
+        UniqueFd child(openat(dirFd, name, kDirectoryFlags));
         Identity id;
         if (child && !identify(child.get(), id)) child.reset();
         if (!child) {
@@ -154,7 +154,7 @@ class Remover {
             // Replaced by something else since it was listed: remove that instead. An
             // unreadable directory is removed like an empty one (which fails if it is not).
             bool replaced = errno == ENOTDIR || errno == ELOOP;
-            if (!removeEntry(dirFd, name.c_str(), !replaced)) levels_[index].kept.push_back(name);
+            if (!removeEntry(dirFd, name, !replaced)) levels_[index].kept.push_back(name);
             return;
         }
         // A file system mounted here, or a directory bound here, is left alone, and so is its
@@ -196,14 +196,14 @@ class Remover {
         std::string name = std::move(levels_[index].name);
         closedir(levels_[index].stream);
         levels_.pop_back();
-        setPath(index - 1, name);
+        setPath(index - 1, name.c_str());
         int parentFd = dirfd(parent.stream);
         if (unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return;
         // Swapped for a link or a file while it was emptied: that goes too.
         if (errno == ENOTDIR && (unlinkat(parentFd, name.c_str(), 0) == 0 || errno == ENOENT)) {
             return;
         }
-        keepAfterFailure(index - 1, name, true);
+        keepAfterFailure(index - 1, name.c_str(), true);
     }
 
     // Opens the given-up level `index` again, from the open level below it by "..", else from
@@ -255,7 +255,7 @@ class Remover {
         return false;
     }
 
-    void keepAfterFailure(size_t index, const std::string &name, bool directory) {
+    void keepAfterFailure(size_t index, const char *name, bool directory) {
         record(directory);
         levels_[index].kept.push_back(name);
     }
