@@ -18,6 +18,7 @@
 #include "internal/held_rename.h"
 #include "internal/safe_open.h"
 #include "internal/syslog.h"
+#include "internal/test_hook.h"
 #include "internal/unique_fd.h"
 #include "telobackup/json_text.h"
 #include "telobackup/path/path_util.h"
@@ -447,7 +448,7 @@ struct TempOutput {
     std::unique_ptr<char[]> buffer;
     FilePtr stream;
 
-    explicit TempOutput(const ConfigFile &file) : target(file), temp(file.path, false) {}
+    explicit TempOutput(const ConfigFile &file) : target(file), temp(announce(file.path), false) {}
 
     // Logs "create temp failed" or "<streamStep> failed" with the reason.
     bool open(const char *streamStep) {
@@ -489,6 +490,11 @@ struct TempOutput {
     }
 
   private:
+    static const std::string &announce(const std::string &path) {
+        internal::runTestHook(internal::HookPoint::kBeforeTempCreate, path.c_str());
+        return path;
+    }
+
     // The temporary was made by path: a directory swapped on the way would have put it
     // elsewhere.
     bool inTargetDirectory() {

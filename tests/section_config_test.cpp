@@ -303,6 +303,39 @@ TEST(SectionConfigAttack, SwappedTemporaryChangesNothingOutside) {
     }
 }
 
+// The owner of the directory above a configuration's swaps that directory for a link to a
+// root-only directory holding a file of the same name, after root opened the configuration and
+// before it makes the temporary. The temporary lands in the wrong directory, is found there and
+// removed, and the rewrite fails: the root-only file is not replaced with the user's content.
+TEST(SectionConfigAttack, SwappedDirectoryDoesNotRedirectTheRewrite) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to rewrite another user's file";
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
+        const std::string home = "/tmp/home", conf = "/tmp/home/app/a.conf";
+        makeDir(home, 0755);
+        makeDir(home + "/app", 0755);
+        writeFile(conf, "[s]\nk=1\n", 0644);
+        for (const std::string &path : {home, home + "/app", conf}) {
+            CHILD_CHECK(chown(path.c_str(), 65534, 65534) == 0);
+        }
+        makeDir("/tmp/rootonly", 0700);
+        writeFile("/tmp/rootonly/a.conf", "[s]\nsecret=1\n", 0600);
+        const std::string before = describeTree("/tmp/rootonly");
+        Attacker attacker({[home] {
+            return rename((home + "/app").c_str(), (home + "/moved").c_str()) == 0 &&
+                   symlink("/tmp/rootonly", (home + "/app").c_str()) == 0;
+        }});
+        swapper = &attacker;
+        swapAt = HookPoint::kBeforeTempCreate;
+        testHook = swapWhenDue;
+        bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
+        int writeErrno = errno;
+        testHook = nullptr;
+        CHILD_CHECK(swapDone && !written && writeErrno == ESTALE);
+        CHILD_CHECK_EQ(before, describeTree("/tmp/rootonly"));
+        CHILD_CHECK_EQ(std::string("[s]\nk=1\n"), readFile(home + "/moved/a.conf"));
+    });
+}
+
 // ---- A writer killed at random moments --------------------------------------------------------
 
 namespace {

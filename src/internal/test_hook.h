@@ -12,6 +12,8 @@ namespace internal {
 enum class HookPoint {
     // The tree remover has opened a directory (`path`, `depth` levels below the top).
     kDirectoryOpened,
+    // A rewrite of `path` has opened it; its temporary is made next.
+    kBeforeTempCreate,
     // A temporary the library wrote is about to be checked and renamed over `path`.
     kBeforeTempCheck,
     // The temporary has been checked; the rename over `path` comes next.
