@@ -258,6 +258,18 @@ void swapWhenDue(HookPoint point, const char *, int) {
     if (point == swapAt && !swapDone) swapDone = swapper->perform(0);
 }
 
+// Rewrites section "s" of `conf` while `attacker` performs its step 0 at `point`: true when the
+// step was done and the rewrite failed with ESTALE.
+bool rewriteFailsUnderAttack(Attacker &attacker, HookPoint point, const std::string &conf) {
+    swapper = &attacker;
+    swapAt = point;
+    testHook = swapWhenDue;
+    bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
+    int writeErrno = errno;
+    testHook = nullptr;
+    return swapDone && !written && writeErrno == ESTALE;
+}
+
 }  // namespace
 
 // The owner of a configuration's directory renames root's temporary away and plants a link to a
@@ -285,13 +297,7 @@ TEST(SectionConfigAttack, SwappedTemporaryChangesNothingOutside) {
                 return false;
             }});
             SyslogCapture log{"path/path_util"};
-            swapper = &attacker;
-            swapAt = point;
-            testHook = swapWhenDue;
-            bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
-            int writeErrno = errno;
-            testHook = nullptr;
-            CHILD_CHECK(swapDone && !written && writeErrno == ESTALE);
+            CHILD_CHECK(rewriteFailsUnderAttack(attacker, point, conf));
             CHILD_CHECK_EQ(victim, describeTree("/tmp/secret"));
             CHILD_CHECK(log.err("rename failed<any>Stale file handle<any>[" + conf + "]") == 1);
             if (point == HookPoint::kBeforeTempCheck) {
@@ -324,13 +330,7 @@ TEST(SectionConfigAttack, SwappedDirectoryDoesNotRedirectTheRewrite) {
             return rename((home + "/app").c_str(), (home + "/moved").c_str()) == 0 &&
                    symlink("/tmp/rootonly", (home + "/app").c_str()) == 0;
         }});
-        swapper = &attacker;
-        swapAt = HookPoint::kBeforeTempCreate;
-        testHook = swapWhenDue;
-        bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
-        int writeErrno = errno;
-        testHook = nullptr;
-        CHILD_CHECK(swapDone && !written && writeErrno == ESTALE);
+        CHILD_CHECK(rewriteFailsUnderAttack(attacker, HookPoint::kBeforeTempCreate, conf));
         CHILD_CHECK_EQ(before, describeTree("/tmp/rootonly"));
         CHILD_CHECK_EQ(std::string("[s]\nk=1\n"), readFile(home + "/moved/a.conf"));
     });
