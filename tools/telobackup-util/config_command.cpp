@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "cli.h"
+#include "config_dump.h"
 #include "telobackup/json_text.h"
 #include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
@@ -74,6 +75,14 @@ void requireFile(const std::string &file) {
     }
     if (!S_ISREG(st.st_mode)) throw CommandError(kExitInvalidFile, file + ": not a regular file");
     if (access(file.c_str(), R_OK) != 0) throw systemError(kExitInvalidFile, file);
+}
+
+// The section argument names no section the map could be bound to.
+void requireSection(const std::string &section, const char *command) {
+    if (section.empty()) {
+        throw CommandError(kExitUsage, std::string("config ") + command +
+                                           ": bad section '': a section name cannot be empty");
+    }
 }
 
 // Splits "KEY=VALUE" at its first "=".
@@ -211,6 +220,7 @@ void runSections(const ConfigArgs &args, const Context &context) {
 }
 
 void runGet(const ConfigArgs &args, const Context &context) {
+    requireSection(args.section, "get");
     requireFile(args.file);
     OptionMap map;
     loadSection(map, args.file, args.section);
@@ -226,6 +236,11 @@ void runGet(const ConfigArgs &args, const Context &context) {
                            args.file + ": no key '" + args.key + "' in [" + args.section + "]");
     }
     if (args.decrypt) {
+        if (!value.isString()) {
+            throw CommandError(kExitInvalidFile, args.file + ": '" + args.key +
+                                                     "' in [" + args.section +
+                                                     "] is not a secret (not a string)");
+        }
         std::string plain;
         map.optGet(args.key, plain, true);
         if (plain.empty() && !value.asString().empty()) {
@@ -237,6 +252,7 @@ void runGet(const ConfigArgs &args, const Context &context) {
 }
 
 void runSet(const ConfigArgs &args, const Context &) {
+    requireSection(args.section, "set");
     if (args.assignments.empty() && args.strings.empty() && args.secrets.empty()) {
         throw CommandError(kExitUsage, "config set: nothing to set");
     }
@@ -255,6 +271,7 @@ void runSet(const ConfigArgs &args, const Context &) {
 }
 
 void runUnset(const ConfigArgs &args, const Context &) {
+    requireSection(args.section, "unset");
     requireFile(args.file);
     OptionMap map;
     setToken(map, args);
@@ -266,6 +283,7 @@ void runUnset(const ConfigArgs &args, const Context &) {
 }
 
 void runDelete(const ConfigArgs &args, const Context &) {
+    requireSection(args.section, "delete");
     requireFile(args.file);
     OptionMap map;
     setToken(map, args);
@@ -309,19 +327,7 @@ void runNew(const ConfigArgs &args, const Context &context) {
 
 void runDump(const ConfigArgs &args, const Context &) {
     requireFile(args.file);
-    std::list<std::string> names;
-    if (!OptionMap::optSectionListName(args.file, names))
-        throw systemError(kExitInvalidFile, args.file);
-    Json::Value all(Json::objectValue);
-    for (const std::string &name : names) {
-        if (all.isMember(name)) continue;  // a later copy of a name is never read
-        OptionMap map;
-        loadSection(map, args.file, name);
-        Json::Value values;
-        TELO::Backup::jsonFromString(values, map.optToJsonString());
-        all[name] = values.isNull() ? Json::Value(Json::objectValue) : values;
-    }
-    printJson(all);
+    dumpSections(args.file);
 }
 
 void addValueOptions(CLI::App *command, ConfigArgs &args) {

@@ -1,5 +1,6 @@
 // volumes: what the platform sees, and where each volume filter would put temporary data.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 
 #include "cli.h"
@@ -52,19 +53,25 @@ void run(const Context &context) {
         printJson(out);
         return;
     }
-    printf("%-32s %-10s %18s %s\n", "VOLUME", "TYPE", "FREE BYTES", "USABLE");
+    std::string text;
+    auto line = [&text](const char *format, auto... args) {
+        char buffer[8192];
+        int length = snprintf(buffer, sizeof(buffer), format, args...);
+        if (length > 0) text.append(buffer, std::min<size_t>(length, sizeof(buffer) - 1));
+    };
+    line("%-32s %-10s %18s %s\n", "VOLUME", "TYPE", "FREE BYTES", "USABLE");
     for (const Json::Value &v : volumes) {
-        printf("%-32s %-10s %18llu %s\n", v["path"].asCString(), v["type"].asCString(),
-               static_cast<unsigned long long>(v["freeBytes"].asUInt64()),
-               v["usable"].asBool() ? "yes" : "no");
+        line("%-32s %-10s %18llu %s\n", v["path"].asCString(), v["type"].asCString(),
+             static_cast<unsigned long long>(v["freeBytes"].asUInt64()),
+             v["usable"].asBool() ? "yes" : "no");
     }
-    if (volumes.empty()) printf("(no volume)\n");
-    printf("\n%-16s %s\n", "FILTER", "TEMPORARY DIRECTORY");
+    if (volumes.empty()) line("(no volume)\n");
+    line("\n%-16s %s\n", "FILTER", "TEMPORARY DIRECTORY");
     for (const auto &filter : filters) {
         const Json::Value &choice = choices[filter.first];
-        printf("%-16s %s\n", filter.first, choice.isNull() ? "(none)" : choice.asCString());
+        line("%-16s %s\n", filter.first, choice.isNull() ? "(none)" : choice.asCString());
     }
-    fflush(stdout);
+    writeOut(text.data(), text.size());
 }
 
 }  // namespace
