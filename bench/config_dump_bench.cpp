@@ -22,8 +22,8 @@ namespace {
 std::string scratchDir() {
     static const std::string dir = [] {
         const char *tmp = getenv("TMPDIR");
-        std::string path = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-                           "/telo-dump-bench.XXXXXX";
+        std::string path =
+            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/telo-dump-bench.XXXXXX";
         if (mkdtemp(&path[0]) == nullptr) abort();
         return path;
     }();

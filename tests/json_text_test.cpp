@@ -45,8 +45,8 @@ TEST(JsonText, DeepNestingFailsWithoutThrowing) {
     };
     Json::Value v("keep");
     EXPECT_TRUE(jsonFromString(v, nested(1000, true)));
-    for (const std::string &text : {nested(1001, true), nested(1001, false),
-                                    nested(100000, false), "{\"a\":" + nested(1001, true) + "}"}) {
+    for (const std::string &text : {nested(1001, true), nested(1001, false), nested(100000, false),
+                                    "{\"a\":" + nested(1001, true) + "}"}) {
         v = "keep";
         EXPECT_FALSE(jsonFromString(v, text)) << text.size();
         EXPECT_EQ("keep", v.asString());

@@ -103,7 +103,9 @@ TEST_F(OptionMapTest, HostileValuesReadAsMissing) {
         }
         EXPECT_EQ(row.number, map.optInt(row.key, 7));
         bool flagDefaulted = map.optBool(row.key, true) && !map.optBool(row.key, false);
-        EXPECT_EQ(row.flag, std::string(flagDefaulted ? "D" : map.optBool(row.key, false) ? "t" : "f"));
+        EXPECT_EQ(row.flag, std::string(flagDefaulted                 ? "D"
+                                        : map.optBool(row.key, false) ? "t"
+                                                                      : "f"));
         long long wide = 99;
         bool got = map.optGet(row.key, wide);
         EXPECT_EQ(row.wide, got ? std::to_string(wide) : std::string("D"));

@@ -98,8 +98,8 @@ TEST_F(SectionConfigFile, LoadAndList) {
 // depth limit is one of them. A `values` of any kind ends as the section's object.
 TEST_F(SectionConfigFile, HostileValuesAreSkipped) {
     std::string deep = std::string(1001, '[') + std::string(1001, ']');
-    writeFile(file, "[a]\ne=" + std::string(1001, '[') + "\nf=" + deep + "\nok=1\n[b]\nd=" + deep +
-                        "\n");
+    writeFile(file,
+              "[a]\ne=" + std::string(1001, '[') + "\nf=" + deep + "\nok=1\n[b]\nd=" + deep + "\n");
     Json::Value array;  // becomes an array
     array.append(1);
     for (Json::Value values : {array, Json::Value("s"), Json::Value(3)}) {

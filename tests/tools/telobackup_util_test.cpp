@@ -214,7 +214,8 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
               "orphan=1\n[b]\nint=-5\nbig=123456789012345678901\nreal=1.0\nexp=1e2\nzero=-0\n"
               "lead=007\nstr=\"a\\\"b\\u00e9/\"\nraw=\"tab\there\"\nlist=[1, \"x\" ]\nempty=[]\n"
               "obj={\"b\":1,\"a\":[true,null]}\nnested=[[1],{}]\nbad=not json\ndeep=" +
-                  deep + "\nk=1\nk=2\n[a]\nlist=[\"/**/*.tmp\",\"/x\"]\nt=true\n[b]\nlater=1\n"
+                  deep +
+                  "\nk=1\nk=2\n[a]\nlist=[\"/**/*.tmp\",\"/x\"]\nt=true\n[b]\nlater=1\n"
                   "[c\xff]\nv=\"\xfe\xc3\xa9\"\n[]\ne=1\n[A]\n");
     std::istringstream names(out({"config", "sections", conf}));
     std::set<std::string> distinct;
@@ -243,7 +244,8 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
 // keeps the bytes.
 TEST_F(Tool, JsonOutputEscapesInvalidUtf8) {
     writeFile(conf, "[s\xff]\nv=\"\xc3\xa9 \xc3 \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82\xac\"\n");
-    std::string value = "\"\xc3\xa9 \\u00c3 \\u00ed\\u00a0\\u0080 \\u00f4\\u0090\\u0080\\u0080 \xe2\x82\xac\"";
+    std::string value =
+        "\"\xc3\xa9 \\u00c3 \\u00ed\\u00a0\\u0080 \\u00f4\\u0090\\u0080\\u0080 \xe2\x82\xac\"";
     EXPECT_EQ("[\"s\\u00ff\"]\n", out({"--json", "config", "sections", conf}));
     EXPECT_EQ("s\xff\n", out({"config", "sections", conf}));
     EXPECT_EQ("{\"v\":" + value + "}\n", out({"--json", "config", "get", conf, "s\xff"}));

@@ -237,8 +237,8 @@ void runGet(const ConfigArgs &args, const Context &context) {
     }
     if (args.decrypt) {
         if (!value.isString()) {
-            throw CommandError(kExitInvalidFile, args.file + ": '" + args.key +
-                                                     "' in [" + args.section +
+            throw CommandError(kExitInvalidFile, args.file + ": '" + args.key + "' in [" +
+                                                     args.section +
                                                      "] is not a secret (not a string)");
         }
         std::string plain;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "cli.h"

@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <iostream>
 

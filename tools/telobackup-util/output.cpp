@@ -59,7 +59,7 @@ size_t utf8Length(const unsigned char *p, size_t left) {
         length = 2;
     } else if (c >= 0xE0 && c <= 0xEF) {
         length = 3;
-        if (c == 0xE0) low = 0xA0;  // no overlong forms
+        if (c == 0xE0) low = 0xA0;   // no overlong forms
         if (c == 0xED) high = 0x9F;  // no surrogates
     } else if (c >= 0xF0 && c <= 0xF4) {
         length = 4;

@@ -1,10 +1,10 @@
 // volumes: what the platform sees, and where each volume filter would put temporary data.
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 
 #include "cli.h"
 #include "telo/platform.h"
+#include "telobackup/stringf.h"
 #include "telobackup/temp_manager/temp_manager.h"
 
 namespace telocli {
@@ -53,23 +53,19 @@ void run(const Context &context) {
         printJson(out);
         return;
     }
-    std::string text;
-    auto line = [&text](const char *format, auto... args) {
-        char buffer[8192];
-        int length = snprintf(buffer, sizeof(buffer), format, args...);
-        if (length > 0) text.append(buffer, std::min<size_t>(length, sizeof(buffer) - 1));
-    };
-    line("%-32s %-10s %18s %s\n", "VOLUME", "TYPE", "FREE BYTES", "USABLE");
+    using TELO::Backup::stringf;
+    std::string text = stringf("%-32s %-10s %18s %s\n", "VOLUME", "TYPE", "FREE BYTES", "USABLE");
     for (const Json::Value &v : volumes) {
-        line("%-32s %-10s %18llu %s\n", v["path"].asCString(), v["type"].asCString(),
-             static_cast<unsigned long long>(v["freeBytes"].asUInt64()),
-             v["usable"].asBool() ? "yes" : "no");
+        text += stringf("%-32s %-10s %18llu %s\n", v["path"].asCString(), v["type"].asCString(),
+                        static_cast<unsigned long long>(v["freeBytes"].asUInt64()),
+                        v["usable"].asBool() ? "yes" : "no");
     }
-    if (volumes.empty()) line("(no volume)\n");
-    line("\n%-16s %s\n", "FILTER", "TEMPORARY DIRECTORY");
+    if (volumes.empty()) text += "(no volume)\n";
+    text += stringf("\n%-16s %s\n", "FILTER", "TEMPORARY DIRECTORY");
     for (const auto &filter : filters) {
         const Json::Value &choice = choices[filter.first];
-        line("%-16s %s\n", filter.first, choice.isNull() ? "(none)" : choice.asCString());
+        text +=
+            stringf("%-16s %s\n", filter.first, choice.isNull() ? "(none)" : choice.asCString());
     }
     writeOut(text.data(), text.size());
 }
