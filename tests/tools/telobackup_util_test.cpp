@@ -237,6 +237,17 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
     EXPECT_TRUE(!all["b"].isMember("later") && !all["b"].isMember("bad") &&
                 !all["b"].isMember("deep"));
     EXPECT_EQ("[1,\"x\"]", TELO::Backup::jsonToString(all["b"]["list"]));
+
+    // A value as deep as a text may be is set and read whole: neither passes it through the
+    // text of the whole section, which is one level deeper.
+    IN_PRIVATE_TMP([this] {
+        std::string deepest = std::string(1000, '[') + std::string(1000, ']');
+        CHILD_CHECK_EQ(0,
+                       run({"config", "set", conf, "d", "limit=" + deepest, "--create"}).exitCode);
+        CHILD_CHECK_EQ("{\"limit\":" + deepest + "}\n", out({"config", "get", conf, "d"}));
+        CHILD_CHECK(out({"config", "dump", conf}).find("\"d\":{\"limit\":" + deepest) !=
+                    std::string::npos);
+    });
 }
 
 // JSON output is valid UTF-8 whatever the file holds: a byte outside a well-formed sequence

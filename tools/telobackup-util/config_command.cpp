@@ -15,6 +15,7 @@
 #include "telobackup/json_text.h"
 #include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/section_config.h"
 
 namespace telocli {
 
@@ -119,8 +120,9 @@ std::string readSecret(const std::string &key) {
     return value;
 }
 
-// Puts every value of the command line into `map`, checking all of them before any is set.
-void applyValues(const ConfigArgs &args, OptionMap &map) {
+// Puts every value of the command line into `map`, checking all of them before any is set;
+// returns the keys set.
+std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
     std::vector<std::pair<std::string, Json::Value>> values;
     for (const std::string &arg : args.assignments) {
         auto kv = splitAssignment(arg, "value");
@@ -150,6 +152,11 @@ void applyValues(const ConfigArgs &args, OptionMap &map) {
                                                 "readable?)");
         }
     }
+    std::vector<std::string> keys;
+    for (const auto &kv : values) keys.push_back(kv.first);
+    for (const auto &kv : texts) keys.push_back(kv.first);
+    for (const auto &kv : secrets) keys.push_back(kv.first);
+    return keys;
 }
 
 void setToken(OptionMap &map, const ConfigArgs &args) {
@@ -175,13 +182,16 @@ class HeldLock {
     bool held_ = true;
 };
 
-// Loads `section` of `file` into `map`; not found is exit code 1.
+// The error of a failed load of `section`; not found is exit code 1.
+CommandError loadFailure(const std::string &file, const std::string &section) {
+    if (errno == ENOENT)
+        return CommandError(kExitNotFound, file + ": no section [" + section + "]");
+    return systemError(kExitInvalidFile, file);
+}
+
+// Loads `section` of `file` into `map`.
 void loadSection(OptionMap &map, const std::string &file, const std::string &section) {
-    if (map.optSectionLoad(file, section, -1)) return;
-    if (errno == ENOENT) {
-        throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
-    }
-    throw systemError(kExitInvalidFile, file);
+    if (!map.optSectionLoad(file, section, -1)) throw loadFailure(file, section);
 }
 
 // Writes `map` as `section` of `file`; the caller holds the lock.
@@ -222,14 +232,18 @@ void runSections(const ConfigArgs &args, const Context &context) {
 void runGet(const ConfigArgs &args, const Context &context) {
     requireSection(args.section, "get");
     requireFile(args.file);
-    OptionMap map;
-    loadSection(map, args.file, args.section);
     if (args.key.empty()) {
+        // Straight from the file: a value as deep as a text may be would not survive a trip
+        // through the text of the whole section.
         Json::Value all;
-        TELO::Backup::jsonFromString(all, map.optToJsonString());
+        if (!TELO::Backup::SectionConfig::loadSection(args.file, args.section, all)) {
+            throw loadFailure(args.file, args.section);
+        }
         printJson(all.isNull() ? Json::Value(Json::objectValue) : all);
         return;
     }
+    OptionMap map;
+    loadSection(map, args.file, args.section);
     Json::Value value;
     if (!map.optGet(args.key, value)) {
         throw CommandError(kExitNotFound,
@@ -258,14 +272,18 @@ void runSet(const ConfigArgs &args, const Context &) {
     }
     if (!args.create) requireFile(args.file);
     OptionMap map;
-    applyValues(args, map);  // before the lock: standard input may be slow
+    std::vector<std::string> keys = applyValues(args, map);  // before the lock: stdin may be slow
     OptionMap current;
     setToken(current, args);
     HeldLock lock(current);
     if (!current.optSectionLoad(args.file, args.section, -1) && (errno != ENOENT || !args.create)) {
         loadSection(current, args.file, args.section);  // reports the failure
     }
-    current.optAppendJsonString(map.optToJsonString());
+    for (const std::string &key : keys) {
+        Json::Value value;
+        map.optGet(key, value);
+        current.optSet(key, value);
+    }
     exportSection(current, args.file, args.section, args.create);
     lock.release();
 }
