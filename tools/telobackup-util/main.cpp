@@ -66,7 +66,11 @@ std::string unknownSubcommand(const CLI::App &app, int argc, char **argv) {
 
 // Writes what the commands left buffered and what went through std::cout (help, version,
 // generated files); a failure is reported on standard error and turns success into exit 4.
+// Only the first call does anything.
 int finishOutput(int code) {
+    static bool finished = false;
+    if (finished) return code;
+    finished = true;
     try {
         flushOut();
     } catch (const CommandError &e) {
