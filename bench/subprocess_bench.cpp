@@ -211,10 +211,11 @@ int main(int argc, char **argv) {
     reporter.ratio("call(), 4 GB / 10 MB", "BM_Call/4096/", "BM_Call/10/", 0);
     reporter.ratio("posix_spawn, 1 GB / 10 MB", "BM_PosixSpawn/1024/", "BM_PosixSpawn/10/", 0);
     reporter.ratio("posix_spawn, 4 GB / 10 MB", "BM_PosixSpawn/4096/", "BM_PosixSpawn/10/", 0);
-    reporter.ratio("plain fork path, 4 GB / 1 GB", "BM_CallForkPath/4096/",
-                   "BM_CallForkPath/1024/", 0);
-    reporter.heading("callPipeOpen + one-line echo + callPipeClose / socketpair + posix_spawn + "
-                     "write/read + close + waitpid");
+    reporter.ratio("plain fork path, 4 GB / 1 GB", "BM_CallForkPath/4096/", "BM_CallForkPath/1024/",
+                   0);
+    reporter.heading(
+        "callPipeOpen + one-line echo + callPipeClose / socketpair + posix_spawn + "
+        "write/read + close + waitpid");
     reporter.ratio("pipe round trip, pidfd wait", "BM_PipeRoundTrip/10/", "BM_PipeSpawn/10/", 1.5);
     reporter.ratio("pipe round trip, naps (no pidfds)", "BM_PipeRoundTripNaps/10/",
                    "BM_PipeSpawn/10/", 0);

@@ -65,7 +65,8 @@ bool ExitWait::pause() {
     long remaining = nanosecondsUntil(deadline_);
     if (remaining <= 0) return false;
     struct pollfd watched = {pidfd_.get(), POLLIN, 0};
-    struct timespec timeout = {remaining / kNanosecondsPerSecond, remaining % kNanosecondsPerSecond};
+    struct timespec timeout = {remaining / kNanosecondsPerSecond,
+                               remaining % kNanosecondsPerSecond};
     int ready = ppoll(&watched, 1, &timeout, nullptr);
     if (ready > 0 && readySeen_) {
         // Ended, yet not to be collected (a tracer holds it): nap out the rest.
