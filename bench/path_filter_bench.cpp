@@ -8,6 +8,7 @@
 // shared benchmark directory beside the source tree; --patterns defaults to its
 // filter_patterns.txt (lines "KIND<TAB>PATTERN", KIND prior, include or exclude).
 #include <fnmatch.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <cstdio>
@@ -29,22 +30,28 @@
 using TELO::Backup::PathFilter;
 using TELO::Backup::PathFilterPrivate;
 
-// Counts every allocation of the process, to show that a decision makes none. (GCC takes the
-// replacement operators for the built-in ones and warns about free.)
+// Counts every allocation of the process, to show that a decision makes none, and the bytes
+// held, to show the most a call holds at once. (GCC takes the replacement operators for the
+// built-in ones and warns about free.)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpragmas"
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 static std::atomic<long> allocations{0};
+static std::atomic<size_t> heldBytes{0}, peakBytes{0};
 void *operator new(size_t size) {
     ++allocations;
     void *p = malloc(size == 0 ? 1 : size);
     if (p == nullptr) throw std::bad_alloc();
+    size_t held = heldBytes += malloc_usable_size(p);
+    if (held > peakBytes) peakBytes = held;
     return p;
 }
 void operator delete(void *p) noexcept {
+    if (p != nullptr) heldBytes -= malloc_usable_size(p);
     free(p);
 }
 void operator delete(void *p, size_t) noexcept {
+    if (p != nullptr) heldBytes -= malloc_usable_size(p);
     free(p);
 }
 #pragma GCC diagnostic pop
@@ -204,6 +211,43 @@ void BM_AdversaryMatch(benchmark::State &state) {
     state.SetLabel(std::string(a.pattern).substr(0, 40));
 }
 
+// rebase() of 500 single stars against a 4,000-byte prefix that they fail on only at its end,
+// beside rebase() of a literal pattern that walks the same prefix once.
+struct HostileRebase {
+    std::string pattern, prefix, literal;
+    HostileRebase() {
+        for (int i = 0; i < 500; ++i) pattern += "*a";
+        pattern += "/z";
+        prefix = std::string(3998, 'a') + "/q";
+        literal = prefix + "/**";
+    }
+};
+const HostileRebase hostile;
+double rebasePeakKilobytes = -1;
+
+void rebaseBench(benchmark::State &state, const std::string &pattern, int expected) {
+    std::string out;
+    size_t before = heldBytes;
+    peakBytes = before;
+    int result = PathFilterPrivate::rebase(pattern.c_str(), hostile.prefix.c_str(), out);
+    double peak = static_cast<double>(peakBytes - before) / 1024;
+    state.counters["peak_KB"] = peak;
+    if (&pattern == &hostile.pattern) rebasePeakKilobytes = peak;
+    if (result != expected) state.SkipWithError("unexpected rebase result");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(
+            PathFilterPrivate::rebase(pattern.c_str(), hostile.prefix.c_str(), out));
+    }
+}
+
+void BM_RebaseStars(benchmark::State &state) {
+    rebaseBench(state, hostile.pattern, -2);
+}
+
+void BM_RebaseLiteral(benchmark::State &state) {
+    rebaseBench(state, hostile.literal, 1);
+}
+
 std::string takeOption(int *argc, char **argv, const char *name, const std::string &fallback) {
     std::string prefix = std::string("--") + name + "=";
     for (int i = 1; i < *argc; ++i) {
@@ -323,6 +367,16 @@ int main(int argc, char **argv) {
             ->Unit(benchmark::kMicrosecond);
     }
 
+    auto addRebase = [](const char *name, void (*fn)(benchmark::State &)) {
+        benchmark::RegisterBenchmark(name, fn)
+            ->Repetitions(5)
+            ->ReportAggregatesOnly()
+            ->ComputeStatistics("min", telobench::minimumOf)
+            ->Unit(benchmark::kMicrosecond);
+    };
+    addRebase("BM_RebaseStars", BM_RebaseStars);
+    addRebase("BM_RebaseLiteral", BM_RebaseLiteral);
+
     telobench::initialize(&argc, argv);
     telobench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -349,5 +403,9 @@ int main(int argc, char **argv) {
         if (t > worst) worst = t, worstIndex = i;
     }
     printf("worst: \"%.60s\" at %.2f us\n", adversaries[worstIndex].pattern, worst);
+    reporter.heading("rebase of 500 single stars under a 4,000-byte prefix");
+    reporter.ratio("rebase / rebase of a literal pattern", "BM_RebaseStars/", "BM_RebaseLiteral/",
+                   0);
+    printf("most heap held during one rebase: %.1f KB\n", rebasePeakKilobytes);
     return reporter.misses() == 0 && worst <= 50 ? 0 : 1;
 }
