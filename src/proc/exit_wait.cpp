@@ -68,13 +68,9 @@ bool ExitWait::pause() {
     struct timespec timeout = {remaining / kNanosecondsPerSecond,
                                remaining % kNanosecondsPerSecond};
     int ready = ppoll(&watched, 1, &timeout, nullptr);
-    if (ready > 0 && readySeen_) {
-        // Ended, yet not to be collected (a tracer holds it): nap out the rest.
-        napOnly_ = true;
-        untilDeadline_ = true;
-        return nap();
-    }
-    if (ready < 0 && errno != EINTR) {
+    // Ended yet not to be collected (a tracer holds it), or the poll failed: nap out the rest
+    // rather than spin.
+    if ((ready > 0 && readySeen_) || (ready < 0 && errno != EINTR)) {
         napOnly_ = true;
         untilDeadline_ = true;
         return nap();
