@@ -4,6 +4,7 @@
 
 #include "cli.h"
 #include "telo/platform.h"
+#include "telobackup/stringf.h"
 #include "telobackup/temp_manager/temp_manager.h"
 
 namespace telocli {
@@ -52,19 +53,21 @@ void run(const Context &context) {
         printJson(out);
         return;
     }
-    printf("%-32s %-10s %18s %s\n", "VOLUME", "TYPE", "FREE BYTES", "USABLE");
+    using TELO::Backup::stringf;
+    std::string text = stringf("%-32s %-10s %18s %s\n", "VOLUME", "TYPE", "FREE BYTES", "USABLE");
     for (const Json::Value &v : volumes) {
-        printf("%-32s %-10s %18llu %s\n", v["path"].asCString(), v["type"].asCString(),
-               static_cast<unsigned long long>(v["freeBytes"].asUInt64()),
-               v["usable"].asBool() ? "yes" : "no");
+        text += stringf("%-32s %-10s %18llu %s\n", v["path"].asCString(), v["type"].asCString(),
+                        static_cast<unsigned long long>(v["freeBytes"].asUInt64()),
+                        v["usable"].asBool() ? "yes" : "no");
     }
-    if (volumes.empty()) printf("(no volume)\n");
-    printf("\n%-16s %s\n", "FILTER", "TEMPORARY DIRECTORY");
+    if (volumes.empty()) text += "(no volume)\n";
+    text += stringf("\n%-16s %s\n", "FILTER", "TEMPORARY DIRECTORY");
     for (const auto &filter : filters) {
         const Json::Value &choice = choices[filter.first];
-        printf("%-16s %s\n", filter.first, choice.isNull() ? "(none)" : choice.asCString());
+        text +=
+            stringf("%-16s %s\n", filter.first, choice.isNull() ? "(none)" : choice.asCString());
     }
-    fflush(stdout);
+    writeOut(text.data(), text.size());
 }
 
 }  // namespace
