@@ -154,9 +154,10 @@ std::vector<bool> hiddenMounts(const std::vector<MountEntry> &entries) {
         markCovered(entries, all, false, hidden);
         return hidden;
     }
-    // As a tree: a mount is hidden when one is stacked on it, when a sibling sits on its mount
-    // point or a parent of it (the sibling came later, or this one would hang below it), or when
-    // the mount it sits on is hidden.
+    // As a tree: a mount is hidden when one is stacked on it (it is overmounted), or when it is
+    // obscured: a sibling sits on its mount point or a parent of it (the sibling came later, or
+    // this one would hang below it), or the mount it sits on is obscured, or overmounted by
+    // another mount than this one.
     std::map<int, std::vector<size_t>> siblings;
     std::map<int, size_t> byId;
     std::multimap<std::pair<int, std::string>, size_t> byParentAndPoint;
@@ -165,11 +166,12 @@ std::vector<bool> hiddenMounts(const std::vector<MountEntry> &entries) {
         byId.emplace(entries[i].id, i);
         byParentAndPoint.emplace(std::make_pair(entries[i].parentId, entries[i].mountPoint), i);
     }
-    for (auto &group : siblings) markCovered(entries, std::move(group.second), true, hidden);
+    std::vector<bool> obscured(entries.size(), false), overmounted(entries.size(), false);
+    for (auto &group : siblings) markCovered(entries, std::move(group.second), true, obscured);
     for (size_t i = 0; i < entries.size(); ++i) {
         auto range = byParentAndPoint.equal_range({entries[i].id, entries[i].mountPoint});
         for (auto it = range.first; it != range.second; ++it) {
-            if (it->second != i) hidden[i] = true;
+            if (it->second != i) overmounted[i] = true;
         }
     }
     // Down the tree: 0 not yet known, 1 on the current chain (a cycle ends there), 2 known.
@@ -184,13 +186,18 @@ std::vector<bool> hiddenMounts(const std::vector<MountEntry> &entries) {
             if (parent == byId.end() || parent->second == at) break;
             at = parent->second;
         }
-        bool above = state[at] == 2 && hidden[at];
+        // `at` is known, on the chain (a cycle or the top), or the top itself.
         for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
-            if (above) hidden[*it] = true;
-            above = hidden[*it];
+            auto parent = byId.find(entries[*it].parentId);
+            if (parent != byId.end() && parent->second != *it && state[parent->second] == 2) {
+                size_t p = parent->second;
+                bool belowParent = entries[*it].mountPoint != entries[p].mountPoint;
+                if (obscured[p] || (overmounted[p] && belowParent)) obscured[*it] = true;
+            }
             state[*it] = 2;
         }
     }
+    for (size_t i = 0; i < entries.size(); ++i) hidden[i] = obscured[i] || overmounted[i];
     return hidden;
 }
 
