@@ -31,7 +31,7 @@ bool readShareFile(const std::string &path, std::string &content);
 // The shares of the administrator's shares file: "[name]" sections with a "path" key whose value
 // is a JSON string ("\"/srv/a\"") or the plain path (/srv/a). Lines as in the library's section
 // config files: trimmed of TAB, LF, CR and SPACE, "#" comments, a header ends with "]". Shares
-// whose path is not absolute are left out; of a section named twice the last path counts.
+// whose path is not absolute, or whose name or path holds a NUL byte, are left out; of a section named twice the last path counts.
 // Returns false when the file has no section at all: it defines no shares.
 bool parseSharesFile(const std::string &content, std::vector<Share> &shares);
 
