@@ -67,13 +67,6 @@ std::string sambaShares(const std::map<std::string, std::string> &files,
     return describe(config.shares());
 }
 
-std::string programPath(const std::string &name) {
-    for (const char *dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
-        if (access((dir + name).c_str(), X_OK) == 0) return dir + name;
-    }
-    return "";
-}
-
 // A corpus file with @DIR@ replaced by `dir`, written into `dir`.
 std::string instantiate(const std::string &source, const std::string &dir) {
     std::string text = readFile(source);

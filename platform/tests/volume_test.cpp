@@ -63,13 +63,6 @@ std::string selected(const std::string &table) {
     return joined(points);
 }
 
-std::string programPath(const std::string &name) {
-    for (const char *dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
-        if (access((dir + name).c_str(), X_OK) == 0) return dir + name;
-    }
-    return "";
-}
-
 // One row of findmnt's listing.
 struct Row {
     int id, parent;
