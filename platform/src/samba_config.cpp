@@ -41,6 +41,15 @@ std::string collapseBlanks(const std::string &text) {
     return out;
 }
 
+// Section names compare without (ASCII) case.
+std::string lowerCase(const std::string &text) {
+    std::string lower = text;
+    for (char &c : lower) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lower;
+}
+
 // Parameter names compare without case and without blanks ("Print OK" is "printok").
 std::string parameterName(const std::string &key) {
     std::string name;
@@ -98,7 +107,9 @@ unsigned int SambaConfig::load(const std::string &file) {
     current_ = -1;
     bytesRead_ = 0;
     filesRead_ = 0;
+    byName_.clear();
     code_ = TELO_ERR_NONE;
+    error_ = 0;
     detail_.clear();
     readFile(file, 0, "");
     errno = error_;
@@ -168,18 +179,15 @@ bool SambaConfig::parseLine(const std::string &line, const std::string &where, i
             current_ = -1;
             return true;
         }
-        for (size_t i = 0; i < services_.size(); ++i) {
-            if (strcasecmp(services_[i].name.c_str(), name.c_str()) == 0) {
-                current_ = static_cast<int>(i);
-                return true;
-            }
+        auto known = byName_.emplace(lowerCase(name), services_.size());
+        if (known.second) {
+            // A new section starts from the global values of this moment.
+            Service service = global_;
+            service.name = name;
+            service.setHere = 0;
+            services_.push_back(service);
         }
-        // A new section starts from the global values of this moment.
-        Service service = global_;
-        service.name = name;
-        service.setHere = 0;
-        services_.push_back(service);
-        current_ = static_cast<int>(services_.size() - 1);
+        current_ = static_cast<int>(known.first->second);
         return true;
     }
     size_t equals = line.find('=');
@@ -217,19 +225,20 @@ bool SambaConfig::setParameter(const std::string &key, const std::string &value,
         service.setHere |= available ? kSetAvailable : kSetPrintable;
     } else if (name == "copy") {
         if (current_ < 0) return fail(TELO_ERR_BAD_CONFIG, EINVAL, where + ": copy in [global]");
-        for (size_t i = 0; i < services_.size(); ++i) {
-            if (strcasecmp(services_[i].name.c_str(), value.c_str()) != 0) continue;
-            if (static_cast<int>(i) == current_) {
-                return fail(TELO_ERR_BAD_CONFIG, EINVAL, where + ": copy of the section itself");
-            }
-            // What this section set itself stays; the rest comes from the copied section.
-            const Service &source = services_[i];
-            if (!(service.setHere & kSetPath)) service.path = source.path;
-            if (!(service.setHere & kSetAvailable)) service.available = source.available;
-            if (!(service.setHere & kSetPrintable)) service.printable = source.printable;
-            return true;
+        auto found = byName_.find(lowerCase(value));
+        if (found == byName_.end()) {
+            return fail(TELO_ERR_BAD_CONFIG, EINVAL,
+                        where + ": copy of unknown section [" + value + "]");
         }
-        return fail(TELO_ERR_BAD_CONFIG, EINVAL, where + ": copy of unknown section [" + value + "]");
+        if (static_cast<int>(found->second) == current_) {
+            return fail(TELO_ERR_BAD_CONFIG, EINVAL, where + ": copy of the section itself");
+        }
+        // What this section set itself stays; the rest comes from the copied section.
+        const Service &source = services_[found->second];
+        if (!(service.setHere & kSetPath)) service.path = source.path;
+        if (!(service.setHere & kSetAvailable)) service.available = source.available;
+        if (!(service.setHere & kSetPrintable)) service.printable = source.printable;
+        return true;
     }
     return true;
 }

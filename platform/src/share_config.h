@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace telo_platform {
@@ -75,6 +76,7 @@ class SambaConfig {
     ShareFileReader read_;
     Service global_;
     std::vector<Service> services_;
+    std::unordered_map<std::string, size_t> byName_;  // lower-case name to index in services_
     int current_ = -1;  // index into services_, -1 in [global]
     size_t bytesRead_ = 0;
     int filesRead_ = 0;

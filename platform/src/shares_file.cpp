@@ -2,6 +2,7 @@
 #include <json/json.h>
 
 #include <memory>
+#include <unordered_map>
 
 #include "share_config.h"
 
@@ -41,6 +42,7 @@ std::string pathValue(const std::string &text) {
 
 bool parseSharesFile(const std::string &content, std::vector<Share> &shares) {
     std::vector<Share> found;
+    std::unordered_map<std::string, size_t> byName;
     int current = -1;
     for (size_t pos = 0; pos < content.size();) {
         size_t end = content.find('\n', pos);
@@ -51,14 +53,9 @@ bool parseSharesFile(const std::string &content, std::vector<Share> &shares) {
         if (line[0] == '[') {
             if (line.back() != ']') continue;
             std::string name = line.substr(1, line.size() - 2);
-            current = -1;
-            for (size_t i = 0; i < found.size() && current < 0; ++i) {
-                if (found[i].name == name) current = static_cast<int>(i);
-            }
-            if (current < 0) {
-                found.push_back({name, std::string()});
-                current = static_cast<int>(found.size() - 1);
-            }
+            auto known = byName.emplace(name, found.size());
+            if (known.second) found.push_back({name, std::string()});
+            current = static_cast<int>(known.first->second);
             continue;
         }
         size_t equals = line.find('=');
