@@ -3,10 +3,11 @@
 // a visible disk mount, the only volume of its file system, and the visible mount found at its
 // own mount point; reading the table from a file (TELO_MOUNTINFO) enumerates exactly the volumes
 // the rules choose; parsing is deterministic.
+#include <sys/stat.h>
+
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "mount_table.h"
 #include "scratch_dir.h"

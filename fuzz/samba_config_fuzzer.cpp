@@ -35,8 +35,8 @@ telo_platform::ShareFileReader reader(const std::string *main = nullptr) {
             content = *main;
             return true;
         }
-        std::string real = path.empty() || path[0] == '/' ? path
-                                                          : fuzzsupport::scratchDir() + "/" + path;
+        std::string real =
+            path.empty() || path[0] == '/' ? path : fuzzsupport::scratchDir() + "/" + path;
         return telo_platform::readShareFile(real, content);
     };
 }

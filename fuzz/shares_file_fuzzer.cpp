@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (below.size() >= PATH_MAX - 1) continue;
         char name[4096], path[PATH_MAX];
         int rc = TELOShareNamePathGet(below.c_str(), name, sizeof(name), path, sizeof(path));
-        check(rc == 0 || TLIBCErrGet() == TELO_ERR_NOT_FOUND || TLIBCErrGet() == TELO_ERR_BUFFER_SMALL,
+        check(rc == 0 || TLIBCErrGet() == TELO_ERR_NOT_FOUND ||
+                  TLIBCErrGet() == TELO_ERR_BUFFER_SMALL,
               "a lookup below a share fails only as 'in no share' (links resolved elsewhere)");
         check(rc != 0 || names.count(name) == 1, "found in a share of the file");
     }

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "internal/eintr.h"
@@ -20,7 +20,8 @@ using TELO::Backup::internal::UniqueFd;
 
 bool readConfigFile(const std::string &path, size_t limit, FileKind kind, std::string &content) {
     content.clear();
-    UniqueFd fd(retryOnEintr([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+    UniqueFd fd(
+        retryOnEintr([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
     if (!fd) return false;
     struct stat st;
     if (fstat(fd.get(), &st) != 0) return false;

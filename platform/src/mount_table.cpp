@@ -146,8 +146,8 @@ bool readMountTable(std::vector<MountEntry> &entries, std::string &detail) {
 
 std::vector<bool> hiddenMounts(const std::vector<MountEntry> &entries) {
     std::vector<bool> hidden(entries.size(), false);
-    bool haveIds = std::any_of(entries.begin(), entries.end(),
-                               [](const MountEntry &e) { return e.id != 0; });
+    bool haveIds =
+        std::any_of(entries.begin(), entries.end(), [](const MountEntry &e) { return e.id != 0; });
     std::vector<size_t> all(entries.size());
     for (size_t i = 0; i < entries.size(); ++i) all[i] = i;
     if (!haveIds) {

@@ -49,9 +49,8 @@ std::string resolvePath(const std::string &path) {
     for (size_t existing = parts.size();; --existing) {
         std::string prefix;
         for (size_t i = 0; i < existing; ++i) prefix += "/" + parts[i];
-        std::unique_ptr<char, void (*)(void *)> real(realpath(prefix.empty() ? "/" : prefix.c_str(),
-                                                              nullptr),
-                                                     free);
+        std::unique_ptr<char, void (*)(void *)> real(
+            realpath(prefix.empty() ? "/" : prefix.c_str(), nullptr), free);
         if (!real && existing > 0) continue;
         std::string resolved = real ? real.get() : "/";
         for (size_t i = existing; i < parts.size(); ++i) {
@@ -108,7 +107,8 @@ extern "C" int TELOShareNamePathGet(const char *path, char *name, int nameSize, 
                                     int sharePathSize) {
     if (path == nullptr || *path == '\0' || strlen(path) >= PATH_MAX || name == nullptr ||
         nameSize <= 0 || sharePath == nullptr || sharePathSize <= 0) {
-        errno = path != nullptr && *path != '\0' && strlen(path) >= PATH_MAX ? ENAMETOOLONG : EINVAL;
+        errno =
+            path != nullptr && *path != '\0' && strlen(path) >= PATH_MAX ? ENAMETOOLONG : EINVAL;
         TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
         return -1;
     }

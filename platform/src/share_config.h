@@ -32,8 +32,9 @@ bool readShareFile(const std::string &path, std::string &content);
 // The shares of the administrator's shares file: "[name]" sections with a "path" key whose value
 // is a JSON string ("\"/srv/a\"") or the plain path (/srv/a). Lines as in the library's section
 // config files: trimmed of TAB, LF, CR and SPACE, "#" comments, a header ends with "]". Shares
-// whose path is not absolute, or whose name or path holds a NUL byte, are left out; of a section named twice the last path counts.
-// Returns false when the file has no section at all: it defines no shares.
+// whose path is not absolute, or whose name or path holds a NUL byte, are left out; of a section
+// named twice the last path counts. Returns false when the file has no section at all: it defines
+// no shares.
 bool parseSharesFile(const std::string &content, std::vector<Share> &shares);
 
 // Samba's configuration as Samba reads it. Shares are the disk shares: every section but
@@ -77,7 +78,7 @@ class SambaConfig {
     Service global_;
     std::vector<Service> services_;
     std::unordered_map<std::string, size_t> byName_;  // lower-case name to index in services_
-    int current_ = -1;  // index into services_, -1 in [global]
+    int current_ = -1;                                // index into services_, -1 in [global]
     size_t bytesRead_ = 0;
     int filesRead_ = 0;
     unsigned int code_ = 0;

@@ -68,8 +68,8 @@ bool parseSharesFile(const std::string &content, std::vector<Share> &shares) {
     for (const Share &share : found) {
         const std::string &path = share.path;
         // The C interface hands out names and paths as NUL-terminated texts.
-        bool text = share.name.find('\0') == std::string::npos &&
-                    path.find('\0') == std::string::npos;
+        bool text =
+            share.name.find('\0') == std::string::npos && path.find('\0') == std::string::npos;
         if (text && !share.name.empty() && !path.empty() && path[0] == '/') {
             shares.push_back(share);
         }

@@ -15,8 +15,8 @@
 
 #include "mount_table.h"
 #include "platform_error.h"
-#include "volume_rules.h"
 #include "telo/platform.h"
+#include "volume_rules.h"
 
 namespace {
 
@@ -63,8 +63,8 @@ bool listVolumes(std::vector<size_t> &volumes, std::vector<MountEntry> &entries)
         TELO_PLATFORM_FAIL_DETAIL(telo_platform::fileErrorCode(errno), detail);
         return false;
     }
-    volumes = telo_platform::selectVolumes(entries, telo_platform::hiddenMounts(entries),
-                                           isDirectory);
+    volumes =
+        telo_platform::selectVolumes(entries, telo_platform::hiddenMounts(entries), isDirectory);
     return true;
 }
 
@@ -90,9 +90,9 @@ TELOVOLInfo *TELOMountVolAllEnum(int /*flags*/, int location, int /*mode*/) {
     if (!listVolumes(volumes, entries)) return nullptr;
     if (volumes.empty()) {
         errno = ENOENT;
-        TELO_PLATFORM_FAIL_DETAIL(TELO_ERR_NOT_FOUND,
-                                  "mount table " + telo_platform::mountTablePath() +
-                                      " lists no volume");
+        TELO_PLATFORM_FAIL_DETAIL(
+            TELO_ERR_NOT_FOUND,
+            "mount table " + telo_platform::mountTablePath() + " lists no volume");
         return nullptr;
     }
     TELOVOLInfo *head = nullptr;
@@ -143,8 +143,8 @@ int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
         }
     }
     errno = ENOENT;
-    TELO_PLATFORM_FAIL_DETAIL(TELO_ERR_NOT_FOUND, holder.mountPoint + " (" + holder.fsType +
-                                                      ") is not a volume");
+    TELO_PLATFORM_FAIL_DETAIL(TELO_ERR_NOT_FOUND,
+                              holder.mountPoint + " (" + holder.fsType + ") is not a volume");
     return -1;
 }
 

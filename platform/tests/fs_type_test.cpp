@@ -64,8 +64,8 @@ TEST(MountTable, HiddenMounts) {
     // With ids the table is a tree, whatever its order: here "/" comes after its children, as
     // on machines whose root was switched at boot.
     EXPECT_EQ("/proc / /srv/data ", visible("21 26 0:20 / /proc rw - proc proc rw\n"
-                                           "26 1 254:0 / / rw - ext4 /dev/vda rw\n"
-                                           "30 26 8:1 / /srv/data rw - ext4 /dev/sdb1 rw\n"));
+                                            "26 1 254:0 / / rw - ext4 /dev/vda rw\n"
+                                            "30 26 8:1 / /srv/data rw - ext4 /dev/sdb1 rw\n"));
     // Stacked on one point: only the top one.
     EXPECT_EQ("/ /s ", visible("1 0 8:0 / / rw - ext4 /dev/sda rw\n"
                                "2 1 8:1 / /s rw - xfs /dev/sdb rw\n"
@@ -80,19 +80,20 @@ TEST(MountTable, HiddenMounts) {
                                     "6 4 8:5 / /p rw - ext4 /dev/sdf rw\n"));
     // Without ids the order says what came later.
     EXPECT_EQ("/ /srv /srv/new ", visible("/dev/sda / ext4 rw 0 0\n/dev/sdb /srv/data ext4 rw 0 0\n"
-                                         "/dev/sdc /srv ext4 rw 0 0\n"
-                                         "/dev/sdd /srv/new ext4 rw 0 0\n"));
+                                          "/dev/sdc /srv ext4 rw 0 0\n"
+                                          "/dev/sdd /srv/new ext4 rw 0 0\n"));
     // Parent chains that loop end somewhere.
     EXPECT_EQ("/a /b ", visible("1 2 8:0 / /a rw - ext4 /dev/sda rw\n"
                                 "2 1 8:1 / /b rw - ext4 /dev/sdb rw\n"));
 }
 
 TEST(MountTable, LongestVisibleComponentPrefixWins) {
-    std::vector<MountEntry> entries = parse("1 0 8:0 / / rw - ext4 a rw\n"
-                                            "2 1 8:1 / /srv rw - ext4 b rw\n"
-                                            "3 2 8:2 / /srv/data rw - ext4 c rw\n"
-                                            "4 2 8:3 / /srv/database rw - ext4 d rw\n"
-                                            "5 3 8:4 / /srv/data rw - ext4 e rw\n");
+    std::vector<MountEntry> entries = parse(
+        "1 0 8:0 / / rw - ext4 a rw\n"
+        "2 1 8:1 / /srv rw - ext4 b rw\n"
+        "3 2 8:2 / /srv/data rw - ext4 c rw\n"
+        "4 2 8:3 / /srv/database rw - ext4 d rw\n"
+        "5 3 8:4 / /srv/data rw - ext4 e rw\n");
     std::vector<bool> hidden = hiddenMounts(entries);
     auto sourceFor = [&](const std::string &path) {
         const MountEntry *e = findMountFor(entries, hidden, path);
@@ -124,10 +125,14 @@ TEST(FsType, ReadsTheConfiguredMountTable) {
     ASSERT_EQ(0, symlink(b.c_str(), dir.file("link").c_str()));
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
     std::string table = dir.file("mountinfo");
-    writeFile(table, "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
-                     "garbage line\n"
-                     "21 20 8:2 / " + a + " rw - btrfs /dev/sdb rw\n"
-                     "22 21 8:3 / " + b + " rw shared:1 - vfat /dev/sdc rw\n");
+    writeFile(table,
+              "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+              "garbage line\n"
+              "21 20 8:2 / " +
+                  a +
+                  " rw - btrfs /dev/sdb rw\n"
+                  "22 21 8:3 / " +
+                  b + " rw shared:1 - vfat /dev/sdc rw\n");
     EXPECT_CHILD_OK([&] {
         setenv("TELO_MOUNTINFO", table.c_str(), 1);
         CHILD_CHECK_EQ(TELO_FS_BTRFS, TELOGetFSType(a.c_str(), 0));
@@ -147,7 +152,8 @@ TEST(FsType, ReadsTheConfiguredMountTable) {
             CHILD_CHECK(TELOGetFSType("/", 0) < 0);
             CHILD_CHECK_EQ(unsigned(TELO_ERR_BAD_CONFIG), TLIBCErrGet());
             CHILD_CHECK(errno == EINVAL || errno == EISDIR);
-            CHILD_CHECK_EQ(0u, std::string(TLIBCErrorGetDetail()).find("mount table " + bad + ": "));
+            CHILD_CHECK_EQ(0u,
+                           std::string(TLIBCErrorGetDetail()).find("mount table " + bad + ": "));
         }
         writeFile(table, std::string(kMaxMountTableBytes + 1, '#'));
         setenv("TELO_MOUNTINFO", table.c_str(), 1);

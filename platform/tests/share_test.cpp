@@ -103,9 +103,10 @@ TEST(SharesFile, JsonOrPlainPathsAndTheLongestResolvedPrefix) {
     // The unbalanced quote is a plain (relative) path, like srv/rel: neither is a share.
     std::vector<Share> shares;
     EXPECT_TRUE(telo_platform::parseSharesFile(readFile(dir.file("shares.conf")), shares));
-    EXPECT_EQ("[photos]=/srv/photos [all]=/srv/ [deep]=/srv/photos/2024 [esc]=/srv/\xc3\xa9t\xc3\xa9 "
-              "\"q\"/x ",
-              describe(shares));
+    EXPECT_EQ(
+        "[photos]=/srv/photos [all]=/srv/ [deep]=/srv/photos/2024 [esc]=/srv/\xc3\xa9t\xc3\xa9 "
+        "\"q\"/x ",
+        describe(shares));
 }
 
 TEST(SharesFile, ResolvesTheArgumentAndTheSharePaths) {
@@ -163,7 +164,8 @@ TEST(SharesFile, UnreadableConfigurationIsAnErrorThatSaysSo) {
         {dir.file("none"), dir.file("fifo"), "error 7 Invalid argument",
          "Samba configuration " + dir.file("fifo") + ": not a regular file"},
         {dir.file("none"), dir.file("smb.conf"), "error 7 Invalid argument",
-         "Samba configuration " + dir.file("smb.conf") + ":3: include /dev/zero: not a regular file"},
+         "Samba configuration " + dir.file("smb.conf") +
+             ":3: include /dev/zero: not a regular file"},
         {dir.file("big.conf"), dir.file("none.smb"), "error 7 File too large",
          "shares file " + dir.file("big.conf") + ": larger than 4194304 bytes"},
         {"/proc/self/status", dir.file("none.smb"), "error 7 Invalid argument",
@@ -185,9 +187,9 @@ TEST(SambaRules, LinesSectionsAndRefusals) {
         // Continuations join lines; blanks runs become their first blank; "\r" is a blank.
         {"[a]\npath=/x\\\ny\n", "[a]=/xy "},
         {"[a]\npath = /x \\  \n   y\t\t\\\r\n z\n", "[a]=/x y\tz "},
-        {"[a]\npath=/x\\", "[a]=/x\\ "},           // no newline: no continuation
-        {"[a]\npath=/x\\\n", "[a]=/x "},           // continued into the end
-        {"[a]\n; c \\\npath=/p\n", "[a]=/p "},     // comments never continue
+        {"[a]\npath=/x\\", "[a]=/x\\ "},        // no newline: no continuation
+        {"[a]\npath=/x\\\n", "[a]=/x "},        // continued into the end
+        {"[a]\n; c \\\npath=/p\n", "[a]=/p "},  // comments never continue
         {"[a]\npath=/p\\\n# not a comment\n", "[a]=/p# not a comment "},
         // Sections: case merges, blanks separate, the rest of a header line is ignored.
         {"[  a   b ]x\npath=/ab\n", "[ a b ]=/ab "},
@@ -197,7 +199,8 @@ TEST(SambaRules, LinesSectionsAndRefusals) {
         // Quotes around a path go, unless a quote is left inside.
         {"[a]\npath=\"/q q\"\n[b]\npath=\"/x\"y\"\n", "[a]=/q q "},
         // Samba refuses the whole configuration.
-        {"[a]\npath=/a\n[b\n", "refused Invalid argument: /smb.conf:3: section header without \"]\""},
+        {"[a]\npath=/a\n[b\n",
+         "refused Invalid argument: /smb.conf:3: section header without \"]\""},
         {"[]\n", "refused Invalid argument: /smb.conf:1: empty section name"},
         {"[a]\n = x\n", "refused Invalid argument: /smb.conf:2: parameter without a name"},
         {"[a]\navailable = si\n",
@@ -235,14 +238,15 @@ TEST(SambaRules, IncludesNestAtMostAHundredDeep) {
     std::string deepest = sambaShares(chain(100), "/0");
     EXPECT_EQ(0u, deepest.find("[s0]=/s [s1]=/s "));
     EXPECT_EQ(deepest.size() - 10, deepest.find("[s100]=/s "));
-    EXPECT_EQ("refused Too many levels of symbolic links: /100:3: includes nested deeper than 100 "
-              "(an include loop?)",
-              sambaShares(chain(101), "/0"));
+    EXPECT_EQ(
+        "refused Too many levels of symbolic links: /100:3: includes nested deeper than 100 "
+        "(an include loop?)",
+        sambaShares(chain(101), "/0"));
     // Includes that fan out are bounded by what one lookup reads.
     std::map<std::string, std::string> fan;
     for (int i = 0; i < 30; ++i) {
-        fan["/" + std::to_string(i)] = "include = /" + std::to_string(i + 1) + "\ninclude = /" +
-                                       std::to_string(i + 1) + "\n";
+        fan["/" + std::to_string(i)] =
+            "include = /" + std::to_string(i + 1) + "\ninclude = /" + std::to_string(i + 1) + "\n";
     }
     std::string refused = sambaShares(fan, "/0");
     EXPECT_EQ(0u, refused.find("refused File too large: ")) << refused;
@@ -343,8 +347,8 @@ TEST(SambaDifferential, AgreesWithTestparm) {
             }
         }
         SambaConfig config;
-        std::string actual = config.load(file) == TELO_ERR_NONE ? describe(config.shares())
-                                                                : "refused";
+        std::string actual =
+            config.load(file) == TELO_ERR_NONE ? describe(config.shares()) : "refused";
         bool agree = actual == expected;
         if (source.second) {
             EXPECT_FALSE(agree) << "a documented difference no longer holds: " << actual;

@@ -73,11 +73,11 @@ struct Row {
 // disk file systems (no loop image, no EFI partition), not hidden by a later mount on the same
 // point or on a parent, on directories, one per file system (its root, else the shortest).
 std::vector<std::string> referenceVolumes(const std::vector<Row> &rows) {
-    static const std::set<std::string> kDisk = {"ext2", "ext3",  "ext4", "xfs",   "btrfs",
-                                                "vfat", "msdos", "fat",  "exfat", "ntfs",
+    static const std::set<std::string> kDisk = {"ext2",  "ext3",    "ext4", "xfs",   "btrfs",
+                                                "vfat",  "msdos",   "fat",  "exfat", "ntfs",
                                                 "ntfs3", "fuseblk", "zfs"};
-    static const std::set<std::string> kNever = {"squashfs", "iso9660", "udf", "erofs", "cramfs",
-                                                 "nfs", "nfs4", "cifs", "smb3", "smbfs"};
+    static const std::set<std::string> kNever = {"squashfs", "iso9660", "udf",  "erofs", "cramfs",
+                                                 "nfs",      "nfs4",    "cifs", "smb3",  "smbfs"};
     auto under = [](const std::string &parent, const std::string &path) {
         return parent == "/" || path == parent || path.rfind(parent + "/", 0) == 0;
     };
@@ -109,9 +109,9 @@ std::vector<std::string> referenceVolumes(const std::vector<Row> &rows) {
         bool hidden = false;
         for (size_t y = 0; y < rows.size() && !hidden; ++y) {
             if (y == x || !under(rows[y].target, r.target)) continue;
-            bool later = ids ? !ancestor(y, x) && (rows[y].target != r.target || y > x ||
-                                                   ancestor(x, y))
-                             : y > x;
+            bool later =
+                ids ? !ancestor(y, x) && (rows[y].target != r.target || y > x || ancestor(x, y))
+                    : y > x;
             hidden = later;
         }
         if (!disk || loop || efi || !directory || hidden) continue;
@@ -122,7 +122,8 @@ std::vector<std::string> referenceVolumes(const std::vector<Row> &rows) {
             continue;
         }
         const Row &b = rows[found->second];
-        if ((r.root == "/") != (b.root == "/") ? r.root == "/" : r.target.size() < b.target.size()) {
+        if ((r.root == "/") != (b.root == "/") ? r.root == "/"
+                                               : r.target.size() < b.target.size()) {
             found->second = x;
         }
     }
@@ -135,17 +136,16 @@ std::vector<std::string> referenceVolumes(const std::vector<Row> &rows) {
 }
 
 // The platform's volumes of the mount table `table`, and those of findmnt's reading of it.
-std::pair<std::vector<std::string>, std::vector<std::string>> bothReadings(const std::string &findmnt,
-                                                 const std::string &table) {
-    CommandResult listed =
-        runCommand({findmnt, "--json", "--list", "--tab-file", table, "-o",
-                    "ID,PARENT,MAJ:MIN,FSROOT,TARGET,SOURCE,FSTYPE"});
+std::pair<std::vector<std::string>, std::vector<std::string>> bothReadings(
+    const std::string &findmnt, const std::string &table) {
+    CommandResult listed = runCommand({findmnt, "--json", "--list", "--tab-file", table, "-o",
+                                       "ID,PARENT,MAJ:MIN,FSROOT,TARGET,SOURCE,FSTYPE"});
     Json::Value json;
     EXPECT_TRUE(TELO::Backup::jsonFromString(json, listed.out)) << listed.err;
     std::vector<Row> rows;
     for (const Json::Value &fs : json["filesystems"]) {
-        Row row{fs["id"].asInt(),          fs["parent"].asInt(),       fs["maj:min"].asString(),
-                fs["fsroot"].asString(),   fs["target"].asString(),    fs["source"].asString(),
+        Row row{fs["id"].asInt(),        fs["parent"].asInt(),    fs["maj:min"].asString(),
+                fs["fsroot"].asString(), fs["target"].asString(), fs["source"].asString(),
                 fs["fstype"].asString()};
         size_t bracket = row.source.find('[');  // findmnt adds "[root]" to the source
         if (bracket != std::string::npos) row.source.resize(bracket);
@@ -201,19 +201,19 @@ class Volumes : public ::testing::Test {
         writeFile(dir.file("file"), "bound");
         std::string t = dir.path();
         writeFile(dir.file("mountinfo"),
-                  "20 1 8:1 / " + t + "/vol1 rw,relatime - ext4 /dev/sdb1 rw\n" +
-                      "21 1 8:2 / " + t + "/vol2 rw shared:3 - btrfs /dev/sdc ro,space_cache\n" +
-                      "22 1 0:30 / " + t + "/tmpfs rw - tmpfs tmpfs rw\n" +
-                      "23 1 7:0 / " + t + "/img ro - squashfs /dev/loop0 ro\n" +
-                      "24 1 8:1 /etc/hosts " + t + "/file rw - ext4 /dev/sda1 rw\n" +
-                      "25 1 0:40 / " + t + "/nfs rw - nfs4 server:/export rw\n" +
-                      "26 1 8:3 / " + t + "/stacked rw - xfs /dev/sdd rw\n" +
-                      "27 26 8:4 / " + t + "/stacked rw - ext3 /dev/sde rw\n" +
-                      "28 1 8:5 / " + t + "/with\\040space rw - vfat /dev/sdf1 rw\n" +
-                      "29 1 8:6 / " + t + "/missing rw - ext4 /dev/sdg rw\n" +
-                      "30 1 8:7 / " + t + "/rw ro - exfat /dev/sdh1 rw\n" +
-                      "31 20 0:50 / " + t + "/vol1/sub rw - tmpfs tmpfs rw\n" +
-                      "32 1 8:1 /data " + t + "/bind rw - ext4 /dev/sdb1 rw\n");
+                  "20 1 8:1 / " + t + "/vol1 rw,relatime - ext4 /dev/sdb1 rw\n" + "21 1 8:2 / " +
+                      t + "/vol2 rw shared:3 - btrfs /dev/sdc ro,space_cache\n" + "22 1 0:30 / " +
+                      t + "/tmpfs rw - tmpfs tmpfs rw\n" + "23 1 7:0 / " + t +
+                      "/img ro - squashfs /dev/loop0 ro\n" + "24 1 8:1 /etc/hosts " + t +
+                      "/file rw - ext4 /dev/sda1 rw\n" + "25 1 0:40 / " + t +
+                      "/nfs rw - nfs4 server:/export rw\n" + "26 1 8:3 / " + t +
+                      "/stacked rw - xfs /dev/sdd rw\n" + "27 26 8:4 / " + t +
+                      "/stacked rw - ext3 /dev/sde rw\n" + "28 1 8:5 / " + t +
+                      "/with\\040space rw - vfat /dev/sdf1 rw\n" + "29 1 8:6 / " + t +
+                      "/missing rw - ext4 /dev/sdg rw\n" + "30 1 8:7 / " + t +
+                      "/rw ro - exfat /dev/sdh1 rw\n" + "31 20 0:50 / " + t +
+                      "/vol1/sub rw - tmpfs tmpfs rw\n" + "32 1 8:1 /data " + t +
+                      "/bind rw - ext4 /dev/sdb1 rw\n");
         setenv("TELO_MOUNTINFO", dir.file("mountinfo").c_str(), 1);
     }
     void TearDown() override { unsetenv("TELO_MOUNTINFO"); }

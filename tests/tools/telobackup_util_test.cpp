@@ -315,8 +315,8 @@ TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
 
     std::string odd = dir.file("a\nb\x1b[31mc\\d");
     ASSERT_EQ(0, mkdir(odd.c_str(), 0755));
-    writeFile(dir.file("mountinfo"), "20 1 8:1 / " + dir.file("a\\012b\x1b[31mc\\134d") +
-                                         " rw - ext4 /dev/sdz1 rw\n");
+    writeFile(dir.file("mountinfo"),
+              "20 1 8:1 / " + dir.file("a\\012b\x1b[31mc\\134d") + " rw - ext4 /dev/sdz1 rw\n");
     std::string table = out({"volumes"});
     EXPECT_NE(std::string::npos, table.find(dir.file("a\\x0ab\\x1b[31mc\\x5cd") + " "));
     EXPECT_EQ(std::string::npos, table.find('\x1b'));
