@@ -66,13 +66,15 @@ class Tool : public ::testing::Test {
         return result;
     }
 
-    CommandResult run(Args args, const std::string &input = "") {
+    CommandResult run(Args args, const std::string &input = "",
+                      const std::map<std::string, std::string> &changed = {}) {
         args.insert(args.begin(), toolPath());
-        return runCommand(args, input,
-                          {{"TELO_SECRET_KEY_FILE", dir.file("secret.key")},
-                           {"TELO_LOGFILE", dir.file("app.log")},
-                           {"TELO_SHARES_CONF", dir.file("shares.conf")},
-                           {"TELO_MOUNTINFO", dir.file("mountinfo")}});
+        std::map<std::string, std::string> env = {{"TELO_SECRET_KEY_FILE", dir.file("secret.key")},
+                                                  {"TELO_LOGFILE", dir.file("app.log")},
+                                                  {"TELO_SHARES_CONF", dir.file("shares.conf")},
+                                                  {"TELO_MOUNTINFO", dir.file("mountinfo")}};
+        for (const auto &kv : changed) env[kv.first] = kv.second;
+        return runCommand(args, input, env);
     }
     std::string out(const Args &args, const std::string &input = "") {
         return run(args, input).out;
@@ -403,7 +405,8 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
         CHILD_CHECK_EQ(dir.file("vol"), volumes["volumes"][0]["path"].asString());
         CHILD_CHECK_EQ(std::string("ext4"), volumes["volumes"][0]["type"].asString());
         CHILD_CHECK_EQ(tmp, volumes["choices"]["max-ext"].asString());
-        CHILD_CHECK(out({"volumes"}).find(dir.file("vol")) != std::string::npos);
+        CHILD_CHECK(out({"volumes"}).find(tmp + " (made on first use)") != std::string::npos);
+        CHILD_CHECK(!exists(tmp));  // listing only reads
 
         CHILD_CHECK_EQ(size_t(0),
                        out({"mktemp", "--volume", "max", "job"}).rfind(tmp + "/job.", 0));
@@ -422,6 +425,58 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
         CHILD_CHECK(local.rfind("sess.", 0) == 0);
         CHILD_CHECK_EQ(0, run({"session", "destroy", local.substr(0, local.size() - 1)}).exitCode);
     });
+}
+
+// What the platform cannot read is an error that says which file and why, never "in no share"
+// or "(no volume)"; a mount point cannot break the text table or drive the terminal.
+TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
+    ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+    writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\ninclude = /dev/zero\n");
+    struct Case {
+        std::map<std::string, std::string> env;
+        Args args;
+        int exitCode;
+        std::string message;
+    } cases[] = {
+        {{{"TELO_SHARES_CONF", dir.file("none")}, {"TELO_SMB_CONF", dir.file("none.smb")}},
+         {"share", "/srv/x"},
+         3,
+         "/srv/x: no share configuration: neither " + dir.file("none") + " nor " +
+             dir.file("none.smb") + " exists"},
+        {{{"TELO_SHARES_CONF", dir.file("fifo")}},
+         {"share", "/srv/x"},
+         3,
+         "/srv/x: shares file " + dir.file("fifo") + ": not a regular file"},
+        {{{"TELO_SHARES_CONF", dir.file("none")}, {"TELO_SMB_CONF", dir.file("smb.conf")}},
+         {"share", "/srv/media/x"},
+         3,
+         "/srv/media/x: Samba configuration " + dir.file("smb.conf") +
+             ":3: include /dev/zero: not a regular file"},
+        {{}, {"share", "/elsewhere"}, 1, "/elsewhere: in no share"},
+        {{{"TELO_MOUNTINFO", "/dev/zero"}},
+         {"volumes"},
+         3,
+         "volumes: mount table /dev/zero: not a regular file"},
+        {{{"TELO_MOUNTINFO", dir.file("fifo")}},
+         {"--json", "volumes"},
+         3,
+         "volumes: mount table " + dir.file("fifo") + ": not a regular file"},
+    };
+    for (const Case &c : cases) {
+        CommandResult r = run(c.args, "", c.env);
+        EXPECT_EQ(c.exitCode, r.exitCode) << c.message;
+        EXPECT_EQ(0u, r.err.find("telobackup-util: " + c.message)) << r.err;
+        EXPECT_EQ("", r.out);
+    }
+
+    std::string odd = dir.file("a\nb\x1b[31mc\\d");
+    ASSERT_EQ(0, mkdir(odd.c_str(), 0755));
+    writeFile(dir.file("mountinfo"),
+              "20 1 8:1 / " + dir.file("a\\012b\x1b[31mc\\134d") + " rw - ext4 /dev/sdz1 rw\n");
+    std::string table = out({"volumes"});
+    EXPECT_NE(std::string::npos, table.find(dir.file("a\\x0ab\\x1b[31mc\\x5cd") + " "));
+    EXPECT_EQ(std::string::npos, table.find('\x1b'));
+    EXPECT_EQ(odd, parse(out({"--json", "volumes"}))["volumes"][0]["path"].asString());
 }
 
 TEST_F(Tool, HelpVersionManualAndCompletion) {

@@ -65,6 +65,10 @@ void printLine(const std::string &text);
 // The CommandError for a failed system call: `what` followed by errno's text, and `code`.
 CommandError systemError(int code, const std::string &what);
 
+// Why the last platform call failed: the platform's detail text where it gives one, else errno's
+// text, followed by the error triple ("[0x0007 src/share.cpp:120]").
+std::string platformFailure();
+
 // Each adds one subcommand with its own options and handler.
 void addConfigCommand(CLI::App &app, Context &context);
 void addFilterCommand(CLI::App &app, Context &context);

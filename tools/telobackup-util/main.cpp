@@ -5,11 +5,16 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 
 #include "cli.h"
+#include "telo/platform.h"
 #include "telobackup/json_text.h"
+
+// Only the generic platform explains its failures in words; the vendor libraries lack the call.
+extern "C" const char *TLIBCErrorGetDetail(void) __attribute__((weak));
 
 #ifndef TELOBACKUP_VERSION
 #define TELOBACKUP_VERSION "unknown"
@@ -32,6 +37,15 @@ const char *exitCodeTable() {
 
 CommandError systemError(int code, const std::string &what) {
     return CommandError(code, what + ": " + strerror(errno));
+}
+
+std::string platformFailure() {
+    int error = errno;
+    const char *detail = TLIBCErrorGetDetail != nullptr ? TLIBCErrorGetDetail() : "";
+    char triple[64];
+    snprintf(triple, sizeof(triple), " [0x%04X %s:%d]", TLIBCErrGet(), TLIBCErrorGetFile(),
+             TLIBCErrorGetLine());
+    return (*detail != '\0' ? std::string(detail) : std::string(strerror(error))) + triple;
 }
 
 namespace {
