@@ -1,6 +1,8 @@
 // PathFilter decisions over a backup-shaped corpus against two baselines measured in the same
 // run: (a) the same rules over glibc fnmatch, (b) the library's own match() tried pattern by
-// pattern. Then single decisions on 4 KiB paths for adversarial patterns.
+// pattern. Then how a decision's cost grows with the number of patterns (the set made 10, 100
+// and 1000 times as large) beside fnmatch, single decisions on 4 KiB paths for adversarial
+// patterns, and rebase() of many single stars.
 //
 //   path_filter_bench [--corpus=FILE] [--patterns=FILE] [benchmark flags]
 //
@@ -8,13 +10,19 @@
 // shared benchmark directory beside the source tree; --patterns defaults to its
 // filter_patterns.txt (lines "KIND<TAB>PATTERN", KIND prior, include or exclude).
 #include <fnmatch.h>
+#include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <new>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -29,22 +37,28 @@
 using TELO::Backup::PathFilter;
 using TELO::Backup::PathFilterPrivate;
 
-// Counts every allocation of the process, to show that a decision makes none. (GCC takes the
-// replacement operators for the built-in ones and warns about free.)
+// Counts every allocation of the process, to show that a decision makes none, and the bytes
+// held, to show the most a call holds at once. (GCC takes the replacement operators for the
+// built-in ones and warns about free.)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpragmas"
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 static std::atomic<long> allocations{0};
+static std::atomic<size_t> heldBytes{0}, peakBytes{0};
 void *operator new(size_t size) {
     ++allocations;
     void *p = malloc(size == 0 ? 1 : size);
     if (p == nullptr) throw std::bad_alloc();
+    size_t held = heldBytes += malloc_usable_size(p);
+    if (held > peakBytes) peakBytes = held;
     return p;
 }
 void operator delete(void *p) noexcept {
+    if (p != nullptr) heldBytes -= malloc_usable_size(p);
     free(p);
 }
 void operator delete(void *p, size_t) noexcept {
+    if (p != nullptr) heldBytes -= malloc_usable_size(p);
     free(p);
 }
 #pragma GCC diagnostic pop
@@ -150,6 +164,106 @@ void BM_Corpus(benchmark::State &state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kChunk));
 }
 
+// ---- Growth with the number of patterns ---------------------------------------------------------
+
+constexpr int kCopies[] = {1, 10, 100, 1000};
+constexpr size_t kGrowthChunk = 100;  // paths per iteration
+
+// Copy `copy` of a pattern: the number after its first literal word (before its first literal
+// byte when that is no letter or digit), so it keeps its shape and last byte and rarely matches.
+std::string variant(const std::string &pattern, int copy) {
+    if (copy == 0) return pattern;
+    size_t at = pattern.find_first_not_of("/*?\\");
+    if (at == std::string::npos) return pattern + std::to_string(copy);
+    while (at < pattern.size() && isalnum(static_cast<unsigned char>(pattern[at]))) ++at;
+    return pattern.substr(0, at) + std::to_string(copy) + pattern.substr(at);
+}
+
+struct GrowthSet {
+    PathFilter filter;
+    FnLists fn;
+    size_t patterns = 0;
+};
+std::map<int, std::unique_ptr<GrowthSet>> growthSets;  // by copies
+std::vector<const std::string *> growthSample;         // the corpus in a fixed random order
+
+bool growthRule1(const GrowthSet &set, const std::string &path) {
+    return rule1(set.fn, path, anyFnmatch);
+}
+
+void buildGrowthSets() {
+    for (int copies : kCopies) {
+        auto set = std::make_unique<GrowthSet>();
+        for (int copy = 0; copy < copies; ++copy) {
+            for (const std::string &p : lists.prior) {
+                set->filter.addPriorIncludePattern(variant(p, copy));
+                set->fn.prior.push_back(toFnmatch(variant(p, copy)));
+            }
+            for (const std::string &p : lists.include) {
+                set->filter.addIncludePattern(variant(p, copy));
+                set->fn.include.push_back(toFnmatch(variant(p, copy)));
+            }
+            for (const std::string &p : lists.exclude) {
+                set->filter.addExcludePattern(variant(p, copy));
+                set->fn.exclude.push_back(toFnmatch(variant(p, copy)));
+            }
+        }
+        set->patterns = set->fn.prior.size() + set->fn.include.size() + set->fn.exclude.size();
+        growthSets[copies] = std::move(set);
+    }
+    for (const std::string &path : corpus) growthSample.push_back(&path);
+    std::shuffle(growthSample.begin(), growthSample.end(), std::mt19937(42));
+    // The library and fnmatch must decide alike (the fnmatch form of a pattern is close, not
+    // exact: a few differences are expected, and the same at every size).
+    for (int copies : kCopies) {
+        GrowthSet &set = *growthSets[copies];
+        size_t differ = 0, out = 0, checked = copies >= 1000 ? 1000 : 10000;
+        for (size_t i = 0; i < checked; ++i) {
+            bool library = set.filter.filterOut(*growthSample[i]);
+            out += library;
+            differ += library != growthRule1(set, *growthSample[i]);
+        }
+        printf(
+            "%6zu patterns: %zu of the first %zu sample paths left out, %zu decided otherwise "
+            "by fnmatch\n",
+            set.patterns, out, checked, differ);
+    }
+}
+
+template <bool kLibrary>
+void BM_Growth(benchmark::State &state) {
+    GrowthSet &set = *growthSets[static_cast<int>(state.range(0))];
+    size_t next = 0, left = 0;
+    for (auto _ : state) {
+        for (size_t i = 0; i < kGrowthChunk; ++i) {
+            const std::string &path = *growthSample[next];
+            left += kLibrary ? set.filter.filterOut(path) : growthRule1(set, path);
+            if (++next == growthSample.size()) next = 0;
+        }
+    }
+    benchmark::DoNotOptimize(left);
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kGrowthChunk));
+}
+
+void printGrowth(const telobench::RatioReporter &reporter) {
+    printf("\n%8s %16s %16s %16s %14s %14s\n", "patterns", "filterOut ns", "fnmatch ns",
+           "filterOut/fn", "filterOut x", "fnmatch x");
+    double library0 = -1, fn0 = -1;
+    for (int copies : kCopies) {
+        std::string arg = "/" + std::to_string(copies) + "/";
+        // Microseconds per chunk into nanoseconds per path.
+        double library = reporter.timeOf("BM_GrowthLibrary" + arg) * 1000 / kGrowthChunk;
+        double fn = reporter.timeOf("BM_GrowthFnmatch" + arg) * 1000 / kGrowthChunk;
+        if (library0 < 0) library0 = library, fn0 = fn;
+        printf("%8zu %16.1f %16.1f %15.3fx %13.1fx %13.1fx\n", growthSets[copies]->patterns,
+               library, fn, library / fn, library / library0, fn / fn0);
+    }
+    printf(
+        "(x: the time per path over that at %zu patterns; linear growth is %d x at the "
+        "largest size)\n",
+        growthSets[kCopies[0]]->patterns, kCopies[3] / kCopies[0]);
+}
+
 // Adversarial single decisions on 4 KiB paths.
 struct Adversary {
     const char *pattern;
@@ -202,6 +316,43 @@ void BM_AdversaryMatch(benchmark::State &state) {
         benchmark::DoNotOptimize(PathFilterPrivate::match(a.pattern, a.path.c_str()));
     }
     state.SetLabel(std::string(a.pattern).substr(0, 40));
+}
+
+// rebase() of 500 single stars against a 4,000-byte prefix that they fail on only at its end,
+// beside rebase() of a literal pattern that walks the same prefix once.
+struct HostileRebase {
+    std::string pattern, prefix, literal;
+    HostileRebase() {
+        for (int i = 0; i < 500; ++i) pattern += "*a";
+        pattern += "/z";
+        prefix = std::string(3998, 'a') + "/q";
+        literal = prefix + "/**";
+    }
+};
+const HostileRebase hostile;
+double rebasePeakKilobytes = -1;
+
+void rebaseBench(benchmark::State &state, const std::string &pattern, int expected) {
+    std::string out;
+    size_t before = heldBytes;
+    peakBytes = before;
+    int result = PathFilterPrivate::rebase(pattern.c_str(), hostile.prefix.c_str(), out);
+    double peak = static_cast<double>(peakBytes - before) / 1024;
+    state.counters["peak_KB"] = peak;
+    if (&pattern == &hostile.pattern) rebasePeakKilobytes = peak;
+    if (result != expected) state.SkipWithError("unexpected rebase result");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(
+            PathFilterPrivate::rebase(pattern.c_str(), hostile.prefix.c_str(), out));
+    }
+}
+
+void BM_RebaseStars(benchmark::State &state) {
+    rebaseBench(state, hostile.pattern, -2);
+}
+
+void BM_RebaseLiteral(benchmark::State &state) {
+    rebaseBench(state, hostile.literal, 1);
 }
 
 std::string takeOption(int *argc, char **argv, const char *name, const std::string &fallback) {
@@ -299,6 +450,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     buildAdversaries();
+    buildGrowthSets();
 
     auto iterations = static_cast<benchmark::IterationCount>(corpus.size() / kChunk);
     auto add = [&](const char *name, void (*fn)(benchmark::State &), int repetitions) {
@@ -314,6 +466,17 @@ int main(int argc, char **argv) {
     add("BM_IncludeException/library", BM_Corpus<filterRule2>, 5);
     add("BM_IncludeException/match_each", BM_Corpus<matchRule2>, 3);
     add("BM_IncludeException/fnmatch", BM_Corpus<fnRule2>, 3);
+    for (int copies : kCopies) {
+        for (auto growth : {std::make_pair("BM_GrowthLibrary", BM_Growth<true>),
+                            std::make_pair("BM_GrowthFnmatch", BM_Growth<false>)}) {
+            benchmark::RegisterBenchmark(growth.first, growth.second)
+                ->Arg(copies)
+                ->Repetitions(3)
+                ->ReportAggregatesOnly()
+                ->ComputeStatistics("min", telobench::minimumOf)
+                ->Unit(benchmark::kMicrosecond);
+        }
+    }
     for (size_t i = 0; i < adversaries.size(); ++i) {
         benchmark::RegisterBenchmark("BM_Adversary", BM_Adversary)
             ->Arg(static_cast<int64_t>(i))
@@ -322,6 +485,16 @@ int main(int argc, char **argv) {
             ->Arg(static_cast<int64_t>(i))
             ->Unit(benchmark::kMicrosecond);
     }
+
+    auto addRebase = [](const char *name, void (*fn)(benchmark::State &)) {
+        benchmark::RegisterBenchmark(name, fn)
+            ->Repetitions(5)
+            ->ReportAggregatesOnly()
+            ->ComputeStatistics("min", telobench::minimumOf)
+            ->Unit(benchmark::kMicrosecond);
+    };
+    addRebase("BM_RebaseStars", BM_RebaseStars);
+    addRebase("BM_RebaseLiteral", BM_RebaseLiteral);
 
     telobench::initialize(&argc, argv);
     telobench::RatioReporter reporter;
@@ -338,6 +511,9 @@ int main(int argc, char **argv) {
                    "BM_IncludeException/match_each", 0.1);
     reporter.ratio("filterOutIncludeException / fnmatch", "BM_IncludeException/library",
                    "BM_IncludeException/fnmatch", 0.2);
+    reporter.heading("filterOut by number of patterns, per path, minimum of 3 (the set of " +
+                     std::to_string(growthSets[1]->patterns) + " and its copies)");
+    printGrowth(reporter);
     reporter.heading("Adversarial single decisions on 4 KiB paths (us, limit 50)");
     double worst = 0;
     size_t worstIndex = 0;
@@ -349,5 +525,9 @@ int main(int argc, char **argv) {
         if (t > worst) worst = t, worstIndex = i;
     }
     printf("worst: \"%.60s\" at %.2f us\n", adversaries[worstIndex].pattern, worst);
+    reporter.heading("rebase of 500 single stars under a 4,000-byte prefix");
+    reporter.ratio("rebase / rebase of a literal pattern", "BM_RebaseStars/", "BM_RebaseLiteral/",
+                   0);
+    printf("most heap held during one rebase: %.1f KB\n", rebasePeakKilobytes);
     return reporter.misses() == 0 && worst <= 50 ? 0 : 1;
 }

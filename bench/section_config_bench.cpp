@@ -1,8 +1,10 @@
-// Section config scanning and rewriting against baselines from the same run:
-// - listSection and loadSection of the middle section against a full inih parse of the same
-//   file (10, 1,000 and 50,000 sections of 8 keys);
-// - updateSection of one section (with its syncs) against copying the file to a temporary
-//   beside it, fsync, rename and fsync of the directory (2 KB and 2 MB files).
+// Section config scanning and rewriting by file size (10, 1,000, 10,000 and 100,000 sections of
+// 8 keys, about 400 bytes a section), each against a baseline on the same file in the same run:
+// - listSection and loadSection of the middle section against a full inih parse;
+// - updateSection of the middle section (with its syncs), and optSectionCreateIncreaseId (two
+//   scans, an appended header and the counter saved by a rewrite, under a lock token), against
+//   copying the file to a temporary beside it, fsync, rename and fsync of the directory.
+// The ratios staying level from size to size is what shows the cost to grow linearly.
 #include <fcntl.h>
 #include <ini.h>
 #include <stdio.h>
@@ -12,14 +14,21 @@
 #include <cstring>
 #include <iostream>
 #include <list>
+#include <map>
 #include <string>
 
 #include "support/ratio_reporter.h"
+#include "telobackup/option_map.h"
+#include "telobackup/path/path_util.h"
 #include "telobackup/section_config.h"
 
+using TELO::Backup::OptionMap;
+using TELO::Backup::Path;
 using TELO::Backup::SectionConfig;
 
 namespace {
+
+constexpr int kSizes[] = {10, 1000, 10000, 100000};
 
 std::string scratchDir() {
     static const std::string dir = [] {
@@ -32,13 +41,18 @@ std::string scratchDir() {
     return dir;
 }
 
+const std::string &lockToken() {
+    static const std::string token = "bench-sections-" + std::to_string(getpid());
+    return token;
+}
+
 std::string sectionName(int index) {
     char name[32];
     snprintf(name, sizeof(name), "task%06d", index);
     return name;
 }
 
-// A file of `sections` sections of 8 keys each, about 400 bytes a section.
+// A file of `sections` sections of 8 keys each.
 std::string makeFile(const std::string &name, int sections) {
     std::string path = scratchDir() + "/" + name;
     FILE *f = fopen(path.c_str(), "we");
@@ -53,15 +67,21 @@ std::string makeFile(const std::string &name, int sections) {
     return path;
 }
 
-const std::string &scanFile(int sections) {
-    static std::string files[3];
-    int slot = sections <= 10 ? 0 : sections <= 1000 ? 1 : 2;
-    if (files[slot].empty()) files[slot] = makeFile("scan" + std::to_string(sections), sections);
-    return files[slot];
+// One file per size only read, one rewritten.
+const std::string &fileOf(const char *use, int sections) {
+    static std::map<std::string, std::string> files;
+    std::string name = use + std::to_string(sections);
+    std::string &path = files[name];
+    if (path.empty()) path = makeFile(name, sections);
+    return path;
+}
+
+int sectionsOf(const benchmark::State &state) {
+    return static_cast<int>(state.range(0));
 }
 
 void BM_ListSection(benchmark::State &state) {
-    const std::string &file = scanFile(static_cast<int>(state.range(0)));
+    const std::string &file = fileOf("scan", sectionsOf(state));
     std::list<std::string> names;
     for (auto _ : state) {
         if (!SectionConfig::listSection(file, names)) state.SkipWithError("list failed");
@@ -69,9 +89,8 @@ void BM_ListSection(benchmark::State &state) {
 }
 
 void BM_LoadMiddleSection(benchmark::State &state) {
-    int sections = static_cast<int>(state.range(0));
-    const std::string &file = scanFile(sections);
-    std::string middle = sectionName(sections / 2);
+    const std::string &file = fileOf("scan", sectionsOf(state));
+    std::string middle = sectionName(sectionsOf(state) / 2);
     Json::Value values;
     for (auto _ : state) {
         if (!SectionConfig::loadSection(file, middle, values) || values.size() != 8) {
@@ -86,7 +105,7 @@ int countKey(void *user, const char *, const char *, const char *) {
 }
 
 void BM_InihParse(benchmark::State &state) {
-    const std::string &file = scanFile(static_cast<int>(state.range(0)));
+    const std::string &file = fileOf("scan", sectionsOf(state));
     for (auto _ : state) {
         long keys = 0;
         if (ini_parse(file.c_str(), countKey, &keys) != 0) state.SkipWithError("inih failed");
@@ -96,17 +115,9 @@ void BM_InihParse(benchmark::State &state) {
 
 // ---- Rewrites ---------------------------------------------------------------------------------
 
-const std::string &rewriteFile(int bytes) {
-    static std::string small, large;
-    std::string &slot = bytes < 100000 ? small : large;
-    if (slot.empty()) slot = makeFile("rewrite" + std::to_string(bytes), bytes / 400);
-    return slot;
-}
-
 void BM_UpdateSection(benchmark::State &state) {
-    int bytes = static_cast<int>(state.range(0));
-    const std::string &file = rewriteFile(bytes);
-    std::string middle = sectionName(bytes / 800);
+    const std::string &file = fileOf("rewrite", sectionsOf(state));
+    std::string middle = sectionName(sectionsOf(state) / 2);
     Json::Value values;
     for (int k = 0; k < 8; ++k)
         values["option_" + std::to_string(k)] = "updated value " + std::to_string(k);
@@ -117,9 +128,20 @@ void BM_UpdateSection(benchmark::State &state) {
     }
 }
 
+// Each allocation adds one empty section to the file, a negligible growth.
+void BM_CreateIncreaseId(benchmark::State &state) {
+    const std::string &file = fileOf("rewrite", sectionsOf(state));
+    for (auto _ : state) {
+        OptionMap map;
+        if (!map.setLockToken(lockToken()) || !map.optSectionCreateIncreaseId(file, "job")) {
+            state.SkipWithError("allocation failed");
+        }
+    }
+}
+
 // The least any durable rewrite must do: copy beside, fsync, rename, fsync the directory.
 void BM_CopyRenameFloor(benchmark::State &state) {
-    const std::string &file = rewriteFile(static_cast<int>(state.range(0)));
+    const std::string &file = fileOf("rewrite", sectionsOf(state));
     std::string temp = file + ".floor";
     std::string dir = file.substr(0, file.rfind('/'));
     static char buffer[64 * 1024];
@@ -140,26 +162,35 @@ void BM_CopyRenameFloor(benchmark::State &state) {
     }
 }
 
-BENCHMARK(BM_ListSection)->Arg(10)->Arg(1000)->Arg(50000)->Repetitions(5)->ReportAggregatesOnly();
-BENCHMARK(BM_LoadMiddleSection)
-    ->Arg(10)
-    ->Arg(1000)
-    ->Arg(50000)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly();
-BENCHMARK(BM_InihParse)->Arg(10)->Arg(1000)->Arg(50000)->Repetitions(5)->ReportAggregatesOnly();
-BENCHMARK(BM_UpdateSection)
-    ->Arg(2048)
-    ->Arg(2 << 20)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_CopyRenameFloor)
-    ->Arg(2048)
-    ->Arg(2 << 20)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly()
-    ->Unit(benchmark::kMillisecond);
+void bySize(benchmark::internal::Benchmark *b) {
+    for (int sections : kSizes) b->Arg(sections);
+    b->Repetitions(5)
+        ->ReportAggregatesOnly()
+        ->ComputeStatistics("min", telobench::minimumOf)
+        ->Unit(benchmark::kMicrosecond);
+}
+
+BENCHMARK(BM_ListSection)->Apply(bySize);
+BENCHMARK(BM_LoadMiddleSection)->Apply(bySize);
+BENCHMARK(BM_InihParse)->Apply(bySize);
+BENCHMARK(BM_UpdateSection)->Apply(bySize);
+BENCHMARK(BM_CreateIncreaseId)->Apply(bySize);
+BENCHMARK(BM_CopyRenameFloor)->Apply(bySize);
+
+// One ratio row per size, then the growth of the measured case's own time.
+void table(telobench::RatioReporter &reporter, const std::string &label,
+           const std::string &measured, const std::string &baseline, double target) {
+    for (int sections : kSizes) {
+        std::string arg = "/" + std::to_string(sections) + "/";
+        reporter.ratio(label + ", " + std::to_string(sections) + " sections", measured + arg,
+                       baseline + arg, target);
+    }
+    std::string first = "/" + std::to_string(kSizes[0]) + "/";
+    std::string last = "/" + std::to_string(kSizes[3]) + "/";
+    reporter.ratio(
+        label + ": time at " + std::to_string(kSizes[3]) + " / at " + std::to_string(kSizes[0]),
+        measured + last, measured + first, 0);
+}
 
 }  // namespace
 
@@ -169,22 +200,22 @@ int main(int argc, char **argv) {
     std::cout << "scratch directory: " << scratchDir() << std::endl;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.heading("scanning / full inih parse of the same file (targets 1/3 and 1/8)");
-    for (const char *size : {"10", "1000", "50000"}) {
-        std::string suffix = std::string("/") + size + "/";
-        reporter.ratio(std::string("listSection, sections ") + size, "BM_ListSection" + suffix,
-                       "BM_InihParse" + suffix, 1.0 / 3);
-        reporter.ratio(std::string("loadSection middle, sections ") + size,
-                       "BM_LoadMiddleSection" + suffix, "BM_InihParse" + suffix, 1.0 / 8);
+    table(reporter, "listSection", "BM_ListSection", "BM_InihParse", 1.0 / 3);
+    table(reporter, "loadSection middle", "BM_LoadMiddleSection", "BM_InihParse", 1.0 / 8);
+    reporter.heading("rewrites / copy + fsync + rename + fsync dir of the same file");
+    table(reporter, "updateSection", "BM_UpdateSection", "BM_CopyRenameFloor", 1.2);
+    table(reporter, "optSectionCreateIncreaseId", "BM_CreateIncreaseId", "BM_CopyRenameFloor", 0);
+    reporter.heading("the baselines: time at " + std::to_string(kSizes[3]) + " sections / at " +
+                     std::to_string(kSizes[0]));
+    reporter.ratio("inih parse", "BM_InihParse/100000/", "BM_InihParse/10/", 0);
+    reporter.ratio("copy + fsync + rename", "BM_CopyRenameFloor/100000/", "BM_CopyRenameFloor/10/",
+                   0);
+
+    std::string dir = scratchDir();
+    for (const char *use : {"scan", "rewrite"}) {
+        for (int sections : kSizes) unlink((dir + "/" + use + std::to_string(sections)).c_str());
     }
-    reporter.heading("updateSection / copy + fsync + rename + fsync dir");
-    reporter.ratio("updateSection, 2 KB", "BM_UpdateSection/2048/", "BM_CopyRenameFloor/2048/",
-                   1.2);
-    reporter.ratio("updateSection, 2 MB", "BM_UpdateSection/2097152/",
-                   "BM_CopyRenameFloor/2097152/", 1.2);
-    std::string cleanup = scratchDir();
-    for (const char *name : {"scan10", "scan1000", "scan50000", "rewrite2048", "rewrite2097152"}) {
-        unlink((cleanup + "/" + name).c_str());
-    }
-    rmdir(cleanup.c_str());
+    rmdir(dir.c_str());
+    unlink(Path::join(Path::getIpcTempPath(), "lock", lockToken()).c_str());
     return 0;
 }

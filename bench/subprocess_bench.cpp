@@ -1,7 +1,8 @@
 // Launch cost of SubProcess against posix_spawn + waitpid of the same program, from a parent
-// whose resident memory is about 10 MB and then about 1 GB (touched, in small pages, as a
-// daemon's heap would be), on the default path and on the plain-fork path; and the round trip
-// of a one-line conversation. Needs about 1.1 GB of free memory.
+// whose resident memory is about 10 MB, 1 GB and 4 GB (touched, in small pages, as a daemon's
+// heap would be), on the default path and on the plain-fork path; and the round trip of a
+// one-line conversation, with the child's end waited for on a pidfd and with naps. Needs about
+// 4.1 GB of free memory.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <string>
 
+#include "proc/exit_wait.h"
 #include "proc/launch.h"
 #include "support/ratio_reporter.h"
 #include "telobackup/proc/subprocess.h"
@@ -112,8 +114,9 @@ void BM_CallForkPath(benchmark::State &state) {
     callTrue(state, true);
 }
 
-void BM_PipeRoundTrip(benchmark::State &state) {
+void pipeRoundTrip(benchmark::State &state, bool naps) {
     prepare(state);
+    TELO::Backup::internal::setExitWaitByNaps(naps);
     SubProcess sp(kCat);
     for (auto _ : state) {
         PipeFile *pipe = nullptr;
@@ -126,6 +129,16 @@ void BM_PipeRoundTrip(benchmark::State &state) {
             break;
         }
     }
+    TELO::Backup::internal::setExitWaitByNaps(false);
+}
+
+void BM_PipeRoundTrip(benchmark::State &state) {
+    pipeRoundTrip(state, false);
+}
+
+// As where the kernel has no pidfds.
+void BM_PipeRoundTripNaps(benchmark::State &state) {
+    pipeRoundTrip(state, true);
 }
 
 // The same conversation on posix_spawn and a blocking waitpid.
@@ -163,9 +176,13 @@ LAUNCH_CASE(BM_Call, 10)->MinTime(0.3)->ReportAggregatesOnly();
 LAUNCH_CASE(BM_CallForkPath, 10)->MinTime(0.3)->ReportAggregatesOnly();
 LAUNCH_CASE(BM_PipeSpawn, 10)->MinTime(0.3)->ReportAggregatesOnly();
 LAUNCH_CASE(BM_PipeRoundTrip, 10)->MinTime(0.3)->ReportAggregatesOnly();
+LAUNCH_CASE(BM_PipeRoundTripNaps, 10)->MinTime(0.3)->ReportAggregatesOnly();
 LAUNCH_CASE(BM_PosixSpawn, 1024)->MinTime(0.3)->ReportAggregatesOnly();
 LAUNCH_CASE(BM_Call, 1024)->MinTime(0.3)->ReportAggregatesOnly();
 LAUNCH_CASE(BM_CallForkPath, 1024)->MinTime(0.3)->ReportAggregatesOnly();
+LAUNCH_CASE(BM_PosixSpawn, 4096)->MinTime(0.3)->ReportAggregatesOnly();
+LAUNCH_CASE(BM_Call, 4096)->MinTime(0.3)->ReportAggregatesOnly();
+LAUNCH_CASE(BM_CallForkPath, 4096)->MinTime(0.3)->ReportAggregatesOnly();
 
 }  // namespace
 
@@ -178,15 +195,29 @@ int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     telobench::initialize(&argc, argv);
     telobench::RatioReporter reporter;
-    // One parent size at a time: growing and shrinking 1 GB between cases would dominate.
+    // One parent size at a time: growing and shrinking gigabytes between cases would dominate.
     benchmark::RunSpecifiedBenchmarks(&reporter, "/10/");
     benchmark::RunSpecifiedBenchmarks(&reporter, "/1024/");
+    benchmark::RunSpecifiedBenchmarks(&reporter, "/4096/");
     reporter.heading("SubProcess::call() of /bin/true / posix_spawn + waitpid (minimum of 9)");
     reporter.ratio("10 MB parent", "BM_Call/10/", "BM_PosixSpawn/10/", 1.5);
     reporter.ratio("1 GB parent (stretch)", "BM_Call/1024/", "BM_PosixSpawn/1024/", 2.0);
+    reporter.ratio("4 GB parent", "BM_Call/4096/", "BM_PosixSpawn/4096/", 0);
     reporter.ratio("plain fork path, 10 MB", "BM_CallForkPath/10/", "BM_PosixSpawn/10/", 0);
     reporter.ratio("plain fork path, 1 GB", "BM_CallForkPath/1024/", "BM_PosixSpawn/1024/", 0);
-    reporter.heading("callPipeOpen + one-line echo + callPipeClose / posix_spawn + waitpid");
-    reporter.ratio("pipe round trip, 10 MB", "BM_PipeRoundTrip/10/", "BM_PipeSpawn/10/", 0);
+    reporter.ratio("plain fork path, 4 GB", "BM_CallForkPath/4096/", "BM_PosixSpawn/4096/", 0);
+    reporter.heading("growth with the parent's size: the same call / its 10 MB time");
+    reporter.ratio("call(), 1 GB / 10 MB", "BM_Call/1024/", "BM_Call/10/", 0);
+    reporter.ratio("call(), 4 GB / 10 MB", "BM_Call/4096/", "BM_Call/10/", 0);
+    reporter.ratio("posix_spawn, 1 GB / 10 MB", "BM_PosixSpawn/1024/", "BM_PosixSpawn/10/", 0);
+    reporter.ratio("posix_spawn, 4 GB / 10 MB", "BM_PosixSpawn/4096/", "BM_PosixSpawn/10/", 0);
+    reporter.ratio("plain fork path, 4 GB / 1 GB", "BM_CallForkPath/4096/", "BM_CallForkPath/1024/",
+                   0);
+    reporter.heading(
+        "callPipeOpen + one-line echo + callPipeClose / socketpair + posix_spawn + "
+        "write/read + close + waitpid");
+    reporter.ratio("pipe round trip, pidfd wait", "BM_PipeRoundTrip/10/", "BM_PipeSpawn/10/", 1.5);
+    reporter.ratio("pipe round trip, naps (no pidfds)", "BM_PipeRoundTripNaps/10/",
+                   "BM_PipeSpawn/10/", 0);
     return 0;
 }

@@ -21,6 +21,11 @@ if(PkgConfig_FOUND)
 endif()
 telo_require(SODIUM_FOUND libsodium-dev "libsodium")
 
+if(PkgConfig_FOUND)
+  pkg_check_modules(MOUNT QUIET IMPORTED_TARGET mount)
+endif()
+telo_require(MOUNT_FOUND libmount-dev "libmount")
+
 if(TELO_BUILD_TESTS)
   find_package(GTest CONFIG QUIET)
   telo_require(GTest_FOUND libgtest-dev "GoogleTest")

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <string>
 
+#include "support/syslog_capture.h"
 #include "telobackup/section_config.h"
 
 using TELO::Backup::SectionConfig;
@@ -161,5 +162,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         check(readText(file) == content);
     }
     check(alone());
+    testsupport::clearCapturedLines();
     return 0;
 }

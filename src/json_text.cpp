@@ -25,6 +25,7 @@ std::unique_ptr<Json::CharReader> newReader() {
     builder["failIfExtra"] = true;
     builder["strictRoot"] = false;
     builder["allowSpecialFloats"] = false;
+    builder["stackLimit"] = 1000;
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 
@@ -65,8 +66,15 @@ bool jsonFromString(Json::Value &value, const std::string &text) {
     const char *begin = text.data();
     const char *end = begin + text.size();
     ThreadCodec *codec = threadCodec();
-    bool ok = codec != nullptr ? codec->reader->parse(begin, end, &parsed, nullptr)
-                               : newReader()->parse(begin, end, &parsed, nullptr);
+    bool ok;
+    try {
+        ok = codec != nullptr ? codec->reader->parse(begin, end, &parsed, nullptr)
+                              : newReader()->parse(begin, end, &parsed, nullptr);
+    } catch (const Json::Exception &) {
+        // The reader throws instead of failing on some texts (nesting past its depth limit);
+        // the reader resets itself at the start of every parse, so it stays usable.
+        ok = false;
+    }
     if (!ok) return false;
     value.swap(parsed);
     return true;

@@ -138,6 +138,25 @@ class OptionMapPrivate {
     const Json::Value *find(const std::string &key) const {
         return values.find(key.data(), key.data() + key.size());
     }
+
+    // The member `key` when the JSON library converts it to `type` without throwing (a string
+    // is no int, an object no bool), else null: a value of another type reads as missing.
+    const Json::Value *findAs(const std::string &key, Json::ValueType type) const {
+        const Json::Value *value = find(key);
+        return value != nullptr && value->isConvertibleTo(type) ? value : nullptr;
+    }
+
+    // The same for asInt64, which the library's conversion table does not cover.
+    const Json::Value *findInt64(const std::string &key) const {
+        const Json::Value *value = find(key);
+        if (value == nullptr) return nullptr;
+        if (value->isInt64() || value->isBool() || value->isNull()) return value;
+        if (value->type() == Json::realValue && value->asDouble() >= -9223372036854775808.0 &&
+            value->asDouble() < 9223372036854775808.0) {
+            return value;
+        }
+        return nullptr;
+    }
 };
 
 const char *OptionMap::SZK_SEC_GLOBAL = "global";
@@ -164,27 +183,27 @@ bool OptionMap::optCloneTo(OptionMap &dst) const {
 // ---- Values -----------------------------------------------------------------------------------
 
 std::string OptionMap::optString(const std::string &key, const std::string &def) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::stringValue);
     return value != nullptr ? value->asString() : def;
 }
 
 std::string OptionMap::optSecret(const std::string &key, const std::string &def) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::stringValue);
     return value != nullptr ? decryptSecret(value->asString()) : def;
 }
 
 int OptionMap::optInt(const std::string &key, int def) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::intValue);
     return value != nullptr ? value->asInt() : def;
 }
 
 bool OptionMap::optBool(const std::string &key, bool def) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::booleanValue);
     return value != nullptr ? value->asBool() : def;
 }
 
 bool OptionMap::optGet(const std::string &key, std::string &out, bool secret) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::stringValue);
     if (value == nullptr) return false;
     out = secret ? decryptSecret(value->asString()) : value->asString();
     return true;
@@ -198,21 +217,21 @@ bool OptionMap::optGet(const std::string &key, char *buf, unsigned int size, boo
 }
 
 bool OptionMap::optGet(const std::string &key, int &out) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::intValue);
     if (value == nullptr) return false;
     out = value->asInt();
     return true;
 }
 
 bool OptionMap::optGet(const std::string &key, long long &out) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findInt64(key);
     if (value == nullptr) return false;
     out = value->asInt64();
     return true;
 }
 
 bool OptionMap::optGet(const std::string &key, bool &out) const {
-    const Json::Value *value = d_->find(key);
+    const Json::Value *value = d_->findAs(key, Json::booleanValue);
     if (value == nullptr) return false;
     out = value->asBool();
     return true;
@@ -228,6 +247,9 @@ bool OptionMap::optGet(const std::string &key, Json::Value &out) const {
 bool OptionMap::optGet(const std::string &key, std::list<std::string> &out) const {
     const Json::Value *value = d_->find(key);
     if (value == nullptr) return false;
+    for (const Json::Value &element : *value) {
+        if (!element.isConvertibleTo(Json::stringValue)) return false;
+    }
     out.clear();
     for (const Json::Value &element : *value) out.push_back(element.asString());
     return true;

@@ -539,7 +539,8 @@ bool SectionConfig::writeLine(FILE *stream, const std::string &line) {
 
 bool SectionConfig::loadSection(const std::string &file, const std::string &section,
                                 Json::Value &values) {
-    if (values.isNull() || values.isObject() || values.isArray()) {
+    // Keys are added by name, which an array (or any other kind of value) would refuse.
+    if (values.isNull() || values.isObject()) {
         values.clear();
     } else {
         values = Json::Value();

@@ -37,6 +37,23 @@ TEST(JsonText, ParsesExactlyOneValue) {
     }
 }
 
+// Nesting is bounded: the reader's own limit fails the parse instead of throwing, and the
+// reader stays usable afterwards.
+TEST(JsonText, DeepNestingFailsWithoutThrowing) {
+    auto nested = [](int depth, bool closed) {
+        return std::string(depth, '[') + (closed ? std::string(depth, ']') : "");
+    };
+    Json::Value v("keep");
+    EXPECT_TRUE(jsonFromString(v, nested(1000, true)));
+    for (const std::string &text : {nested(1001, true), nested(1001, false), nested(100000, false),
+                                    "{\"a\":" + nested(1001, true) + "}"}) {
+        v = "keep";
+        EXPECT_FALSE(jsonFromString(v, text)) << text.size();
+        EXPECT_EQ("keep", v.asString());
+    }
+    EXPECT_TRUE(jsonFromString(v, "[1]") && v[0].asInt() == 1);
+}
+
 // Each thread has its own writer and reader.
 TEST(JsonText, RoundTripsAcrossThreads) {
     Json::Value v;

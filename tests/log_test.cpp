@@ -118,10 +118,28 @@ TEST(FileLog, UnwritablePathIsRetriedOnEveryCall) {
         time_t from = time(nullptr);
         setenv("TELO_LOGFILE", path.c_str(), 1);
         filelog(3, "lost");
+        CHILD_CHECK(filelogChecked(3, "lost") == -1 && errno == ENOENT);
         CHILD_CHECK(!exists(path));
         CHILD_CHECK(mkdir(sub.c_str(), 0700) == 0);
         filelog(3, "kept");
-        CHILD_CHECK_EQ(std::string("kept\n"), messages(readFile(path), from));
+        CHILD_CHECK_EQ(0, filelogChecked(3, "%s", "checked"));
+        CHILD_CHECK_EQ(std::string("kept\nchecked\n"), messages(readFile(path), from));
+    });
+}
+
+// A write that fails is reported by the checked call, and the next line is not disturbed by
+// what the failed one left behind; an empty path is no failure.
+TEST(FileLog, CheckedCallReportsFailedWrites) {
+    EXPECT_CHILD_OK([] {
+        setenv("TELO_LOGFILE", "/dev/full", 1);
+        filelog(3, "lost");
+        CHILD_CHECK(filelogChecked(3, "lost") == -1 && errno == ENOSPC);
+        CHILD_CHECK(filelogChecked(3, "%s", std::string(100000, 'x').c_str()) == -1);
+    });
+    EXPECT_CHILD_OK([] {
+        setenv("TELO_LOGFILE", "", 1);
+        CHILD_CHECK_EQ(0, filelogChecked(3, "off"));
+        CHILD_CHECK(filelogChecked(3, nullptr) == -1 && errno == EINVAL);
     });
 }
 

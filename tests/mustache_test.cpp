@@ -70,3 +70,18 @@ TEST(Mustache, JsonForm) {
     EXPECT_EQ("a  b", replaceMustache("a {{0}} b", array, false));
     EXPECT_EQ("a  b", replaceMustache("a {{x}} b", Json::Value(), false));
 }
+
+// A member nested deeper than any text could be parsed is still written out whole.
+TEST(Mustache, JsonFormWritesDeepMembers) {
+    Json::Value deep(Json::arrayValue);
+    for (int i = 1; i < 1001; ++i) {
+        Json::Value outer(Json::arrayValue);
+        outer.append(deep);
+        deep.swap(outer);
+    }
+    Json::Value vars;
+    vars["e"] = deep;
+    std::string expected = "<" + std::string(1001, '[') + std::string(1001, ']') + ">";
+    EXPECT_EQ(expected, replaceMustache("<{{e}}>", vars, false));
+    EXPECT_EQ(expected, replaceMustache("<{{e}}>", vars, true));
+}

@@ -67,6 +67,80 @@ TEST_F(OptionMapTest, Values) {
     EXPECT_EQ(2, copy.optInt("b", 0));
 }
 
+// A value of another type reads as missing, whatever the getter; a text nested past the
+// reader's limit does not parse. Nothing throws.
+TEST_F(OptionMapTest, HostileValuesReadAsMissing) {
+    const std::string deep = std::string(1001, '[') + std::string(1001, ']');
+    OptionMap map;
+    ASSERT_TRUE(map.optLoadJsonString("{\"k\":1}"));
+    EXPECT_FALSE(map.optLoadJsonString("{\"e\":" + deep + "}"));
+    EXPECT_TRUE(map.optAppendJsonString("{\"e\":" + deep + "}"));
+    EXPECT_EQ("{\"k\":1}", map.optToJsonString());
+
+    ASSERT_TRUE(map.optLoadJsonString(
+        R"({"s":"abc","big":1e10,"huge":1e300,"real":-2.5,"t":true,"n":null,"u":4294967295,)"
+        R"("u64":18446744073709551615,"a":[1,{"x":1}],"o":{"k":"v"},"la":["x",2,true]})"));
+    struct Row {
+        const char *key, *text;  // optString, "D" for the default
+        int number;              // optInt, 7 for the default
+        const char *flag;        // optBool: "t", "f", or "D"
+        const char *wide;        // optGet(long long &) as text, "D" when false
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"s", "abc", 7, "D", "D"},              {"big", "10000000000.0", 7, "t", "10000000000"},
+        {"huge", "1.0000000000000001e+300", 7, "t", "D"},       {"real", "-2.5", -2, "t", "-2"},
+        {"t", "true", 1, "t", "1"},              {"n", "", 0, "f", "0"},
+        {"u", "4294967295", 7, "t", "4294967295"}, {"u64", "18446744073709551615", 7, "t", "D"},
+        {"a", "D", 7, "D", "D"},                 {"o", "D", 7, "D", "D"},
+    };
+    // clang-format on
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.key);
+        EXPECT_EQ(row.text, map.optString(row.key, "D"));
+        if (std::string(row.text) == "D") {
+            EXPECT_EQ("D", map.optSecret(row.key, "D"));
+        }
+        EXPECT_EQ(row.number, map.optInt(row.key, 7));
+        bool flagDefaulted = map.optBool(row.key, true) && !map.optBool(row.key, false);
+        EXPECT_EQ(row.flag, std::string(flagDefaulted                 ? "D"
+                                        : map.optBool(row.key, false) ? "t"
+                                                                      : "f"));
+        long long wide = 99;
+        bool got = map.optGet(row.key, wide);
+        EXPECT_EQ(row.wide, got ? std::to_string(wide) : std::string("D"));
+        EXPECT_TRUE(got || wide == 99);
+        std::string text = "keep";
+        int number = 99;
+        bool flag = true;
+        EXPECT_EQ(std::string(row.text) != "D", map.optGet(row.key, text));
+        EXPECT_EQ(row.number != 7, map.optGet(row.key, number));
+        EXPECT_EQ(std::string(row.flag) != "D", map.optGet(row.key, flag));
+    }
+    EXPECT_EQ(0, fakeplatform::calls("TLIBCCryptSzDecrypt"));
+    std::list<std::string> list{"stale"};
+    EXPECT_FALSE(map.optGet("a", list));
+    EXPECT_EQ(std::list<std::string>{"stale"}, list);
+    EXPECT_TRUE(map.optGet("la", list));
+    EXPECT_EQ((std::list<std::string>{"x", "2", "true"}), list);
+
+    // Loading from a file: the deep value is skipped, the rest loads.
+    writeFile(file, "[t]\ne=" + deep + "\nk=1\n");
+    ASSERT_TRUE(map.optSectionLoad(file, "t", -1));
+    EXPECT_EQ("{\"k\":1}", map.optToJsonString());
+
+    // A counter that is no int counts as 0: the next number follows the sections in use.
+    for (const std::string &counter : std::vector<std::string>{"\"abc\"", "1e10", "{}", deep}) {
+        SCOPED_TRACE(counter);
+        writeFile(file, "[global]\njobid_max=" + counter + "\n[job3]\n");
+        OptionMap created;
+        ASSERT_TRUE(created.optSectionCreateIncreaseId(file, "job"));
+        EXPECT_EQ("job4", created.optSectionGetName());
+        EXPECT_EQ("[global]\njobid_max=4\n[job3]\n[job4]\n", readFile(file));
+    }
+    EXPECT_EQ(0u, log.size()) << log.dump();
+}
+
 TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     OptionMap map;
     map.optSet("p", "pw", true);

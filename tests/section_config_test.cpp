@@ -99,6 +99,23 @@ TEST_F(SectionConfigFile, LoadAndList) {
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
+// Values that do not parse are skipped, however they fail: a value nested past the reader's
+// depth limit is one of them. A `values` of any kind ends as the section's object.
+TEST_F(SectionConfigFile, HostileValuesAreSkipped) {
+    std::string deep = std::string(1001, '[') + std::string(1001, ']');
+    writeFile(file,
+              "[a]\ne=" + std::string(1001, '[') + "\nf=" + deep + "\nok=1\n[b]\nd=" + deep + "\n");
+    Json::Value array;  // becomes an array
+    array.append(1);
+    for (Json::Value values : {array, Json::Value("s"), Json::Value(3)}) {
+        EXPECT_TRUE(SectionConfig::loadSection(file, "a", values));
+        EXPECT_EQ(json("{\"ok\":1}"), values);
+    }
+    Json::Value values(Json::arrayValue);
+    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values) && values.empty());
+    EXPECT_EQ(0u, log.size()) << log.dump();
+}
+
 TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
     writeFile(file, kSample, 0640);
     EXPECT_TRUE(SectionConfig::updateSection(file, "a", json("{\"z\":5,\"s\":\"t\"}"), false));

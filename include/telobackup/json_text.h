@@ -22,6 +22,7 @@ TELO_EXPORT std::string jsonToString(const Json::Value &value);
 // Parses `text` as exactly one JSON value of any type (an object, array, string, number,
 // boolean or null; surrounding blanks allowed, comments and trailing text are not) into
 // `value`. Returns true on success; on failure returns false and leaves `value` unchanged.
+// A text nested more than 1,000 levels deep does not parse. Never throws but std::bad_alloc.
 // Nothing is logged.
 TELO_EXPORT bool jsonFromString(Json::Value &value, const std::string &text);
 

@@ -27,6 +27,13 @@ extern "C" {
  * errno may be changed. */
 TELO_EXPORT void filelog(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+/* As filelog, and tells whether the line reached the log: 0 when it was written and flushed
+ * (or the log is turned off by an empty TELO_LOGFILE), -1 with errno when the file could not
+ * be opened or a write, the flush or the sync to storage failed. A log that cannot be synced
+ * (standard error on a terminal or pipe) is no failure. Nothing is logged or thrown. */
+TELO_EXPORT int filelogChecked(int level, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 /* filelog with a va_list. */
 TELO_EXPORT void vfilelog(int level, const char *format, va_list ap)
     __attribute__((format(printf, 2, 0)));

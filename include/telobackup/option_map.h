@@ -44,8 +44,11 @@ class TELO_EXPORT OptionMap {
     bool optCloneTo(OptionMap &dst) const;
 
     // ---- Values ----
-    // Getters convert with jsoncpp's asString/asInt/asInt64/asBool; a stored value of a type
-    // those cannot convert (an object read as an int) throws Json::LogicError, as jsoncpp does.
+    // Getters convert with jsoncpp's asString/asInt/asInt64/asBool, and only a value that
+    // converts (isConvertibleTo): a value of another type reads as if `key` were not set, so
+    // optInt("k", 7) of k="abc", k=1e10 or k={} is 7, and no getter throws. Strings convert
+    // from numbers, booleans and null; ints, 64-bit ints and booleans from numbers in range,
+    // booleans and null.
 
     // The option as text, or `def` when `key` is not set.
     std::string optString(const std::string &key, const std::string &def) const;
@@ -55,9 +58,9 @@ class TELO_EXPORT OptionMap {
     int optInt(const std::string &key, int def) const;
     bool optBool(const std::string &key, bool def) const;
 
-    // Each returns false and leaves `out` untouched when `key` is not set, else fills `out` and
-    // returns true. With `secret` the stored text is decrypted ("" when that fails, see
-    // optSecret).
+    // Each returns false and leaves `out` untouched when `key` is not set (or its value does
+    // not convert), else fills `out` and returns true. With `secret` the stored text is
+    // decrypted ("" when that fails, see optSecret).
     bool optGet(const std::string &key, std::string &out, bool secret = false) const;
     // Copies the text into `buf` cut to size - 1 bytes and NUL-terminated (size >= 1); true
     // even when cut.
@@ -66,7 +69,8 @@ class TELO_EXPORT OptionMap {
     bool optGet(const std::string &key, long long &out) const;
     bool optGet(const std::string &key, bool &out) const;
     bool optGet(const std::string &key, Json::Value &out) const;
-    // Replaces `out` with the text of every element, in order.
+    // Replaces `out` with the text of every element, in order; false with `out` untouched
+    // when an element is an array or object.
     bool optGet(const std::string &key, std::list<std::string> &out) const;
 
     // Each replaces the option `key` and returns true. With `secret` the text is stored
@@ -87,12 +91,13 @@ class TELO_EXPORT OptionMap {
     bool optClear();
 
     // Replaces the options with the JSON object (or null) of `json`. False, options unchanged,
-    // when the text does not parse or holds another kind of value. The binding is not touched.
+    // when the text does not parse (nested past 1,000 levels included, see jsonFromString) or
+    // holds another kind of value. The binding is not touched.
     bool optLoadJsonString(const std::string &json);
     // The options as one-line JSON text ("null" for a map never set).
     std::string optToJsonString() const;
     // Sets every member of the JSON object `json`, keeping the other options. Text that is not
-    // a JSON object changes nothing. Returns true.
+    // a JSON object (or does not parse, see jsonFromString) changes nothing. Returns true.
     bool optAppendJsonString(const std::string &json);
 
     // ---- Binding to a section ----
@@ -169,7 +174,8 @@ class TELO_EXPORT OptionMap {
 
     // Allocates one more than the larger of the counter prefix + "id_max" of the section
     // "global" and every number in use, appends its header, records the number as the counter
-    // and returns it: numbers are never handed out twice, even after removals. Failure: -1.
+    // and returns it: numbers are never handed out twice, even after removals. A counter that
+    // is not an int (optInt: "abc", 1e10) counts as 0. Failure: -1.
     // A counter that cannot be kept is logged ("create global section for [%s] failed %m",
     // "set id_max [%d] failed", "save [%s] id_max [%d] failed %m") but the number is returned.
     static int optSectionGetIncreaseId(const std::string &file, const std::string &prefix);

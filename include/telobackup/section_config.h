@@ -86,8 +86,9 @@ class TELO_EXPORT SectionConfig {
     static bool writeLine(FILE *stream, const std::string &line);
 
     // Replaces `values` with the keys of the first section named `section` (byte-exact match):
-    // each value is parsed as JSON and a text that does not parse is skipped silently; a later
-    // duplicate key wins. Reading stops at the header after that section.
+    // each value is parsed as JSON and a text that does not parse (one nested more than 1,000
+    // levels deep included) is skipped silently; a later duplicate key wins. Reading stops at
+    // the header after that section. `values` ends as an object or null, whatever it held.
     // Failure: false; errno ENOENT when the file is missing or has no such section (nothing
     // logged), else errno from fopen or the read (a read error is logged by parseFile).
     static bool loadSection(const std::string &file, const std::string &section,

@@ -286,7 +286,8 @@ extern "C" int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize
     }
     if (!ready()) return 0;
     size_t length = strlen(cipher);
-    std::vector<unsigned char> sealed(length);
+    // One byte more than any decoding needs, so that the buffer is never null, even for "".
+    std::vector<unsigned char> sealed(length + 1);
     size_t decoded = 0;
     const char *end = nullptr;
     if (sodium_base642bin(sealed.data(), sealed.size(), cipher, length, nullptr, &decoded, &end,

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <string>
 
 #include "platform_error.h"
 #include "telo/platform.h"
@@ -9,6 +10,7 @@ struct LastError {
     unsigned int code = TELO_ERR_NONE;
     const char *file = "";
     int line = 0;
+    std::string detail;
 };
 
 thread_local LastError lastError;
@@ -17,10 +19,13 @@ thread_local LastError lastError;
 
 namespace telo_platform {
 
-void setError(unsigned int code, const char *file, int line) {
+void setError(unsigned int code, const char *file, int line, const std::string &detail) {
+    int saved = errno;
     lastError.code = code;
     lastError.file = file;
     lastError.line = line;
+    lastError.detail = detail;
+    errno = saved;
 }
 
 }  // namespace telo_platform
@@ -37,6 +42,10 @@ const char *TLIBCErrorGetFile(void) {
 
 int TLIBCErrorGetLine(void) {
     return lastError.line;
+}
+
+const char *TLIBCErrorGetDetail(void) {
+    return lastError.detail.c_str();
 }
 
 }  // extern "C"

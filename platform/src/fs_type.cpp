@@ -14,11 +14,14 @@ extern "C" int TELOGetFSType(const char *path, int /*flags*/) {
         TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
         return -1;
     }
-    telo_platform::MountEntry mount;
-    unsigned int error = telo_platform::mountHolding(path, mount);
+    std::vector<telo_platform::MountEntry> entries;
+    std::vector<bool> hidden;
+    size_t mount = 0;
+    std::string detail;
+    unsigned int error = telo_platform::mountHolding(path, entries, hidden, mount, detail);
     if (error != TELO_ERR_NONE) {
-        TELO_PLATFORM_FAIL(error);
+        TELO_PLATFORM_FAIL_DETAIL(error, detail);
         return -1;
     }
-    return telo_platform::fsTypeCode(mount.fsType);
+    return telo_platform::fsTypeCode(entries[mount].fsType);
 }

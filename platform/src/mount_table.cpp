@@ -1,47 +1,82 @@
 #include "mount_table.h"
 
+#include <libmount.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <utility>
 
+#include "config_file.h"
 #include "telo/platform.h"
 
 namespace telo_platform {
 
 namespace {
 
-// The kernel escapes blank, tab, newline and backslash in mount paths as \ooo.
-std::string decodeOctalEscapes(const std::string &field) {
-    std::string out;
-    out.reserve(field.size());
-    for (size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size() && field[i + 1] >= '0' &&
-            field[i + 1] <= '3' && field[i + 2] >= '0' && field[i + 2] <= '7' &&
-            field[i + 3] >= '0' && field[i + 3] <= '7') {
-            out += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 +
-                                     (field[i + 3] - '0'));
-            i += 3;
-        } else {
-            out += field[i];
-        }
-    }
-    return out;
+std::string text(const char *value) {
+    return value != nullptr ? value : "";
 }
 
-std::vector<std::string> splitBlanks(const std::string &line) {
-    std::vector<std::string> fields;
-    size_t pos = 0;
-    while (pos < line.size()) {
-        size_t start = line.find_first_not_of(' ', pos);
-        if (start == std::string::npos) break;
-        size_t end = line.find(' ', start);
-        if (end == std::string::npos) end = line.size();
-        fields.push_back(line.substr(start, end - start));
-        pos = end;
+struct TableDeleter {
+    void operator()(libmnt_table *table) const { mnt_unref_table(table); }
+};
+struct IterDeleter {
+    void operator()(libmnt_iter *iter) const { mnt_free_iter(iter); }
+};
+struct FileDeleter {
+    void operator()(FILE *file) const { fclose(file); }
+};
+
+// Orders paths so that everything below a path follows it directly: "/" sorts before every
+// other byte ("/a", "/a/b", "/a b").
+bool pathBefore(const std::string &a, const std::string &b) {
+    size_t n = std::min(a.size(), b.size());
+    for (size_t i = 0; i < n; ++i) {
+        if (a[i] == b[i]) continue;
+        if (a[i] == '/') return true;
+        if (b[i] == '/') return false;
+        return static_cast<unsigned char>(a[i]) < static_cast<unsigned char>(b[i]);
     }
-    return fields;
+    return a.size() < b.size();
+}
+
+// Marks the entries of `group` that another entry of the group covers: one on the same mount
+// point later in the table, or one on a parent of the mount point (when `parentCoversAlways`,
+// whatever its place in the table, else only a later one).
+void markCovered(const std::vector<MountEntry> &entries, std::vector<size_t> group,
+                 bool parentCoversAlways, std::vector<bool> &covered) {
+    std::stable_sort(group.begin(), group.end(), [&](size_t a, size_t b) {
+        return pathBefore(entries[a].mountPoint, entries[b].mountPoint);
+    });
+    // The mount points on the stack are component prefixes of one another, each with the
+    // largest table index among its own run and those below it on the stack.
+    struct Level {
+        const std::string *point;
+        size_t lastIndex;
+    };
+    std::vector<Level> stack;
+    for (size_t i = 0; i < group.size();) {
+        const std::string &point = entries[group[i]].mountPoint;
+        size_t end = i;
+        while (end < group.size() && entries[group[end]].mountPoint == point) ++end;
+        while (!stack.empty() && !isComponentPrefix(*stack.back().point, point)) stack.pop_back();
+        size_t runLast = *std::max_element(group.begin() + i, group.begin() + end);
+        size_t parentLast = stack.empty() ? 0 : stack.back().lastIndex;
+        for (size_t k = i; k < end; ++k) {
+            size_t index = group[k];
+            bool byParent = !stack.empty() && (parentCoversAlways || parentLast > index);
+            if (byParent || runLast > index) covered[index] = true;
+        }
+        stack.push_back({&point, std::max(runLast, parentLast)});
+        i = end;
+    }
 }
 
 }  // namespace
@@ -51,45 +86,119 @@ std::string mountTablePath() {
     return (path != nullptr && *path != '\0') ? path : "/proc/self/mountinfo";
 }
 
-bool parseMountInfoLine(const std::string &line, MountEntry &entry) {
-    std::vector<std::string> fields = splitBlanks(line);
-    // id parent major:minor root mountpoint options [optional...] - fstype source superoptions
-    size_t separator = 6;
-    while (separator < fields.size() && fields[separator] != "-") ++separator;
-    if (fields.size() < 6 || separator + 2 >= fields.size()) return false;
-    unsigned int major = 0, minor = 0;
-    if (sscanf(fields[2].c_str(), "%u:%u", &major, &minor) != 2) return false;
-    entry.major = major;
-    entry.minor = minor;
-    entry.root = decodeOctalEscapes(fields[3]);
-    entry.mountPoint = decodeOctalEscapes(fields[4]);
-    entry.options = fields[5];
-    entry.fsType = fields[separator + 1];
-    entry.source = decodeOctalEscapes(fields[separator + 2]);
-    entry.superOptions = separator + 3 < fields.size() ? fields[separator + 3] : "";
-    return !entry.mountPoint.empty() && entry.mountPoint[0] == '/';
+bool parseMountTable(const std::string &content, std::vector<MountEntry> &entries) {
+    entries.clear();
+    if (content.empty()) return true;
+    std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table());
+    std::unique_ptr<libmnt_iter, IterDeleter> iter(mnt_new_iter(MNT_ITER_FORWARD));
+    // fmemopen reads a copy, so the caller's text is never written to.
+    std::string copy = content;
+    std::unique_ptr<FILE, FileDeleter> stream(fmemopen(&copy[0], copy.size(), "r"));
+    if (!table || !iter || !stream) {
+        errno = ENOMEM;
+        return false;
+    }
+    // Lines that do not parse are skipped (libmount's default); only a failure of its own counts.
+    int rc = mnt_table_parse_stream(table.get(), stream.get(), mountTablePath().c_str());
+    if (rc < 0 && rc != -EINVAL) {
+        errno = -rc;
+        return false;
+    }
+    libmnt_fs *fs = nullptr;
+    while (mnt_table_next_fs(table.get(), iter.get(), &fs) == 0) {
+        MountEntry entry;
+        entry.mountPoint = text(mnt_fs_get_target(fs));
+        // Paths the kernel could not hand to a system call are no mount points of ours.
+        if (entry.mountPoint.empty() || entry.mountPoint[0] != '/' ||
+            entry.mountPoint.size() >= PATH_MAX) {
+            continue;
+        }
+        while (entry.mountPoint.size() > 1 && entry.mountPoint.back() == '/') {
+            entry.mountPoint.pop_back();
+        }
+        entry.id = mnt_fs_get_id(fs);
+        entry.parentId = mnt_fs_get_parent_id(fs);
+        dev_t device = mnt_fs_get_devno(fs);
+        entry.major = major(device);
+        entry.minor = minor(device);
+        entry.root = text(mnt_fs_get_root(fs));
+        entry.options = text(mnt_fs_get_vfs_options(fs));
+        entry.fsType = text(mnt_fs_get_fstype(fs));
+        entry.source = text(mnt_fs_get_source(fs));
+        entry.superOptions = text(mnt_fs_get_fs_options(fs));
+        entries.push_back(std::move(entry));
+    }
+    return true;
 }
 
-bool readMountTable(std::vector<MountEntry> &entries) {
+bool readMountTable(std::vector<MountEntry> &entries, std::string &detail) {
     entries.clear();
-    std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(mountTablePath().c_str(), "re"), fclose);
-    if (!file) return false;
-    char *buffer = nullptr;
-    size_t capacity = 0;
-    ssize_t length;
-    while ((length = getline(&buffer, &capacity, file.get())) >= 0) {
-        std::string line(buffer, static_cast<size_t>(length));
-        if (!line.empty() && line.back() == '\n') line.pop_back();
-        MountEntry entry;
-        if (parseMountInfoLine(line, entry)) entries.push_back(std::move(entry));
-    }
-    int readError = ferror(file.get()) ? errno : 0;
-    free(buffer);
-    if (readError != 0) {
-        errno = readError;
+    std::string path = mountTablePath(), content;
+    if (!readConfigFile(path, kMaxMountTableBytes, FileKind::kRegularOrProc, content) ||
+        !parseMountTable(content, entries)) {
+        int error = errno;
+        detail = "mount table " + path + ": " + configFileError(error, kMaxMountTableBytes);
+        errno = error;
         return false;
     }
     return true;
+}
+
+std::vector<bool> hiddenMounts(const std::vector<MountEntry> &entries) {
+    std::vector<bool> hidden(entries.size(), false);
+    bool haveIds =
+        std::any_of(entries.begin(), entries.end(), [](const MountEntry &e) { return e.id != 0; });
+    std::vector<size_t> all(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) all[i] = i;
+    if (!haveIds) {
+        markCovered(entries, all, false, hidden);
+        return hidden;
+    }
+    // As a tree: a mount is hidden when one is stacked on it (it is overmounted), or when it is
+    // obscured: a sibling sits on its mount point or a parent of it (the sibling came later, or
+    // this one would hang below it), or the mount it sits on is obscured, or overmounted by
+    // another mount than this one.
+    std::map<int, std::vector<size_t>> siblings;
+    std::map<int, size_t> byId;
+    std::multimap<std::pair<int, std::string>, size_t> byParentAndPoint;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        siblings[entries[i].parentId].push_back(i);
+        byId.emplace(entries[i].id, i);
+        byParentAndPoint.emplace(std::make_pair(entries[i].parentId, entries[i].mountPoint), i);
+    }
+    std::vector<bool> obscured(entries.size(), false), overmounted(entries.size(), false);
+    for (auto &group : siblings) markCovered(entries, std::move(group.second), true, obscured);
+    for (size_t i = 0; i < entries.size(); ++i) {
+        auto range = byParentAndPoint.equal_range({entries[i].id, entries[i].mountPoint});
+        for (auto it = range.first; it != range.second; ++it) {
+            if (it->second != i) overmounted[i] = true;
+        }
+    }
+    // Down the tree: 0 not yet known, 1 on the current chain (a cycle ends there), 2 known.
+    std::vector<char> state(entries.size(), 0);
+    for (size_t start = 0; start < entries.size(); ++start) {
+        std::vector<size_t> chain;
+        size_t at = start;
+        while (state[at] == 0) {
+            state[at] = 1;
+            chain.push_back(at);
+            auto parent = byId.find(entries[at].parentId);
+            if (parent == byId.end() || parent->second == at) break;
+            at = parent->second;
+        }
+        // `at` is known, on the chain (a cycle or the top), or the top itself.
+        for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+            auto parent = byId.find(entries[*it].parentId);
+            if (parent != byId.end() && parent->second != *it && state[parent->second] == 2) {
+                size_t p = parent->second;
+                bool belowParent = entries[*it].mountPoint != entries[p].mountPoint;
+                if (obscured[p] || (overmounted[p] && belowParent)) obscured[*it] = true;
+            }
+            state[*it] = 2;
+        }
+    }
+    for (size_t i = 0; i < entries.size(); ++i) hidden[i] = obscured[i] || overmounted[i];
+    return hidden;
 }
 
 bool isComponentPrefix(const std::string &prefix, const std::string &path) {
@@ -98,26 +207,33 @@ bool isComponentPrefix(const std::string &prefix, const std::string &path) {
     return path.size() == prefix.size() || path[prefix.size()] == '/';
 }
 
-const MountEntry *findMountFor(const std::vector<MountEntry> &entries, const std::string &path) {
+const MountEntry *findMountFor(const std::vector<MountEntry> &entries,
+                               const std::vector<bool> &hidden, const std::string &path) {
     const MountEntry *best = nullptr;
-    for (const MountEntry &entry : entries) {
-        if (!isComponentPrefix(entry.mountPoint, path)) continue;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const MountEntry &entry = entries[i];
+        if (hidden[i] || !isComponentPrefix(entry.mountPoint, path)) continue;
         if (best == nullptr || entry.mountPoint.size() >= best->mountPoint.size()) best = &entry;
     }
     return best;
 }
 
-unsigned int mountHolding(const char *path, MountEntry &mount) {
+unsigned int mountHolding(const char *path, std::vector<MountEntry> &entries,
+                          std::vector<bool> &hidden, size_t &mount, std::string &detail) {
     std::unique_ptr<char, void (*)(void *)> real(realpath(path, nullptr), free);
-    if (!real) return TELO_ERR_NOT_FOUND;
-    std::vector<MountEntry> entries;
-    if (!readMountTable(entries)) return TELO_ERR_SYSTEM;
-    const MountEntry *found = findMountFor(entries, real.get());
+    if (!real) {
+        detail = std::string(path) + ": " + strerror(errno);
+        return TELO_ERR_NOT_FOUND;
+    }
+    if (!readMountTable(entries, detail)) return fileErrorCode(errno);
+    hidden = hiddenMounts(entries);
+    const MountEntry *found = findMountFor(entries, hidden, real.get());
     if (found == nullptr) {
+        detail = "no entry of mount table " + mountTablePath() + " covers " + real.get();
         errno = ENOENT;
         return TELO_ERR_BAD_CONFIG;
     }
-    mount = *found;
+    mount = static_cast<size_t>(found - entries.data());
     return TELO_ERR_NONE;
 }
 
@@ -137,6 +253,11 @@ int fsTypeCode(const std::string &fsType) {
         if (fsType == type.name) return type.code;
     }
     return TELO_FS_OTHER;
+}
+
+unsigned int fileErrorCode(int error) {
+    return error == EINVAL || error == EISDIR || error == EFBIG ? TELO_ERR_BAD_CONFIG
+                                                                : TELO_ERR_SYSTEM;
 }
 
 }  // namespace telo_platform

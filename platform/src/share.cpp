@@ -1,285 +1,152 @@
-// Shares of the generic server: the administrator's shares file, or else Samba's share sections.
-#include <strings.h>
+// Shares of the generic server: the administrator's shares file, or else Samba's disk shares;
+// the share holding a path is the one whose resolved path is its longest component-wise prefix.
+#include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "config_file.h"
 #include "mount_table.h"
 #include "platform_error.h"
+#include "share_config.h"
 #include "telo/platform.h"
 
 namespace {
 
 constexpr char kPlatformFile[] = "src/share.cpp";
-constexpr int kMaxIncludeDepth = 16;
 
-struct Share {
-    std::string name;
-    std::string path;
-};
+using telo_platform::Share;
 
-const char *configuredFile(const char *variable, const char *fallback) {
+std::string configuredFile(const char *variable, const char *fallback) {
     const char *value = getenv(variable);
     return value != nullptr && *value != '\0' ? value : fallback;
 }
 
-std::string trim(const std::string &text) {
-    const char *blanks = " \t\r\n";
-    size_t first = text.find_first_not_of(blanks);
-    if (first == std::string::npos) return std::string();
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
-// Calls `line` for each line of `file`, any length. False with errno set when the file cannot
-// be opened or read.
-template <typename F>
-bool forEachLine(const std::string &file, F line) {
-    std::unique_ptr<FILE, int (*)(FILE *)> in(fopen(file.c_str(), "re"), fclose);
-    if (!in) return false;
-    char *buffer = nullptr;
-    size_t capacity = 0;
-    ssize_t length;
-    bool ok = true;
-    while (ok && (length = getline(&buffer, &capacity, in.get())) >= 0) {
-        ok = line(std::string(buffer, static_cast<size_t>(length)));
+// `path` made absolute and resolved: its longest existing leading part through realpath, the
+// rest with "." and ".." applied as text (so "/srv/photos/../docs/x" is "/srv/docs/x" whether
+// or not it exists). Empty when the working directory cannot be found for a relative path.
+std::string resolvePath(const std::string &path) {
+    std::string absolute = path;
+    if (path[0] != '/') {
+        std::unique_ptr<char, void (*)(void *)> cwd(getcwd(nullptr, 0), free);
+        if (!cwd) return std::string();
+        absolute = std::string(cwd.get()) + "/" + path;
     }
-    int error = ferror(in.get()) ? errno : 0;
-    free(buffer);
-    if (error != 0) errno = error;
-    return ok && error == 0;
+    std::vector<std::string> parts;
+    for (size_t pos = 0; pos < absolute.size();) {
+        size_t end = absolute.find('/', pos);
+        if (end == std::string::npos) end = absolute.size();
+        if (end > pos && absolute.compare(pos, end - pos, ".") != 0) {
+            parts.push_back(absolute.substr(pos, end - pos));
+        }
+        pos = end + 1;
+    }
+    for (size_t existing = parts.size();; --existing) {
+        std::string prefix;
+        for (size_t i = 0; i < existing; ++i) prefix += "/" + parts[i];
+        std::unique_ptr<char, void (*)(void *)> real(
+            realpath(prefix.empty() ? "/" : prefix.c_str(), nullptr), free);
+        if (!real && existing > 0) continue;
+        std::string resolved = real ? real.get() : "/";
+        for (size_t i = existing; i < parts.size(); ++i) {
+            if (parts[i] == "..") {
+                size_t slash = resolved.rfind('/');
+                resolved.resize(slash == 0 ? 1 : slash);
+            } else {
+                if (resolved.back() != '/') resolved += '/';
+                resolved += parts[i];
+            }
+        }
+        return resolved;
+    }
 }
 
-void appendUtf8(std::string &out, unsigned long code) {
-    if (code < 0x80) {
-        out += static_cast<char>(code);
-    } else if (code < 0x800) {
-        out += static_cast<char>(0xC0 | (code >> 6));
-        out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-        out += static_cast<char>(0xE0 | (code >> 12));
-        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code & 0x3F));
+// The shares in force: the shares file's, or when it is missing or defines none, Samba's.
+// TELO_ERR_NONE, or the error to record with errno set and `detail` saying what failed.
+unsigned int configuredShares(std::vector<Share> &shares, std::string &detail) {
+    std::string sharesFile = configuredFile("TELO_SHARES_CONF", "/etc/telobackup/shares.conf");
+    std::string smbFile = configuredFile("TELO_SMB_CONF", "/etc/samba/smb.conf");
+    std::string content;
+    bool sharesFileExists = telo_platform::readShareFile(sharesFile, content);
+    if (sharesFileExists) {
+        if (telo_platform::parseSharesFile(content, shares)) return TELO_ERR_NONE;
+    } else if (errno != ENOENT) {
+        int error = errno;
+        detail = "shares file " + sharesFile + ": " +
+                 telo_platform::configFileError(error, telo_platform::kMaxShareFileBytes);
+        errno = error;
+        return telo_platform::fileErrorCode(error);
+    }
+    telo_platform::SambaConfig samba;
+    unsigned int code = samba.load(smbFile);
+    if (code == TELO_ERR_NONE) {
+        shares = samba.shares();
+        return TELO_ERR_NONE;
+    }
+    int error = errno;
+    if (error != ENOENT) {
+        detail = "Samba configuration " + samba.detail();
+    } else if (sharesFileExists) {
+        detail = "no share configuration: " + sharesFile + " defines no share and " + smbFile +
+                 " does not exist";
     } else {
-        out += static_cast<char>(0xF0 | (code >> 18));
-        out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code & 0x3F));
+        detail = "no share configuration: neither " + sharesFile + " nor " + smbFile + " exists";
     }
+    errno = error;
+    return code;
 }
-
-// Exactly four hex digits (strtoul alone would also take blanks, a sign or "0x").
-bool hex4(const std::string &text, size_t at, unsigned long &code) {
-    if (at + 4 > text.size()) return false;
-    for (size_t i = at; i < at + 4; ++i) {
-        if (!isxdigit(static_cast<unsigned char>(text[i]))) return false;
-    }
-    code = strtoul(text.substr(at, 4).c_str(), nullptr, 16);
-    return true;
-}
-
-// The value of a JSON string text ("\"/srv/a\""), escapes decoded; false when `text` is not
-// exactly one JSON string or decodes to a NUL byte.
-bool parseJsonString(const std::string &text, std::string &out) {
-    if (text.size() < 2 || text.front() != '"' || text.back() != '"') return false;
-    out.clear();
-    for (size_t i = 1; i + 1 < text.size(); ++i) {
-        char c = text[i];
-        if (c == '"') return false;
-        if (c != '\\') {
-            out += c;
-            continue;
-        }
-        if (++i + 1 >= text.size()) return false;
-        switch (text[i]) {
-            case '"':
-            case '\\':
-            case '/':
-                out += text[i];
-                continue;
-            case 'b':
-                out += '\b';
-                continue;
-            case 'f':
-                out += '\f';
-                continue;
-            case 'n':
-                out += '\n';
-                continue;
-            case 'r':
-                out += '\r';
-                continue;
-            case 't':
-                out += '\t';
-                continue;
-            case 'u':
-                break;
-            default:
-                return false;
-        }
-        unsigned long code, low;
-        if (!hex4(text, i + 1, code)) return false;
-        i += 4;
-        if (code >= 0xD800 && code < 0xDC00) {  // a surrogate pair
-            if (text.compare(i + 1, 2, "\\u") != 0 || !hex4(text, i + 3, low) || low < 0xDC00 ||
-                low >= 0xE000) {
-                return false;
-            }
-            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
-            i += 6;
-        }
-        if (code == 0) return false;
-        appendUtf8(out, code);
-    }
-    return true;
-}
-
-// Share paths are compared without trailing slashes; relative paths name no share.
-bool normalSharePath(std::string &path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return !path.empty() && path[0] == '/';
-}
-
-// The shares file: "[name]" headers and key=value lines whose values are JSON texts; the
-// share's directory is the JSON string of its "path" key. "#" starts a comment line.
-bool readSharesFile(const std::string &file, std::vector<Share> &shares) {
-    std::vector<Share> found;
-    bool inSection = false;
-    bool ok = forEachLine(file, [&](const std::string &raw) {
-        std::string line = trim(raw);
-        if (line.empty() || line[0] == '#') return true;
-        if (line[0] == '[' && line.back() == ']' && line.size() >= 2) {
-            found.push_back({line.substr(1, line.size() - 2), std::string()});
-            inSection = true;
-            return true;
-        }
-        size_t equals = line.find('=');
-        if (!inSection || equals == std::string::npos || trim(line.substr(0, equals)) != "path") {
-            return true;
-        }
-        std::string path;
-        if (parseJsonString(trim(line.substr(equals + 1)), path)) found.back().path = path;
-        return true;
-    });
-    if (!ok) return false;
-    for (Share &share : found) {
-        if (normalSharePath(share.path)) shares.push_back(share);
-    }
-    return true;
-}
-
-// Samba's configuration: "[name]" sections, "key = value" parameters with keys compared
-// without case and blanks, ";" and "#" comment lines, "\" continuing a line, "include = file"
-// read in place. A section named twice is one share; its last path wins.
-class SmbReader {
-  public:
-    std::vector<Share> shares;
-
-    bool read(const std::string &file, int depth) {
-        std::string pending;
-        return forEachLine(file, [&](const std::string &raw) {
-            std::string line = trim(raw);
-            if (!line.empty() && line.back() == '\\') {
-                pending += line.substr(0, line.size() - 1);
-                return true;
-            }
-            line = trim(pending + line);
-            pending.clear();
-            if (line.empty() || line[0] == ';' || line[0] == '#') return true;
-            if (line[0] == '[') {
-                size_t close = line.find(']');
-                section_ = trim(line.substr(1, close == std::string::npos ? close : close - 1));
-                return true;
-            }
-            size_t equals = line.find('=');
-            if (equals == std::string::npos) return true;
-            std::string key, value = trim(line.substr(equals + 1));
-            for (char c : line.substr(0, equals)) {
-                if (c != ' ' && c != '\t') key += static_cast<char>(tolower(c));
-            }
-            // Includes whose names need Samba's macros cannot be followed; a missing one is
-            // skipped, as Samba does.
-            if (key == "include" && depth < kMaxIncludeDepth &&
-                value.find('%') == std::string::npos) {
-                read(value, depth + 1);
-            } else if (key == "path" && isShareSection()) {
-                setPath(value);
-            }
-            return true;
-        });
-    }
-
-  private:
-    bool isShareSection() const {
-        static const char *const kSpecial[] = {"global", "homes", "printers", "print$"};
-        if (section_.empty()) return false;
-        for (const char *name : kSpecial) {
-            if (strcasecmp(section_.c_str(), name) == 0) return false;
-        }
-        return true;
-    }
-
-    void setPath(const std::string &path) {
-        for (Share &share : shares) {
-            if (strcasecmp(share.name.c_str(), section_.c_str()) == 0) {
-                share.path = path;
-                return;
-            }
-        }
-        shares.push_back({section_, path});
-    }
-
-    std::string section_;
-};
 
 }  // namespace
 
 extern "C" int TELOShareNamePathGet(const char *path, char *name, int nameSize, char *sharePath,
                                     int sharePathSize) {
-    if (path == nullptr || *path == '\0' || name == nullptr || nameSize <= 0 ||
-        sharePath == nullptr || sharePathSize <= 0) {
-        errno = EINVAL;
+    if (path == nullptr || *path == '\0' || strlen(path) >= PATH_MAX || name == nullptr ||
+        nameSize <= 0 || sharePath == nullptr || sharePathSize <= 0) {
+        errno =
+            path != nullptr && *path != '\0' && strlen(path) >= PATH_MAX ? ENAMETOOLONG : EINVAL;
         TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
         return -1;
     }
+    std::string resolved = resolvePath(path);
+    if (resolved.empty()) {
+        TELO_PLATFORM_FAIL_DETAIL(TELO_ERR_SYSTEM,
+                                  std::string("working directory: ") + strerror(errno));
+        return -1;
+    }
     std::vector<Share> shares;
-    if (!readSharesFile(configuredFile("TELO_SHARES_CONF", "/etc/telobackup/shares.conf"),
-                        shares)) {
-        if (errno != ENOENT) {
-            TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
-            return -1;
-        }
-        SmbReader smb;
-        if (!smb.read(configuredFile("TELO_SMB_CONF", "/etc/samba/smb.conf"), 0)) {
-            TELO_PLATFORM_FAIL(errno == ENOENT ? TELO_ERR_NOT_FOUND : TELO_ERR_SYSTEM);
-            return -1;
-        }
-        for (Share &share : smb.shares) {
-            if (normalSharePath(share.path)) shares.push_back(share);
-        }
+    std::string detail;
+    unsigned int code = configuredShares(shares, detail);
+    if (code != TELO_ERR_NONE) {
+        TELO_PLATFORM_FAIL_DETAIL(code, detail);
+        return -1;
     }
     const Share *best = nullptr;
+    std::string bestPath;
     for (const Share &share : shares) {
-        if (!telo_platform::isComponentPrefix(share.path, path)) continue;
-        if (best == nullptr || share.path.size() > best->path.size()) best = &share;
+        std::string shareRoot = resolvePath(share.path);
+        if (!telo_platform::isComponentPrefix(shareRoot, resolved)) continue;
+        if (best == nullptr || shareRoot.size() > bestPath.size()) {
+            best = &share;
+            bestPath = shareRoot;
+        }
     }
     if (best == nullptr) {
         errno = ENOENT;
-        TELO_PLATFORM_FAIL(TELO_ERR_NOT_FOUND);
+        TELO_PLATFORM_FAIL_DETAIL(TELO_ERR_NOT_FOUND, resolved + ": in no share");
         return -1;
     }
     if (best->name.size() + 1 > static_cast<size_t>(nameSize) ||
-        best->path.size() + 1 > static_cast<size_t>(sharePathSize)) {
+        bestPath.size() + 1 > static_cast<size_t>(sharePathSize)) {
         errno = ERANGE;
         TELO_PLATFORM_FAIL(TELO_ERR_BUFFER_SMALL);
         return -1;
     }
     memcpy(name, best->name.c_str(), best->name.size() + 1);
-    memcpy(sharePath, best->path.c_str(), best->path.size() + 1);
+    memcpy(sharePath, bestPath.c_str(), bestPath.size() + 1);
     return 0;
 }

@@ -16,24 +16,14 @@
 #include "mount_table.h"
 #include "platform_error.h"
 #include "telo/platform.h"
+#include "volume_rules.h"
 
 namespace {
 
 constexpr char kPlatformFile[] = "src/volume.cpp";
-constexpr int kDiskLocation = 1;
 constexpr char kTmpDirName[] = ".telobackup-tmp";
 
-// Disk file systems whose source need not be a block device.
-const char *const kDiskTypesWithoutDevice[] = {"zfs", "btrfs", "fuseblk"};
-// Read-only images and virtual block devices that never hold application data.
-const char *const kNeverVolumes[] = {"squashfs", "iso9660", "udf", "erofs", "cramfs"};
-
-bool inList(const std::string &value, const char *const *list, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        if (value == list[i]) return true;
-    }
-    return false;
-}
+using telo_platform::MountEntry;
 
 bool hasOption(const std::string &options, const char *option) {
     size_t length = strlen(option);
@@ -46,24 +36,13 @@ bool hasOption(const std::string &options, const char *option) {
     return false;
 }
 
-// A mount is a volume when it is a disk file system mounted on a directory: a known disk type
-// or a block-device source, and not a read-only image, a network or pseudo file system.
-bool isVolume(const telo_platform::MountEntry &entry) {
-    if (inList(entry.fsType, kNeverVolumes, sizeof(kNeverVolumes) / sizeof(*kNeverVolumes))) {
-        return false;
-    }
-    int code = telo_platform::fsTypeCode(entry.fsType);
-    bool disk = (code >= TELO_FS_FAT && code <= TELO_FS_FOREIGN) ||
-                entry.source.compare(0, 5, "/dev/") == 0 ||
-                inList(entry.fsType, kDiskTypesWithoutDevice,
-                       sizeof(kDiskTypesWithoutDevice) / sizeof(*kDiskTypesWithoutDevice));
-    if (!disk || code == TELO_FS_NETWORK) return false;
+// Bind mounts of single files (and mount points that vanished) are not volumes.
+bool isDirectory(const std::string &path) {
     struct stat st;
-    // Bind mounts of single files (and mount points that vanished) are not volumes.
-    return stat(entry.mountPoint.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-void fillRecord(const telo_platform::MountEntry &entry, TELOVOLInfo &info) {
+void fillRecord(const MountEntry &entry, TELOVOLInfo &info) {
     memset(&info, 0, sizeof(info));
     snprintf(info.volPath, sizeof(info.volPath), "%s", entry.mountPoint.c_str());
     info.fsType = telo_platform::fsTypeCode(entry.fsType);
@@ -76,22 +55,16 @@ void fillRecord(const telo_platform::MountEntry &entry, TELOVOLInfo &info) {
     info.usable = statOk && !readOnly ? 1 : 0;
 }
 
-// The volumes of the mount table, one per mount point (the visible, last mounted one), in
-// mount order. False with the error recorded when the table cannot be read.
-bool listVolumes(std::vector<const telo_platform::MountEntry *> &volumes,
-                 std::vector<telo_platform::MountEntry> &entries) {
-    if (!telo_platform::readMountTable(entries)) {
-        TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
+// The volumes of the mount table as indexes into `entries`, in table order. False with the
+// error recorded when the table cannot be read.
+bool listVolumes(std::vector<size_t> &volumes, std::vector<MountEntry> &entries) {
+    std::string detail;
+    if (!telo_platform::readMountTable(entries, detail)) {
+        TELO_PLATFORM_FAIL_DETAIL(telo_platform::fileErrorCode(errno), detail);
         return false;
     }
-    volumes.clear();
-    for (size_t i = 0; i < entries.size(); ++i) {
-        bool hidden = false;
-        for (size_t later = i + 1; later < entries.size() && !hidden; ++later) {
-            hidden = entries[later].mountPoint == entries[i].mountPoint;
-        }
-        if (!hidden && isVolume(entries[i])) volumes.push_back(&entries[i]);
-    }
+    volumes =
+        telo_platform::selectVolumes(entries, telo_platform::hiddenMounts(entries), isDirectory);
     return true;
 }
 
@@ -100,29 +73,31 @@ bool listVolumes(std::vector<const telo_platform::MountEntry *> &volumes,
 extern "C" {
 
 int TELOVolumeSupportLocGet(void) {
-    std::vector<telo_platform::MountEntry> entries;
-    std::vector<const telo_platform::MountEntry *> volumes;
+    std::vector<MountEntry> entries;
+    std::vector<size_t> volumes;
     if (!listVolumes(volumes, entries)) return 0;
-    return volumes.empty() ? 0 : kDiskLocation;
+    return volumes.empty() ? 0 : TELO_VOL_LOCATION_DISK;
 }
 
 TELOVOLInfo *TELOMountVolAllEnum(int /*flags*/, int location, int /*mode*/) {
-    if (location != kDiskLocation) {
+    if (location != TELO_VOL_LOCATION_DISK) {
         errno = EINVAL;
         TELO_PLATFORM_FAIL(TELO_ERR_NOT_FOUND);
         return nullptr;
     }
-    std::vector<telo_platform::MountEntry> entries;
-    std::vector<const telo_platform::MountEntry *> volumes;
+    std::vector<MountEntry> entries;
+    std::vector<size_t> volumes;
     if (!listVolumes(volumes, entries)) return nullptr;
     if (volumes.empty()) {
         errno = ENOENT;
-        TELO_PLATFORM_FAIL(TELO_ERR_NOT_FOUND);
+        TELO_PLATFORM_FAIL_DETAIL(
+            TELO_ERR_NOT_FOUND,
+            "mount table " + telo_platform::mountTablePath() + " lists no volume");
         return nullptr;
     }
     TELOVOLInfo *head = nullptr;
     TELOVOLInfo **tail = &head;
-    for (const telo_platform::MountEntry *entry : volumes) {
+    for (size_t volume : volumes) {
         auto *record = static_cast<TELOVOLInfo *>(calloc(1, sizeof(TELOVOLInfo)));
         if (record == nullptr) {
             TELOMountVolInfoFree(head);
@@ -130,7 +105,7 @@ TELOVOLInfo *TELOMountVolAllEnum(int /*flags*/, int location, int /*mode*/) {
             TELO_PLATFORM_FAIL(TELO_ERR_NO_MEMORY);
             return nullptr;
         }
-        fillRecord(*entry, *record);
+        fillRecord(entries[volume], *record);
         *tail = record;
         tail = &record->next;
     }
@@ -143,21 +118,34 @@ int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
         TELO_PLATFORM_FAIL(TELO_ERR_INVALID_PARAM);
         return -1;
     }
-    telo_platform::MountEntry mount;
-    unsigned int error = telo_platform::mountHolding(path, mount);
-    if (error == TELO_ERR_NONE && !isVolume(mount)) {
-        errno = ENOENT;
-        error = TELO_ERR_NOT_FOUND;
-    }
+    std::vector<MountEntry> entries;
+    std::vector<bool> hidden;
+    size_t mount = 0;
+    std::string detail;
+    unsigned int error = telo_platform::mountHolding(path, entries, hidden, mount, detail);
     // A path no mount covers is on no volume either.
-    if (error == TELO_ERR_BAD_CONFIG) error = TELO_ERR_NOT_FOUND;
+    if (error == TELO_ERR_BAD_CONFIG && errno == ENOENT) error = TELO_ERR_NOT_FOUND;
     if (error != TELO_ERR_NONE) {
-        TELO_PLATFORM_FAIL(error);
+        TELO_PLATFORM_FAIL_DETAIL(error, detail);
         return -1;
     }
-    fillRecord(mount, *info);
-    info->next = nullptr;
-    return 0;
+    // The volume is the one chosen for the file system of the mount holding the path, which
+    // may be another mount of it (the path lies on a bind mount or a btrfs subvolume).
+    std::vector<size_t> volumes = telo_platform::selectVolumes(entries, hidden, isDirectory);
+    const MountEntry &holder = entries[mount];
+    for (size_t volume : volumes) {
+        const MountEntry &candidate = entries[volume];
+        if (volume == mount || (telo_platform::sameFileSystem(candidate, holder) &&
+                                telo_platform::isDiskMount(holder))) {
+            fillRecord(candidate, *info);
+            info->next = nullptr;
+            return 0;
+        }
+    }
+    errno = ENOENT;
+    TELO_PLATFORM_FAIL_DETAIL(TELO_ERR_NOT_FOUND,
+                              holder.mountPoint + " (" + holder.fsType + ") is not a volume");
+    return -1;
 }
 
 void TELOMountVolInfoFree(TELOVOLInfo *list) {

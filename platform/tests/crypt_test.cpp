@@ -61,6 +61,8 @@ TEST_F(Crypt, RoundTripsEveryLengthAndByte) {
 
 TEST_F(Crypt, AnyChangeFailsAuthentication) {
     std::string back;
+    EXPECT_FALSE(decrypt("", back));  // nothing to decode
+    EXPECT_EQ(TELO_ERR_CRYPTO, TLIBCErrGet());
     for (const std::string &plain : std::vector<std::string>{"", "ab", std::string(40, 'x')}) {
         std::string cipher = encrypt(plain);
         int accepted = decrypt(cipher + "A", back) + decrypt(cipher.substr(1), back);

@@ -24,6 +24,7 @@ TEST(PlatformError, AclFunctionsOfAGenericServer) {
         EXPECT_EQ(unsigned(TELO_ERR_NOT_SUPPORTED), TLIBCErrGet());
         EXPECT_STREQ("src/acl.cpp", TLIBCErrorGetFile());
         EXPECT_GT(TLIBCErrorGetLine(), 0);
+        EXPECT_STREQ("", TLIBCErrorGetDetail());  // the code says it all
     }
 }
 

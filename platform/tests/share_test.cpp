@@ -1,16 +1,26 @@
+// Shares of the generic server: the shares file, Samba's configuration read as testparm reads it
+// (checked against testparm itself over a corpus), path resolution and configuration failures.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <map>
 
+#include "share_config.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
-#include "telobackup/path/path_telo.h"
+#include "telobackup/path/path_util.h"
 
 using namespace testsupport;
+using telo_platform::SambaConfig;
+using telo_platform::Share;
 
 namespace {
 
-// Points the platform at fixture files for the life of the object.
+// Points the platform at configuration files for the life of the object.
 class Fixtures {
   public:
     Fixtures(const std::string &shares, const std::string &smb) {
@@ -23,61 +33,355 @@ class Fixtures {
     }
 };
 
-// "name path" of the share holding `path`, or "error <code>".
-std::string lookup(const char *path, int nameSize = 64) {
+// "name path" of the share holding `path`, or "error <code> <errno>".
+std::string lookup(const std::string &path, int nameSize = 64) {
     char name[64] = "stale", sharePath[256] = "stale";
-    if (TELOShareNamePathGet(path, name, nameSize, sharePath, sizeof(sharePath)) != 0) {
-        return "error " + std::to_string(TLIBCErrGet());
+    if (TELOShareNamePathGet(path.c_str(), name, nameSize, sharePath, sizeof(sharePath)) != 0) {
+        return "error " + std::to_string(TLIBCErrGet()) + " " + strerror(errno);
     }
     return std::string(name) + " " + sharePath;
 }
 
+std::string describe(const std::vector<Share> &shares) {
+    std::string text;
+    for (const Share &share : shares) text += "[" + share.name + "]=" + share.path + " ";
+    return text;
+}
+
+// The disk shares of a configuration held in memory ("/smb.conf" and what it includes), or
+// "refused <errno text>: <detail>".
+std::string sambaShares(const std::map<std::string, std::string> &files,
+                        const std::string &main = "/smb.conf") {
+    SambaConfig config([&files](const std::string &path, std::string &content) {
+        auto found = files.find(path);
+        if (found == files.end()) {
+            errno = ENOENT;
+            return false;
+        }
+        content = found->second;
+        return true;
+    });
+    if (config.load(main) != TELO_ERR_NONE) {
+        return "refused " + std::string(strerror(errno)) + ": " + config.detail();
+    }
+    return describe(config.shares());
+}
+
+// A corpus file with @DIR@ replaced by `dir`, written into `dir`.
+std::string instantiate(const std::string &source, const std::string &dir) {
+    std::string text = readFile(source);
+    for (size_t at; (at = text.find("@DIR@")) != std::string::npos;) text.replace(at, 5, dir);
+    std::string target = dir + "/" + source.substr(source.rfind('/') + 1);
+    writeFile(target, text);
+    return target;
+}
+
 }  // namespace
 
-TEST(ShareLookup, SharesFileLongestComponentPrefix) {
+TEST(SharesFile, JsonOrPlainPathsAndTheLongestResolvedPrefix) {
     TempDir dir;
     writeFile(dir.file("shares.conf"),
               "# administrator's shares\n"
               "[photos]\npath=\"/srv/photos\"\n"
-              "[all]\n  path = \"/srv/\"  \ncomment=\"x\"\n"
+              "[all]\n  path = /srv/  \ncomment=\"x\"\n"
               "[deep]\npath=\"/srv/photos/2024\"\n"
               "[esc]\npath=\"/srv/\\u00e9t\\u00E9 \\\"q\\\"\\/x\"\n"
-              "[bad]\npath=/srv/unquoted\n"
-              "[badhex]\npath=\"/srv/\\u0x41\"\n[blankhex]\npath=\"/srv/\\u 041\"\n"
-              "[relative]\npath=\"srv/rel\"\n");
+              "[nul]\npath=\"/srv/a\\u0000b\"\n"
+              "[unbalanced]\npath=\"/srv/unbalanced\n"
+              "[relative]\npath=srv/rel\n"
+              "[photos]\ncomment=\"a section named twice keeps its path\"\n");
     Fixtures env(dir.file("shares.conf"), dir.file("no-smb.conf"));
     EXPECT_EQ("photos /srv/photos", lookup("/srv/photos/2023/a.jpg"));
     EXPECT_EQ("deep /srv/photos/2024", lookup("/srv/photos/2024"));
     EXPECT_EQ("all /srv", lookup("/srv/photosX"));
-    EXPECT_EQ("all /srv", lookup("/srv/unquoted/x"));
-    EXPECT_EQ("all /srv", lookup("/srv/A/x"));  // malformed \u escapes name no share
     EXPECT_EQ("esc /srv/\xc3\xa9t\xc3\xa9 \"q\"/x", lookup("/srv/\xc3\xa9t\xc3\xa9 \"q\"/x/f"));
-    EXPECT_EQ("error 2", lookup("/srvx"));
-    EXPECT_EQ("error 2", lookup("srv/rel/x"));
-    EXPECT_EQ("error 5", lookup("/srv/photos/1", 6));  // "photos" needs 7 bytes
-    EXPECT_EQ("error 1", lookup(""));
+    EXPECT_EQ("all /srv", lookup("/srv/a"));  // a path with a NUL byte names no share
+    EXPECT_EQ("error 2 No such file or directory", lookup("/srvx"));
+    EXPECT_EQ("error 5 Numerical result out of range", lookup("/srv/photos/1", 6));
+    EXPECT_EQ("error 1 Invalid argument", lookup(""));
     EXPECT_EQ("photos", TELO::Backup::Path::getShareName("/srv/photos/a"));
+    // The unbalanced quote is a plain (relative) path, like srv/rel: neither is a share.
+    std::vector<Share> shares;
+    EXPECT_TRUE(telo_platform::parseSharesFile(readFile(dir.file("shares.conf")), shares));
+    EXPECT_EQ(
+        "[photos]=/srv/photos [all]=/srv/ [deep]=/srv/photos/2024 [esc]=/srv/\xc3\xa9t\xc3\xa9 "
+        "\"q\"/x ",
+        describe(shares));
 }
 
-TEST(ShareLookup, SambaSharesWhenNoSharesFile) {
+TEST(SharesFile, ResolvesTheArgumentAndTheSharePaths) {
     TempDir dir;
-    writeFile(dir.file("smb.conf"),
-              "[global]\n   path = /srv\n   include = " + dir.file("extra.conf") +
-                  "\n; comment\n# path = /srv/commented\n"
-                  "[Homes]\npath = /home\n[print$]\npath=/var/print\n"
-                  "[Media]\n  Path = /srv/media  \n"
-                  "[long]\npath = /srv/media/\\\n   long\n"
-                  "[media]\npath = /srv/media2\n");
-    writeFile(dir.file("extra.conf"), "[extra]\npath=/srv/extra/\ninclude = " +
-                                          dir.file("smb.conf") + "\ninclude = /missing\n");
-    Fixtures env(dir.file("no-shares.conf"), dir.file("smb.conf"));
-    EXPECT_EQ("error 2", lookup("/srv/x"));  // global, homes and print$ are no shares
-    EXPECT_EQ("error 2", lookup("/home/u"));
-    EXPECT_EQ("Media /srv/media2", lookup("/srv/media2/a"));  // the later path wins
-    EXPECT_EQ("long /srv/media/long", lookup("/srv/media/long/a"));
-    EXPECT_EQ("extra /srv/extra", lookup("/srv/extra"));  // included, even in a loop
-    setenv("TELO_SMB_CONF", dir.file("no-smb.conf").c_str(), 1);
-    EXPECT_EQ("error 2", lookup("/srv/x"));
-    setenv("TELO_SHARES_CONF", dir.path().c_str(), 1);  // unreadable: a directory
-    EXPECT_EQ("error 4", lookup("/srv/x"));
+    for (const char *d : {"srv", "srv/photos", "srv/photos/2024", "srv/docs", "home"}) {
+        makeDir(dir.file(d));
+    }
+    ASSERT_EQ(0, symlink(dir.file("srv/photos/2024").c_str(), dir.file("home/link").c_str()));
+    ASSERT_EQ(0, symlink(dir.file("srv/docs").c_str(), dir.file("docs-link").c_str()));
+    writeFile(dir.file("shares.conf"), "[Photos]\npath = " + dir.file("srv/photos") +
+                                           "\n[Docs]\npath = " + dir.file("docs-link") + "/\n");
+    Fixtures env(dir.file("shares.conf"), dir.file("no-smb.conf"));
+    std::string photos = "Photos " + dir.file("srv/photos");
+    std::string docs = "Docs " + dir.file("srv/docs");
+    EXPECT_EQ(docs, lookup(dir.file("srv/photos/../docs/x")));  // x does not exist
+    EXPECT_EQ(docs, lookup(dir.file("srv/photos/missing/../../docs")));
+    EXPECT_EQ(photos, lookup(dir.file("home/link/a.jpg")));  // a link into the share
+    EXPECT_EQ(photos, lookup(dir.file("srv/./photos//2024/")));
+    EXPECT_EQ("error 2 No such file or directory", lookup(dir.file("srv/photos/..")));
+    char cwd[4096];
+    ASSERT_NE(nullptr, getcwd(cwd, sizeof(cwd)));
+    ASSERT_EQ(0, chdir(dir.file("srv").c_str()));
+    EXPECT_EQ(photos, lookup("photos/2024/x"));  // relative to the working directory
+    ASSERT_EQ(0, chdir(cwd));
+}
+
+// Without shares file (or with one that defines no section), Samba's shares count.
+TEST(SharesFile, EmptyOrMissingLeavesSambaInCharge) {
+    TempDir dir;
+    writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\n");
+    writeFile(dir.file("shares.conf"), "# nothing defined here yet\n\n");
+    Fixtures env(dir.file("shares.conf"), dir.file("smb.conf"));
+    EXPECT_EQ("Media /srv/media", lookup("/srv/media/a"));
+    setenv("TELO_SHARES_CONF", dir.file("absent.conf").c_str(), 1);
+    EXPECT_EQ("Media /srv/media", lookup("/srv/media/a"));
+}
+
+// A configuration that cannot be read is an error that says so, never "in no share"; nothing
+// that is not a regular file is read, so a FIFO or a device cannot hang or exhaust the caller.
+TEST(SharesFile, UnreadableConfigurationIsAnErrorThatSaysSo) {
+    TempDir dir;
+    ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+    writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\ninclude = /dev/zero\n");
+    writeFile(dir.file("big.conf"), std::string(telo_platform::kMaxShareFileBytes + 1, '#'));
+    struct Case {
+        std::string shares, smb, expected, detail;
+    } cases[] = {
+        {dir.file("none"), dir.file("none.smb"), "error 4 No such file or directory",
+         "no share configuration: neither " + dir.file("none") + " nor " + dir.file("none.smb") +
+             " exists"},
+        {dir.file("fifo"), dir.file("none.smb"), "error 7 Invalid argument",
+         "shares file " + dir.file("fifo") + ": not a regular file"},
+        {dir.path(), dir.file("none.smb"), "error 7 Is a directory",
+         "shares file " + dir.path() + ": Is a directory"},
+        {dir.file("none"), dir.file("fifo"), "error 7 Invalid argument",
+         "Samba configuration " + dir.file("fifo") + ": not a regular file"},
+        {dir.file("none"), dir.file("smb.conf"), "error 7 Invalid argument",
+         "Samba configuration " + dir.file("smb.conf") +
+             ":3: include /dev/zero: not a regular file"},
+        {dir.file("big.conf"), dir.file("none.smb"), "error 7 File too large",
+         "shares file " + dir.file("big.conf") + ": larger than 4194304 bytes"},
+        {"/proc/self/status", dir.file("none.smb"), "error 7 Invalid argument",
+         "shares file /proc/self/status: not a regular file"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.shares + " " + c.smb);
+        Fixtures env(c.shares, c.smb);
+        EXPECT_EQ(c.expected, lookup("/srv/media/a"));
+        EXPECT_EQ(c.detail, TLIBCErrorGetDetail());
+    }
+}
+
+// Samba's line rules, section rules and refusals, one small configuration each.
+TEST(SambaRules, LinesSectionsAndRefusals) {
+    struct Case {
+        const char *config, *expected;
+    } cases[] = {
+        // Continuations join lines; blanks runs become their first blank; "\r" is a blank.
+        {"[a]\npath=/x\\\ny\n", "[a]=/xy "},
+        {"[a]\npath = /x \\  \n   y\t\t\\\r\n z\n", "[a]=/x y\tz "},
+        {"[a]\npath=/x\\", "[a]=/x\\ "},        // no newline: no continuation
+        {"[a]\npath=/x\\\n", "[a]=/x "},        // continued into the end
+        {"[a]\n; c \\\npath=/p\n", "[a]=/p "},  // comments never continue
+        {"[a]\npath=/p\\\n# not a comment\n", "[a]=/p# not a comment "},
+        // Sections: case merges, blanks separate, the rest of a header line is ignored.
+        {"[  a   b ]x\npath=/ab\n", "[ a b ]=/ab "},
+        {"[A]\npath=/1\n[a]\npath=/2\n", "[A]=/2 "},
+        {"[ Glo bals ]\npath=/g\n[s]\n", "[s]=/g "},
+        {"path=/g\n[s]\n[global]\npath=/h\n[t]\n", "[s]=/g [t]=/h "},
+        // Quotes around a path go, unless a quote is left inside.
+        {"[a]\npath=\"/q q\"\n[b]\npath=\"/x\"y\"\n", "[a]=/q q "},
+        // Samba refuses the whole configuration.
+        {"[a]\npath=/a\n[b\n",
+         "refused Invalid argument: /smb.conf:3: section header without \"]\""},
+        {"[]\n", "refused Invalid argument: /smb.conf:1: empty section name"},
+        {"[a]\n = x\n", "refused Invalid argument: /smb.conf:2: parameter without a name"},
+        {"[a]\navailable = si\n",
+         "refused Invalid argument: /smb.conf:2: available = si: not a boolean"},
+        {"copy = a\n", "refused Invalid argument: /smb.conf:1: copy in [global]"},
+        {"[a]\ncopy=b\n", "refused Invalid argument: /smb.conf:2: copy of unknown section [b]"},
+        {"[a]\ncopy=A\n", "refused Invalid argument: /smb.conf:2: copy of the section itself"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.config);
+        EXPECT_EQ(c.expected, sambaShares({{"/smb.conf", c.config}}));
+    }
+    // A NUL byte ends its line.
+    const char nul[] = "[a]\npath=/p\0q\\\nr\n[b]\npath=/b";
+    EXPECT_EQ("[a]=/p [b]=/b ", sambaShares({{"/smb.conf", std::string(nul, sizeof(nul) - 1)}}));
+}
+
+// Includes are read in place (the section goes on across files), a missing one is skipped,
+// and nesting deeper than Samba's 100 (an include loop) refuses the configuration.
+TEST(SambaRules, IncludesNestAtMostAHundredDeep) {
+    std::map<std::string, std::string> files = {
+        {"/smb.conf", "[a]\ninclude = /a.inc\ninclude = /missing\npath = /p\n"},
+        {"/a.inc", "comment = in [a]\n[b]\npath = /b\n"},
+    };
+    EXPECT_EQ("[b]=/p ", sambaShares(files));
+    // Files 0 to last, each including the next.
+    auto chain = [](int last) {
+        std::map<std::string, std::string> chain;
+        for (int i = 0; i <= last; ++i) {
+            std::string next = i < last ? "include = /" + std::to_string(i + 1) + "\n" : "";
+            chain["/" + std::to_string(i)] = "[s" + std::to_string(i) + "]\npath=/s\n" + next;
+        }
+        return chain;
+    };
+    std::string deepest = sambaShares(chain(100), "/0");
+    EXPECT_EQ(0u, deepest.find("[s0]=/s [s1]=/s "));
+    EXPECT_EQ(deepest.size() - 10, deepest.find("[s100]=/s "));
+    EXPECT_EQ(
+        "refused Too many levels of symbolic links: /100:3: includes nested deeper than 100 "
+        "(an include loop?)",
+        sambaShares(chain(101), "/0"));
+    // Includes that fan out are bounded by what one lookup reads.
+    std::map<std::string, std::string> fan;
+    for (int i = 0; i < 30; ++i) {
+        fan["/" + std::to_string(i)] =
+            "include = /" + std::to_string(i + 1) + "\ninclude = /" + std::to_string(i + 1) + "\n";
+    }
+    std::string refused = sambaShares(fan, "/0");
+    EXPECT_EQ(0u, refused.find("refused File too large: ")) << refused;
+}
+
+// A configuration of the largest size read takes one pass, not a scan per section (a hang).
+TEST(SambaRules, ManySectionsReadInOnePass) {
+    std::string smb, shares;
+    for (int i = 0; i < 100000; ++i) {
+        smb += "[s" + std::to_string(i) + "]\npath=/s\n";
+        shares += "[s" + std::to_string(i) + "]\npath=/s\n";
+    }
+    smb += "[t]\ncopy = S99999\n";
+    std::string read = sambaShares({{"/smb.conf", smb}});
+    EXPECT_EQ(100001, std::count(read.begin(), read.end(), '='));
+    std::vector<Share> found;
+    EXPECT_TRUE(telo_platform::parseSharesFile(shares, found));
+    EXPECT_EQ(100000u, found.size());
+}
+
+// The differential test: testparm and the lookup read every configuration of the corpus
+// (Debian's default smb.conf and one fixture per rule) to the same disk shares.
+TEST(SambaDifferential, AgreesWithTestparm) {
+    std::string testparm = programPath("testparm");
+    if (testparm.empty()) GTEST_SKIP() << "testparm (samba-common-bin) is not installed";
+    TempDir dir;
+    std::vector<std::string> corpus;
+    if (access("/usr/share/samba/smb.conf", R_OK) == 0) {
+        writeFile(dir.file("debian-default.conf"), readFile("/usr/share/samba/smb.conf"));
+        corpus.push_back(dir.file("debian-default.conf"));
+    }
+    std::vector<std::pair<std::string, bool>> sources;  // (file, whether a difference is known)
+    for (const char *sub : {"smb", "smb-differs"}) {
+        std::string from = std::string(TELO_PLATFORM_TEST_DATA) + "/" + sub;
+        for (const std::string &name : listDir(from)) {
+            std::string file = instantiate(from + "/" + name, dir.path());
+            if (name.size() > 5 && name.compare(name.size() - 5, 5, ".conf") == 0) {
+                sources.push_back({file, std::string(sub) == "smb-differs"});
+            }
+        }
+    }
+    for (const std::string &file : corpus) sources.insert(sources.begin(), {file, false});
+
+    int agreements = 0, knownDifferences = 0;
+    printf("%-32s %-34s %s\n", "CONFIGURATION", "TESTPARM", "LOOKUP");
+    for (const auto &source : sources) {
+        const std::string &file = source.first;
+        SCOPED_TRACE(file);
+        CommandResult parsed = runCommand({testparm, "-s", file});
+        // testparm's dump: sections, then "\tname = value" for what differs from [global].
+        std::string expected;
+        if (parsed.exitCode != 0) {
+            expected = "refused";
+        } else {
+            std::vector<std::pair<std::string, std::map<std::string, std::string>>> sections;
+            size_t pos = 0;
+            while (pos < parsed.out.size()) {
+                size_t end = parsed.out.find('\n', pos);
+                if (end == std::string::npos) end = parsed.out.size();
+                std::string line = parsed.out.substr(pos, end - pos);
+                pos = end + 1;
+                if (!line.empty() && line[0] == '[' && line.back() == ']') {
+                    sections.push_back({line.substr(1, line.size() - 2), {}});
+                } else if (!line.empty() && line[0] == '\t' && !sections.empty()) {
+                    size_t eq = line.find(" = ");
+                    if (eq != std::string::npos) {
+                        sections.back().second[line.substr(1, eq - 1)] = line.substr(eq + 3);
+                    }
+                }
+            }
+            std::map<std::string, std::string> global;
+            for (const auto &section : sections) {
+                if (section.first == "global") global = section.second;
+            }
+            auto value = [&](const std::map<std::string, std::string> &params,
+                             const std::string &name, const std::string &fallback) {
+                auto own = params.find(name);
+                if (own != params.end()) return own->second;
+                auto inherited = global.find(name);
+                return inherited != global.end() ? inherited->second : fallback;
+            };
+            for (const auto &section : sections) {
+                const std::string &name = section.first;
+                if (name == "global" || strcasecmp(name.c_str(), "homes") == 0 ||
+                    strcasecmp(name.c_str(), "printers") == 0 ||
+                    value(section.second, "available", "Yes") == "No" ||
+                    value(section.second, "printable", "No") == "Yes") {
+                    continue;
+                }
+                // What smbd uses: one leading and one trailing quote dropped when no other is left.
+                std::string path = value(section.second, "path", "");
+                std::string bare = path;
+                if (!bare.empty() && bare[0] == '"') bare.erase(0, 1);
+                if (!bare.empty() && bare.back() == '"') bare.pop_back();
+                if (bare.find('"') == std::string::npos) path = bare;
+                if (path.empty() || path[0] != '/' || path.find('%') != std::string::npos) continue;
+                expected += "[" + name + "]=" + path + " ";
+            }
+        }
+        SambaConfig config;
+        std::string actual =
+            config.load(file) == TELO_ERR_NONE ? describe(config.shares()) : "refused";
+        bool agree = actual == expected;
+        if (source.second) {
+            EXPECT_FALSE(agree) << "a documented difference no longer holds: " << actual;
+            ++knownDifferences;
+        } else {
+            EXPECT_EQ(expected, actual);
+            agreements += agree ? 1 : 0;
+        }
+        std::string shown = file.substr(file.rfind('/') + 1);
+        printf("%-32s %-34.34s %s%s\n", shown.c_str(), expected.c_str(),
+               agree ? "same" : actual.substr(0, 40).c_str(), source.second ? " (documented)" : "");
+
+        // And through the platform call: below each share's path is that share, or the first
+        // one configured with the same path.
+        if (agree && expected != "refused") {
+            Fixtures env(dir.file("no-shares.conf"), file);
+            std::vector<Share> shares = config.shares();
+            for (Share &share : shares) {
+                while (share.path.size() > 1 && share.path.back() == '/') share.path.pop_back();
+            }
+            for (const Share &share : shares) {
+                const Share *first = &share;
+                for (const Share &other : shares) {
+                    if (other.path == share.path) {
+                        first = &other;
+                        break;
+                    }
+                }
+                EXPECT_EQ(first->name + " " + share.path, lookup(share.path + "/probe"));
+            }
+        }
+    }
+    printf("%d configurations agree with testparm, %d differ as documented\n", agreements,
+           knownDifferences);
+    EXPECT_GE(agreements, 20);
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <unordered_map>
 #include <vector>
 
 #include "path/path_filter_private.h"
@@ -39,10 +38,16 @@ int matchStar(const char *pattern, const char *path) {
     return -1;
 }
 
-// rebase() in time polynomial in the lengths: trying every place of the prefix for every single
-// star is exponential in the number of stars, so the outcome of a single star at a given place
-// of the pattern and of the prefix is worked out once. An outcome's text is always "", "*", a
-// tail of the pattern, or "/" and such a tail: it is kept as a kind and an offset.
+// rebase() without recursion, in time polynomial in the lengths and in memory that grows with
+// the number of single stars, not with stars times prefix bytes.
+//
+// A single star followed by more pattern, asked at a place of the prefix, takes the outcome of
+// the first place from there on that decides (see run()), so that outcome holds for every
+// place up to the deciding one. A star is only ever asked by the star before it, which tries
+// places in increasing order and asks at a fixed distance from each; so each star's questions
+// come in increasing order, one remembered answer per star saves every repeated try, and each
+// star goes over the prefix at most once. An outcome's text is always "", "*", a tail of the
+// pattern, or "/" and such a tail: it is kept as a kind and an offset.
 class Rebaser {
   public:
     enum Kind : uint8_t { kEmpty, kTail, kSlashTail, kStar };
@@ -52,28 +57,38 @@ class Rebaser {
         size_t at;  // where the tail starts in the pattern
     };
 
-    Rebaser(const char *pattern, const char *prefix)
-        : pattern_(pattern), prefix_(prefix), width_(strlen(prefix) + 1) {}
+    Rebaser(const char *pattern, const char *prefix) : pattern_(pattern), prefix_(prefix) {}
 
-    // rebase() of the pattern from `k` against the prefix from `i`.
-    Outcome walk(size_t k, size_t i) {
-        if (pattern_[k] == '\0') return prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch;
-        while (prefix_[i] != '\0') {
-            char p = pattern_[k];
-            if (p == '*') return star(k, i);
-            if (p == '?') {
-                if (prefix_[i] == '/') return kNoMatch;
-            } else {
-                if (p == '\\') p = pattern_[++k];
-                if (p != prefix_[i]) return kNoMatch;
+    // rebase() of the whole pattern against the whole prefix.
+    Outcome run() {
+        Step step = walk(0, 0);
+        size_t depth = 0;  // stars_[0, depth) are each waiting for the outcome of a try
+        for (;;) {
+            Outcome outcome = step.outcome;
+            if (!step.done && !answer(step.star, step.at, depth, outcome)) {
+                if (stars_.size() == depth) stars_.emplace_back();
+                stars_[depth++] = {step.star, step.at, step.at, step.at, {}, false};
+                step = walk(step.star + 1, step.at);
+                continue;
             }
-            ++k;
-            ++i;
-            if (pattern_[k] == '\0') return prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch;
+            // `outcome` is that of the innermost try; it may decide that star's answer, which is
+            // then the outcome of the try of the star before it.
+            for (; depth > 0; --depth) {
+                StarState &s = stars_[depth - 1];
+                bool cut = outcome.code == 0 && prefix_[s.trying] == '/';
+                if (cut) outcome = kCut;
+                if (!cut && (outcome.code == 0 || outcome.code == -2)) {
+                    if (prefix_[++s.trying] != '\0') break;
+                    outcome = {1, kTail, s.star + 1};
+                }
+                s.until = s.trying;
+                s.answer = outcome;
+                s.known = true;
+            }
+            if (depth == 0) return outcome;
+            const StarState &s = stars_[depth - 1];
+            step = walk(s.star + 1, s.trying);
         }
-        if (pattern_[k] == '/') return {1, kTail, k};
-        if (pattern_[k] == '*') return star(k, i);
-        return kNoMatch;
     }
 
     std::string text(const Outcome &outcome) const {
@@ -91,60 +106,90 @@ class Rebaser {
 
   private:
     static constexpr Outcome kNoMatch = {0, kEmpty, 0};
+    static constexpr Outcome kCut = {-2, kEmpty, 0};
 
-    // The star at `k` against the prefix from `i`.
-    Outcome star(size_t k, size_t i) {
+    // Where a walk along literals ends: an outcome, or a star to ask at a place of the prefix.
+    struct Step {
+        bool done;
+        Outcome outcome;
+        size_t star;
+        size_t at;
+    };
+
+    // A single star followed by more pattern: its remembered answer, and the place it tries.
+    struct StarState {
+        size_t star;  // in the pattern
+        size_t from;  // the answer holds for places [from, until]
+        size_t until;
+        size_t trying;
+        Outcome answer;
+        bool known;
+    };
+
+    // The pattern from `k` against the prefix from `i`, up to the first star.
+    Step walk(size_t k, size_t i) const {
+        if (pattern_[k] == '\0') return done(prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch);
+        while (prefix_[i] != '\0') {
+            char p = pattern_[k];
+            if (p == '*') return {false, {}, k, i};
+            if (p == '?') {
+                if (prefix_[i] == '/') return done(kNoMatch);
+            } else {
+                if (p == '\\') p = pattern_[++k];
+                if (p != prefix_[i]) return done(kNoMatch);
+            }
+            ++k;
+            ++i;
+            if (pattern_[k] == '\0') {
+                return done(prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch);
+            }
+        }
+        if (pattern_[k] == '/') return done({1, kTail, k});
+        if (pattern_[k] == '*') return {false, {}, k, i};
+        return done(kNoMatch);
+    }
+
+    static Step done(const Outcome &outcome) { return {true, outcome, 0, 0}; }
+
+    // The star at `k` asked at place `i`, when that needs no trying: a run of stars, a single
+    // star that ends the pattern, the end of the prefix, or a remembered answer of the star
+    // (the `depth`th single star on the way).
+    bool answer(size_t k, size_t i, size_t depth, Outcome &out) {
         if (pattern_[k + 1] == '*') {
             size_t end = k;
             while (pattern_[end] == '*') ++end;
-            return {1, kSlashTail, end - 2};
+            out = {1, kSlashTail, end - 2};
+            return true;
         }
-        size_t rest = k + 1;
-        if (pattern_[rest] == '\0') {
-            return strchr(prefix_ + i, '/') != nullptr ? kNoMatch : Outcome{1, kStar, 0};
+        if (pattern_[k + 1] == '\0') {
+            if (lastSlash_ == kUnknown) {
+                const char *slash = strrchr(prefix_, '/');
+                lastSlash_ = slash == nullptr ? kNone : static_cast<size_t>(slash - prefix_);
+            }
+            out = lastSlash_ != kNone && lastSlash_ >= i ? kNoMatch : Outcome{1, kStar, 0};
+            return true;
         }
-        // The first place from `i` on that decides, else the star takes the whole prefix. Every
-        // place passed on the way has that same outcome; it is remembered once the plain tries
-        // have taken long enough for the pattern to look adversarial.
-        bool remember = steps_ > kPlainSteps;
-        Outcome result = {1, kTail, rest};
-        size_t firstPassed = passed_.size();
-        for (size_t j = i; prefix_[j] != '\0'; ++j) {
-            ++steps_;
-            if (remember) {
-                auto known = decided_.find(k * width_ + j);
-                if (known != decided_.end()) {
-                    result = known->second;
-                    break;
-                }
-                passed_.push_back(j);
-            }
-            Outcome r = walk(rest, j);
-            if (r.code != 0 && r.code != -2) {
-                result = r;
-                break;
-            }
-            if (r.code == 0 && prefix_[j] == '/') {
-                result = {-2, kEmpty, 0};
-                break;
+        if (prefix_[i] == '\0') {
+            out = {1, kTail, k + 1};
+            return true;
+        }
+        if (depth < stars_.size()) {
+            const StarState &s = stars_[depth];
+            if (s.known && s.star == k && s.from <= i && i <= s.until) {
+                out = s.answer;
+                return true;
             }
         }
-        for (size_t n = firstPassed; n < passed_.size(); ++n) {
-            decided_[k * width_ + passed_[n]] = result;
-        }
-        passed_.resize(firstPassed);
-        return result;
+        return false;
     }
 
-    // Tries of single stars made before their outcomes are remembered.
-    static constexpr size_t kPlainSteps = 4096;
+    static constexpr size_t kUnknown = static_cast<size_t>(-1);
+    static constexpr size_t kNone = static_cast<size_t>(-2);
 
     const char *pattern_;
     const char *prefix_;
-    size_t width_;
-    std::unordered_map<size_t, Outcome> decided_;  // single stars: k * width_ + j
-    std::vector<size_t> passed_;  // places of the prefix the stars being tried have passed
-    size_t steps_ = 0;
+    size_t lastSlash_ = kUnknown;   // of the prefix, found on first need
+    std::vector<StarState> stars_;  // by depth: the nth single star on the way
 };
 
 }  // namespace
@@ -170,7 +215,7 @@ int PathFilterPrivate::match(const char *pattern, const char *path) {
 
 int PathFilterPrivate::rebase(const char *pattern, const char *prefix, std::string &out) {
     Rebaser rebaser(pattern, prefix);
-    Rebaser::Outcome outcome = rebaser.walk(0, 0);
+    Rebaser::Outcome outcome = rebaser.run();
     if (outcome.code == 1) out = rebaser.text(outcome);
     return outcome.code;
 }

@@ -21,6 +21,7 @@
 
 #include "internal/eintr.h"
 #include "internal/syslog.h"
+#include "proc/exit_wait.h"
 #include "proc/launch.h"
 #include "telobackup/stringf.h"
 
@@ -701,15 +702,15 @@ int SubProcess::callPipeClose(PipeFile *pipe, int pid) {
     }
     if (pid == -1) return -1;
 
-    // Closing the stream gave the child end of file, which normally ends it within these 100
-    // polls.
+    // Closing the stream gave the child end of file, which normally ends it within the grace
+    // period.
     int status = 0;
-    for (int polls = 0; polls < 100;) {
+    internal::ExitWait wait(pid);
+    for (;;) {
         pid_t waited = waitpid(pid, &status, WNOHANG);
         if (waited > 0) return status;
         if (waited == 0) {
-            usleep(5000);
-            ++polls;
+            if (!wait.pause()) break;
         } else if (errno != EINTR) {
             return -1;
         }

@@ -77,6 +77,11 @@ TEST(PathFilterRebase, Remainders) {
         EXPECT_EQ(c.expected, PathFilterPrivate::rebase(c.pattern, c.prefix, out)) << c.pattern;
         EXPECT_EQ(c.out, out) << c.pattern << " under " << c.prefix;
     }
+    // Far more single stars than a stack has room for frames, each passed at once.
+    std::string stars, as(200000, 'a'), out;
+    for (int i = 0; i < 200000; ++i) stars += "*a";
+    EXPECT_EQ(1, PathFilterPrivate::rebase((stars + "/z").c_str(), as.c_str(), out));
+    EXPECT_EQ("/z", out);
 }
 
 TEST(PathFilterRebase, GetPatternLists) {
@@ -267,5 +272,32 @@ TEST(PathFilterDifferential, FilterDecisions) {
             ASSERT_EQ(!hit[0] && (hit[2] || !hit[1]), filter.filterOutIncludeException(path))
                 << path;
         }
+    }
+}
+
+// rebase against plain recursion over every place: every short pattern under every short
+// prefix, then random patterns with many single stars under prefixes cut from paths they nearly
+// fit.
+TEST(PathFilterDifferential, RebaseRemainders) {
+    int failures = 0;
+    auto compare = [&](const std::string &pattern, const std::string &prefix) {
+        std::string got = "-", expected = "-";
+        int result = PathFilterPrivate::rebase(pattern.c_str(), prefix.c_str(), got);
+        int reference = testsupport::rebaseReference(pattern.c_str(), prefix.c_str(), expected);
+        if ((result != reference || got != expected) && ++failures < 5) {
+            ADD_FAILURE() << "\"" << pattern << "\" under \"" << prefix << "\": " << result << " \""
+                          << got << "\", reference " << reference << " \"" << expected << "\"";
+        }
+    };
+    std::vector<std::string> prefixes = allStrings("ab/", 4);
+    for (const std::string &pattern : allStrings("ab/*?\\", 5)) {
+        for (const std::string &prefix : prefixes) compare(pattern, prefix);
+        if (failures > 20) return;
+    }
+    RandomCases cases(31);
+    for (int i = 0; i < 20000 && failures < 20; ++i) {
+        std::string pattern = cases.pattern(12);
+        std::string path = cases.pathFor(pattern);
+        compare(pattern, path.substr(0, static_cast<size_t>(cases.pick(path.size() + 1))));
     }
 }

@@ -24,6 +24,7 @@
 #include <sstream>
 #include <thread>
 
+#include "proc/exit_wait.h"
 #include "proc/launch.h"
 #include "support/child.h"
 #include "support/process.h"
@@ -306,35 +307,56 @@ TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
     });
 }
 
-TEST_P(Launch, PipeConversations) {
-    PipeFile *pipe = nullptr;
-    int pid = SubProcess(helperCommand("cat", {"5"})).callPipeOpen(&pipe);
-    EXPECT_TRUE(fcntl(SubProcess::getReadFD(pipe), F_GETFD) & FD_CLOEXEC);
-    char buffer[7] = {};
-    EXPECT_EQ(2u, SubProcess::writePipe("hello\n", 3, 2, pipe));
-    EXPECT_EQ(6u, SubProcess::readPipe(buffer, 1, 6, pipe));
-    EXPECT_STREQ("hello\n", buffer);
-    EXPECT_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
-
-    // Writing to a child that has gone fails with EPIPE; the caller survives.
-    pid = SubProcess(helperCommand("exit")).callPipeOpen(&pipe);
-    siginfo_t info;
-    ASSERT_EQ(0, waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
-    EXPECT_TRUE(SubProcess::writePipe("x", 1, 1, pipe) == 0 && errno == EPIPE);
-    EXPECT_EQ(0, SubProcess::callPipeClose(pipe, pid));
-
-    // A child that ignores end of file gets SIGTERM after half a second; the check right after
-    // usually comes too early, and the child is left to the caller.
-    pid = SubProcess(helperCommand("ignore_eof")).callPipeOpen(&pipe);
-    auto start = std::chrono::steady_clock::now();
-    int status = SubProcess::callPipeClose(pipe, pid);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-    if (status == -1) {
-        EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/subprocess:<line> waitpid [" +
-                                         std::to_string(pid) + "] return [0]"));
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+// Whether the process holds a pidfd, sampled until `done`.
+bool pidfdSeenUntil(const std::atomic<bool> &done) {
+    bool seen = false;
+    while (!done && !seen) {
+        for (int fd : openFds()) seen = seen || linkOf(fd) == "anon_inode:[pidfd]";
+        std::this_thread::yield();
     }
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    return seen;
+}
+
+// The child is waited for on a pidfd where the kernel has them, else with naps; both collect it
+// alike.
+TEST_P(Launch, PipeConversations) {
+    for (bool naps : {false, true}) {
+        SCOPED_TRACE(naps ? "naps" : "pidfd");
+        TELO::Backup::internal::setExitWaitByNaps(naps);
+        PipeFile *pipe = nullptr;
+        int pid = SubProcess(helperCommand("cat", {"5"})).callPipeOpen(&pipe);
+        EXPECT_TRUE(fcntl(SubProcess::getReadFD(pipe), F_GETFD) & FD_CLOEXEC);
+        char buffer[7] = {};
+        EXPECT_EQ(2u, SubProcess::writePipe("hello\n", 3, 2, pipe));
+        EXPECT_EQ(6u, SubProcess::readPipe(buffer, 1, 6, pipe));
+        EXPECT_STREQ("hello\n", buffer);
+        EXPECT_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
+
+        // Writing to a child that has gone fails with EPIPE; the caller survives.
+        pid = SubProcess(helperCommand("exit")).callPipeOpen(&pipe);
+        siginfo_t info;
+        ASSERT_EQ(0, waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
+        EXPECT_TRUE(SubProcess::writePipe("x", 1, 1, pipe) == 0 && errno == EPIPE);
+        EXPECT_EQ(0, SubProcess::callPipeClose(pipe, pid));
+
+        // A child that ignores end of file gets SIGTERM after half a second; the check right
+        // after usually comes too early, and the child is left to the caller.
+        pid = SubProcess(helperCommand("ignore_eof")).callPipeOpen(&pipe);
+        std::atomic<bool> closed{false};
+        std::thread sampler([&] { EXPECT_EQ(!naps, pidfdSeenUntil(closed)); });
+        auto start = std::chrono::steady_clock::now();
+        int status = SubProcess::callPipeClose(pipe, pid);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+        closed = true;
+        sampler.join();
+        if (status == -1) {
+            EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/subprocess:<line> waitpid [" +
+                                             std::to_string(pid) + "] return [0]"));
+            ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        }
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    }
+    TELO::Backup::internal::setExitWaitByNaps(false);
 }
 
 // The child waits in its open for a writer: were the launch to wait for its exec, the caller

@@ -1,6 +1,7 @@
 #include "support/glob_reference.h"
 
 #include <cctype>
+#include <cstring>
 #include <stdexcept>
 
 namespace testsupport {
@@ -34,6 +35,61 @@ GlobReference::~GlobReference() {
 
 bool GlobReference::matches(const std::string &path) const {
     return !never_ && regexec(&regex_, path.c_str(), 0, nullptr, 0) == 0;
+}
+
+namespace {
+
+int starReference(const char *pattern, const char *prefix, std::string &out) {
+    if (pattern[1] == '*') {
+        const char *end = pattern;
+        while (*end == '*') ++end;
+        out = "/" + std::string(end - 2);
+        return 1;
+    }
+    if (pattern[1] == '\0') {
+        if (strchr(prefix, '/') != nullptr) return 0;
+        out = "*";
+        return 1;
+    }
+    for (; *prefix != '\0'; ++prefix) {
+        int result = rebaseReference(pattern + 1, prefix, out);
+        if (result != 0 && result != -2) return result;
+        if (result == 0 && *prefix == '/') return -2;
+    }
+    out = pattern + 1;
+    return 1;
+}
+
+}  // namespace
+
+int rebaseReference(const char *pattern, const char *prefix, std::string &out) {
+    if (*pattern == '\0') {
+        if (*prefix != '\0') return 0;
+        out.clear();
+        return 1;
+    }
+    while (*prefix != '\0') {
+        char p = *pattern;
+        if (p == '*') return starReference(pattern, prefix, out);
+        if (p == '?') {
+            if (*prefix == '/') return 0;
+        } else {
+            if (p == '\\') p = *++pattern;
+            if (p != *prefix) return 0;
+        }
+        ++pattern;
+        ++prefix;
+        if (*pattern == '\0') {
+            if (*prefix != '\0') return 0;
+            out.clear();
+            return 1;
+        }
+    }
+    if (*pattern == '/') {
+        out = pattern;
+        return 1;
+    }
+    return *pattern == '*' ? starReference(pattern, prefix, out) : 0;
 }
 
 }  // namespace testsupport

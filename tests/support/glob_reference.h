@@ -1,6 +1,6 @@
-// A plain reference for the path-filter pattern language, for differential tests: the pattern
+// Plain references for the path-filter pattern language, for differential tests: the pattern
 // becomes an anchored POSIX extended regular expression, so decisions come from an engine that
-// shares no code with the library's matchers.
+// shares no code with the library's matchers; and rebase as plain recursion.
 #ifndef TELO_TESTS_SUPPORT_GLOB_REFERENCE_H
 #define TELO_TESTS_SUPPORT_GLOB_REFERENCE_H
 
@@ -26,6 +26,11 @@ class GlobReference {
     bool never_ = false;
     regex_t regex_;
 };
+
+// The path filter's rebase, each single star trying every place in turn by recursion: the
+// same result codes and remainder, in time exponential in the number of single stars, so for
+// short inputs only. `out` changes only when the result is 1.
+int rebaseReference(const char *pattern, const char *prefix, std::string &out);
 
 }  // namespace testsupport
 

@@ -93,6 +93,13 @@ CommandResult runCommand(const std::vector<std::string> &argv, const std::string
     return result;
 }
 
+std::string programPath(const std::string &name) {
+    for (const char *dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
+        if (access((dir + name).c_str(), X_OK) == 0) return dir + name;
+    }
+    return "";
+}
+
 std::set<int> openFds() {
     std::set<int> fds;
     DIR *dir = opendir("/proc/self/fd");

@@ -35,6 +35,9 @@ struct CommandResult {
 CommandResult runCommand(const std::vector<std::string> &argv, const std::string &input = "",
                          const std::map<std::string, std::string> &env = {});
 
+// The absolute path of the installed program `name` (/usr/bin, /bin, /usr/sbin, /sbin), or "".
+std::string programPath(const std::string &name);
+
 // The descriptors open in this process.
 std::set<int> openFds();
 // Lowers this process's descriptor limit so that only `count` more descriptors can be opened

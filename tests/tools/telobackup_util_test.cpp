@@ -3,6 +3,7 @@
 // table whose one volume is a directory of the test), except the IPC tree, which a child with a
 // private /tmp keeps away from the machine's real one where that is allowed.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/file.h>
@@ -11,6 +12,7 @@
 
 #include <regex>
 #include <set>
+#include <sstream>
 
 #include "support/child.h"
 #include "support/process.h"
@@ -45,13 +47,35 @@ class Tool : public ::testing::Test {
         writeFile(dir.file("shares.conf"), "[photos]\npath=\"" + dir.file("vol/photos") + "\"\n");
     }
 
-    CommandResult run(Args args, const std::string &input = "") {
+    // Runs the tool with its standard output on `stdoutFd`; standard error is captured.
+    CommandResult runWithOutput(int stdoutFd, Args args) {
         args.insert(args.begin(), toolPath());
-        return runCommand(args, input,
-                          {{"TELO_SECRET_KEY_FILE", dir.file("secret.key")},
-                           {"TELO_LOGFILE", dir.file("app.log")},
-                           {"TELO_SHARES_CONF", dir.file("shares.conf")},
-                           {"TELO_MOUNTINFO", dir.file("mountinfo")}});
+        std::string errors = dir.file("stderr.txt");
+        pid_t pid = fork();
+        if (pid == 0) {
+            int err = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (err < 0 || dup2(stdoutFd, 1) != 1 || dup2(err, 2) != 2) _exit(126);
+            std::vector<char *> argv;
+            for (std::string &arg : args) argv.push_back(&arg[0]);
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        CommandResult result;
+        result.exitCode = waitExitCode(pid);
+        result.err = readFile(errors);
+        return result;
+    }
+
+    CommandResult run(Args args, const std::string &input = "",
+                      const std::map<std::string, std::string> &changed = {}) {
+        args.insert(args.begin(), toolPath());
+        std::map<std::string, std::string> env = {{"TELO_SECRET_KEY_FILE", dir.file("secret.key")},
+                                                  {"TELO_LOGFILE", dir.file("app.log")},
+                                                  {"TELO_SHARES_CONF", dir.file("shares.conf")},
+                                                  {"TELO_MOUNTINFO", dir.file("mountinfo")}};
+        for (const auto &kv : changed) env[kv.first] = kv.second;
+        return runCommand(args, input, env);
     }
     std::string out(const Args &args, const std::string &input = "") {
         return run(args, input).out;
@@ -150,6 +174,8 @@ TEST_F(Tool, ExitCodesAndUntouchedFiles) {
             {2, {"config", "new", conf, "job", "#k=1"}},
             {2, {"config", "new", conf, "job", "--string", "k =v"}},
             {2, {"config", "get", conf}}, {2, {"config", "frobnicate", conf}},
+            {2, {"config", "set", conf, "", "k=1"}}, {2, {"config", "get", conf, ""}},
+            {2, {"frobnicate"}}, {3, {"config", "get", conf, "a", "x", "--secret"}},
             {2, {"filter", "--rule", "sideways", "/x"}}, {2, {"template", conf, "--vars", "[1,2]"}},
             {3, {"config", "get", dir.path(), "a"}}, {3, {"filter", "--from-file", conf, "/x"}},
             {5, {"config", "set", conf, "a", "k=1", "--lock", "no/such/dir"}},
@@ -275,12 +301,16 @@ TEST_F(Tool, PlantedLinksAndMissingKeysAreExplained) {
         const std::string before = describeTree(dir.file("root-only"));
         CHILD_CHECK(symlink(dir.file("root-only").c_str(), dir.file("a.conf").c_str()) == 0);
         CHILD_CHECK(lchown(dir.file("a.conf").c_str(), 65534, 65534) == 0);
-        CommandResult r = run({"config", "set", dir.file("a.conf"), "s", "k=1", "--create"});
-        CHILD_CHECK(r.exitCode == 3);
-        CHILD_CHECK(r.err.find(dir.file("a.conf") +
-                               " is a symbolic link of uid 65534; only links "
-                               "of root, of you or of their target's owner are followed\n") !=
-                    std::string::npos);
+        CommandResult r;
+        for (Args args : {Args{"config", "set", dir.file("a.conf"), "s", "k=1", "--create"},
+                          Args{"config", "dump", dir.file("a.conf")}}) {
+            r = run(args);
+            CHILD_CHECK(r.exitCode == 3 && r.out.empty());
+            CHILD_CHECK(r.err.find(dir.file("a.conf") +
+                                   " is a symbolic link of uid 65534; only links "
+                                   "of root, of you or of their target's owner are followed\n") !=
+                        std::string::npos);
+        }
         CHILD_CHECK_EQ(before, describeTree(dir.file("root-only")));
 
         const std::string key = dir.file("secret.key");
@@ -295,6 +325,138 @@ TEST_F(Tool, PlantedLinksAndMissingKeysAreExplained) {
                                  key + " (was it moved?)\n");
         CHILD_CHECK(!exists(key));
     });
+}
+
+// The dump reads the file once, yet each section comes out exactly as `get` prints it: every
+// kind of value, duplicate keys and sections, values that do not parse, names in byte order.
+TEST_F(Tool, DumpMatchesGetOfEverySection) {
+    std::string deep = std::string(1001, '[') + std::string(1001, ']');
+    writeFile(conf,
+              "orphan=1\n[b]\nint=-5\nbig=123456789012345678901\nreal=1.0\nexp=1e2\nzero=-0\n"
+              "lead=007\nstr=\"a\\\"b\\u00e9/\"\nraw=\"tab\there\"\nlist=[1, \"x\" ]\nempty=[]\n"
+              "obj={\"b\":1,\"a\":[true,null]}\nnested=[[1],{}]\nbad=not json\ndeep=" +
+                  deep +
+                  "\nk=1\nk=2\n[a]\nlist=[\"/**/*.tmp\",\"/x\"]\nt=true\n[b]\nlater=1\n"
+                  "[c\xff]\nv=\"\xfe\xc3\xa9\"\n[]\ne=1\n[A]\n");
+    std::istringstream names(out({"config", "sections", conf}));
+    std::set<std::string> distinct;
+    for (std::string name; std::getline(names, name);) distinct.insert(name);
+    std::string expected = "{";
+    for (const std::string &name : distinct) {
+        // The empty name is no section a command can address.
+        std::string section =
+            name.empty() ? "{\"e\":1}\n" : out({"--json", "config", "get", conf, name});
+        if (expected.size() > 1) expected += ",";
+        expected += (name == "c\xff" ? "\"c\\u00ff\"" : "\"" + name + "\"") + ":" +
+                    section.substr(0, section.size() - 1);
+    }
+    expected += "}\n";
+    std::string dump = out({"config", "dump", conf});
+    EXPECT_EQ(expected, dump);
+    Json::Value all = parse(dump);
+    EXPECT_EQ(2, all["b"]["k"].asInt());
+    EXPECT_TRUE(!all["b"].isMember("later") && !all["b"].isMember("bad") &&
+                !all["b"].isMember("deep"));
+    EXPECT_EQ("[1,\"x\"]", TELO::Backup::jsonToString(all["b"]["list"]));
+
+    // A value as deep as a text may be is set and read whole: neither passes it through the
+    // text of the whole section, which is one level deeper.
+    IN_PRIVATE_TMP([this] {
+        std::string deepest = std::string(1000, '[') + std::string(1000, ']');
+        CHILD_CHECK_EQ(0,
+                       run({"config", "set", conf, "d", "limit=" + deepest, "--create"}).exitCode);
+        CHILD_CHECK_EQ("{\"limit\":" + deepest + "}\n", out({"config", "get", conf, "d"}));
+        CHILD_CHECK(out({"config", "dump", conf}).find("\"d\":{\"limit\":" + deepest) !=
+                    std::string::npos);
+    });
+}
+
+// JSON output is valid UTF-8 whatever the file holds: a byte outside a well-formed sequence
+// is written as \u00XX of that byte; well-formed sequences stay as they are. Plain output
+// keeps the bytes.
+TEST_F(Tool, JsonOutputEscapesInvalidUtf8) {
+    writeFile(conf, "[s\xff]\nv=\"\xc3\xa9 \xc3 \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82\xac\"\n");
+    std::string value =
+        "\"\xc3\xa9 \\u00c3 \\u00ed\\u00a0\\u0080 \\u00f4\\u0090\\u0080\\u0080 \xe2\x82\xac\"";
+    EXPECT_EQ("[\"s\\u00ff\"]\n", out({"--json", "config", "sections", conf}));
+    EXPECT_EQ("s\xff\n", out({"config", "sections", conf}));
+    EXPECT_EQ("{\"v\":" + value + "}\n", out({"--json", "config", "get", conf, "s\xff"}));
+    EXPECT_EQ(value + "\n", out({"--json", "config", "get", conf, "s\xff", "v"}));
+    EXPECT_EQ("{\"s\\u00ff\":{\"v\":" + value + "}}\n", out({"config", "dump", conf}));
+    EXPECT_EQ("{\"kept\":true,\"path\":\"/a\\u00ff\"}\n", out({"--json", "filter", "/a\xff"}));
+    EXPECT_NE(std::string::npos, out({"--help"}).find("\\u00XX"));
+}
+
+// Standard output that fails (a full device, a reader gone) is an error with a message, for
+// output of every size and from every path the tool writes it.
+TEST_F(Tool, FailedStandardOutputIsReported) {
+    writeFile(conf, "[a]\nx=1\n");
+    writeFile(dir.file("t"), "{{x}}");
+    std::string many;
+    for (int i = 0; i < 100000; ++i) many += "/p" + std::to_string(i) + "\n";
+    writeFile(dir.file("paths"), many);
+    int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
+    close(pipeFds[0]);  // no reader
+    // A command that fails before it writes keeps its own exit code.
+    std::pair<int, Args> cases[] = {
+        {4, {"config", "sections", conf}},
+        {4, {"config", "dump", conf}},
+        {4, {"--json", "config", "get", conf, "a"}},
+        {1, {"filter", "--from-file", dir.file("none"), "/x"}},
+        {4, {"template", dir.file("t"), "--vars", "{\"x\":1}"}},
+        {4, {"--help"}},
+        {4, {"volumes"}},
+        {4, {"--generate-man"}},
+    };
+    for (const auto &c : cases) {
+        for (int fd : {full, pipeFds[1]}) {
+            CommandResult r = runWithOutput(fd, c.second);
+            EXPECT_EQ(c.first, r.exitCode) << c.second.back() << " " << r.err;
+            EXPECT_EQ(c.first == 4, r.err.find("standard output: ") != std::string::npos) << r.err;
+        }
+    }
+    // Paths streamed from standard input: output fails long before the input ends.
+    int input = open(dir.file("paths").c_str(), O_RDONLY | O_CLOEXEC);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(input, 0);
+        dup2(full, 1);
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 2);
+        execl(toolPath().c_str(), toolPath().c_str(), "filter", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    EXPECT_EQ(4, waitExitCode(pid));
+    close(input);
+    close(full);
+    close(pipeFds[1]);
+}
+
+TEST_F(Tool, UsageErrorsNameTheirWord) {
+    writeFile(conf, "[a]\nx=1\n");
+    CommandResult r = run({"config", "set", conf, "", "k=1"});
+    EXPECT_EQ(2, r.exitCode);
+    EXPECT_NE(std::string::npos, r.err.find("bad section ''")) << r.err;
+    r = run({"config", "frobnicate", conf});
+    EXPECT_NE(std::string::npos, r.err.find("unknown config command 'frobnicate'")) << r.err;
+    r = run({"--json", "frobnicate"});
+    EXPECT_NE(std::string::npos, r.err.find("unknown command 'frobnicate'")) << r.err;
+    r = run({"session", "--help-me"});  // not a word where a command stands: CLI's own message
+    EXPECT_EQ(2, r.exitCode);
+    EXPECT_EQ(std::string::npos, r.err.find("unknown command")) << r.err;
+}
+
+TEST_F(Tool, LogLineThatCannotBeWrittenIsExitCodeFour) {
+    for (const std::string &target : {std::string("/dev/full"), dir.file("missing/app.log")}) {
+        CommandResult r = runCommand({toolPath(), "log", "lost"}, "", {{"TELO_LOGFILE", target}});
+        EXPECT_EQ(4, r.exitCode) << target;
+        EXPECT_NE(std::string::npos, r.err.find("cannot write the application log " + target))
+            << r.err;
+    }
+    EXPECT_EQ(0, runCommand({toolPath(), "log", "off"}, "", {{"TELO_LOGFILE", ""}}).exitCode);
 }
 
 TEST_F(Tool, FilterTemplateShareAndLog) {
@@ -362,7 +524,8 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
         CHILD_CHECK_EQ(dir.file("vol"), volumes["volumes"][0]["path"].asString());
         CHILD_CHECK_EQ(std::string("ext4"), volumes["volumes"][0]["type"].asString());
         CHILD_CHECK_EQ(tmp, volumes["choices"]["max-ext"].asString());
-        CHILD_CHECK(out({"volumes"}).find(dir.file("vol")) != std::string::npos);
+        CHILD_CHECK(out({"volumes"}).find(tmp + " (made on first use)") != std::string::npos);
+        CHILD_CHECK(!exists(tmp));  // listing only reads
 
         CHILD_CHECK_EQ(size_t(0),
                        out({"mktemp", "--volume", "max", "job"}).rfind(tmp + "/job.", 0));
@@ -381,6 +544,58 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
         CHILD_CHECK(local.rfind("sess.", 0) == 0);
         CHILD_CHECK_EQ(0, run({"session", "destroy", local.substr(0, local.size() - 1)}).exitCode);
     });
+}
+
+// What the platform cannot read is an error that says which file and why, never "in no share"
+// or "(no volume)"; a mount point cannot break the text table or drive the terminal.
+TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
+    ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+    writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\ninclude = /dev/zero\n");
+    struct Case {
+        std::map<std::string, std::string> env;
+        Args args;
+        int exitCode;
+        std::string message;
+    } cases[] = {
+        {{{"TELO_SHARES_CONF", dir.file("none")}, {"TELO_SMB_CONF", dir.file("none.smb")}},
+         {"share", "/srv/x"},
+         3,
+         "/srv/x: no share configuration: neither " + dir.file("none") + " nor " +
+             dir.file("none.smb") + " exists"},
+        {{{"TELO_SHARES_CONF", dir.file("fifo")}},
+         {"share", "/srv/x"},
+         3,
+         "/srv/x: shares file " + dir.file("fifo") + ": not a regular file"},
+        {{{"TELO_SHARES_CONF", dir.file("none")}, {"TELO_SMB_CONF", dir.file("smb.conf")}},
+         {"share", "/srv/media/x"},
+         3,
+         "/srv/media/x: Samba configuration " + dir.file("smb.conf") +
+             ":3: include /dev/zero: not a regular file"},
+        {{}, {"share", "/elsewhere"}, 1, "/elsewhere: in no share"},
+        {{{"TELO_MOUNTINFO", "/dev/zero"}},
+         {"volumes"},
+         3,
+         "volumes: mount table /dev/zero: not a regular file"},
+        {{{"TELO_MOUNTINFO", dir.file("fifo")}},
+         {"--json", "volumes"},
+         3,
+         "volumes: mount table " + dir.file("fifo") + ": not a regular file"},
+    };
+    for (const Case &c : cases) {
+        CommandResult r = run(c.args, "", c.env);
+        EXPECT_EQ(c.exitCode, r.exitCode) << c.message;
+        EXPECT_EQ(0u, r.err.find("telobackup-util: " + c.message)) << r.err;
+        EXPECT_EQ("", r.out);
+    }
+
+    std::string odd = dir.file("a\nb\x1b[31mc\\d");
+    ASSERT_EQ(0, mkdir(odd.c_str(), 0755));
+    writeFile(dir.file("mountinfo"),
+              "20 1 8:1 / " + dir.file("a\\012b\x1b[31mc\\134d") + " rw - ext4 /dev/sdz1 rw\n");
+    std::string table = out({"volumes"});
+    EXPECT_NE(std::string::npos, table.find(dir.file("a\\x0ab\\x1b[31mc\\x5cd") + " "));
+    EXPECT_EQ(std::string::npos, table.find('\x1b'));
+    EXPECT_EQ(odd, parse(out({"--json", "volumes"}))["volumes"][0]["path"].asString());
 }
 
 TEST_F(Tool, HelpVersionManualAndCompletion) {

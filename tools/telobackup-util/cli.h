@@ -4,6 +4,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -19,7 +20,7 @@ enum ExitCode {
     kExitNotFound = 1,     // file, section, key, share, session or volume not found
     kExitUsage = 2,        // bad command line: unknown option, bad JSON, bad name
     kExitInvalidFile = 3,  // a file exists but cannot be read as what it should be
-    kExitCannotWrite = 4,  // a file could not be created or rewritten
+    kExitCannotWrite = 4,  // a file could not be created or rewritten, or standard output failed
     kExitLockFailed = 5,   // the configuration lock could not be taken
     kExitUnreachable = 6,  // no address of the host accepted a connection
     kExitFailed = 7,       // anything else (a platform or system failure)
@@ -42,6 +43,18 @@ class CommandError : public std::runtime_error {
 struct Context {
     bool json = false;  // machine-readable output
 };
+
+// Standard output of the commands goes through one buffer; a write that fails (a full disk,
+// a closed pipe) throws CommandError(kExitCannotWrite, "standard output: <reason>").
+void writeOut(const char *data, size_t size);
+// Writes what is buffered; main calls it before it exits.
+void flushOut();
+
+// `text` with every byte that is not part of well-formed UTF-8 written as "\u00XX" of the
+// byte (so "\xff" becomes the six characters \u00ff); only JSON text may go through it.
+std::string escapeInvalidUtf8(const std::string &text);
+// One line of JSON text for `value`, without the newline, with escapeInvalidUtf8 applied.
+std::string jsonText(const Json::Value &value);
 
 // Writes `value` as one line of JSON to standard output.
 void printJson(const Json::Value &value);
@@ -81,6 +94,10 @@ CommandError fileError(int code, const std::string &what, const std::string &fil
 // The secret key's path, and why the last encryption or decryption failed, in words.
 std::string secretKeyPath();
 std::string keyProblem();
+
+// Why the last platform call failed: the platform's detail text where it gives one, else errno's
+// text, followed by the error triple ("[0x0007 src/share.cpp:120]").
+std::string platformFailure();
 
 // Each adds one subcommand with its own options and handler.
 void addConfigCommand(CLI::App &app, Context &context);

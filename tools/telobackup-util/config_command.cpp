@@ -11,9 +11,11 @@
 #include <memory>
 
 #include "cli.h"
+#include "config_dump.h"
 #include "telobackup/json_text.h"
 #include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/section_config.h"
 
 namespace telocli {
 
@@ -77,6 +79,14 @@ void requireFile(const std::string &file) {
     if (access(file.c_str(), R_OK) != 0) throw systemError(kExitInvalidFile, file);
 }
 
+// The section argument names no section the map could be bound to.
+void requireSection(const std::string &section, const char *command) {
+    if (section.empty()) {
+        throw CommandError(kExitUsage, std::string("config ") + command +
+                                           ": bad section '': a section name cannot be empty");
+    }
+}
+
 // Splits "KEY=VALUE" at its first "=".
 std::pair<std::string, std::string> splitAssignment(const std::string &arg, const char *what) {
     size_t eq = arg.find('=');
@@ -111,8 +121,9 @@ std::string readSecret(const std::string &key) {
     return value;
 }
 
-// Puts every value of the command line into `map`, checking all of them before any is set.
-void applyValues(const ConfigArgs &args, OptionMap &map) {
+// Puts every value of the command line into `map`, checking all of them before any is set;
+// returns the keys set.
+std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
     std::vector<std::pair<std::string, Json::Value>> values;
     for (const std::string &arg : args.assignments) {
         auto kv = splitAssignment(arg, "value");
@@ -148,6 +159,11 @@ void applyValues(const ConfigArgs &args, OptionMap &map) {
         std::cerr << "telobackup-util: created a new secret key " << secretKeyPath()
                   << " (keep a copy: secrets cannot be read without it)\n";
     }
+    std::vector<std::string> keys;
+    for (const auto &kv : values) keys.push_back(kv.first);
+    for (const auto &kv : texts) keys.push_back(kv.first);
+    for (const auto &kv : secrets) keys.push_back(kv.first);
+    return keys;
 }
 
 // The lock of a write, held for the whole read-modify-write (the maps then carry no token of
@@ -157,13 +173,16 @@ ConfigLock takeLock(const ConfigArgs &args) {
                       args.waitSeconds);
 }
 
-// Loads `section` of `file` into `map`; not found is exit code 1.
+// The error of a failed load of `section`; not found is exit code 1.
+CommandError loadFailure(const std::string &file, const std::string &section) {
+    if (errno == ENOENT)
+        return CommandError(kExitNotFound, file + ": no section [" + section + "]");
+    return fileError(kExitInvalidFile, file, file);
+}
+
+// Loads `section` of `file` into `map`.
 void loadSection(OptionMap &map, const std::string &file, const std::string &section) {
-    if (map.optSectionLoad(file, section, -1)) return;
-    if (errno == ENOENT) {
-        throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
-    }
-    throw fileError(kExitInvalidFile, file, file);
+    if (!map.optSectionLoad(file, section, -1)) throw loadFailure(file, section);
 }
 
 // Writes `map` as `section` of `file`; the caller holds the lock.
@@ -202,21 +221,31 @@ void runSections(const ConfigArgs &args, const Context &context) {
 }
 
 void runGet(const ConfigArgs &args, const Context &context) {
+    requireSection(args.section, "get");
     requireFile(args.file);
-    OptionMap map;
-    loadSection(map, args.file, args.section);
     if (args.key.empty()) {
+        // Straight from the file: a value as deep as a text may be would not survive a trip
+        // through the text of the whole section.
         Json::Value all;
-        TELO::Backup::jsonFromString(all, map.optToJsonString());
+        if (!TELO::Backup::SectionConfig::loadSection(args.file, args.section, all)) {
+            throw loadFailure(args.file, args.section);
+        }
         printJson(all.isNull() ? Json::Value(Json::objectValue) : all);
         return;
     }
+    OptionMap map;
+    loadSection(map, args.file, args.section);
     Json::Value value;
     if (!map.optGet(args.key, value)) {
         throw CommandError(kExitNotFound,
                            args.file + ": no key '" + args.key + "' in [" + args.section + "]");
     }
     if (args.decrypt) {
+        if (!value.isString()) {
+            throw CommandError(kExitInvalidFile, args.file + ": '" + args.key + "' in [" +
+                                                     args.section +
+                                                     "] is not a secret (not a string)");
+        }
         std::string plain;
         map.optGet(args.key, plain, true);
         if (plain.empty() && !value.asString().empty()) {
@@ -228,23 +257,29 @@ void runGet(const ConfigArgs &args, const Context &context) {
 }
 
 void runSet(const ConfigArgs &args, const Context &) {
+    requireSection(args.section, "set");
     if (args.assignments.empty() && args.strings.empty() && args.secrets.empty()) {
         throw CommandError(kExitUsage, "config set: nothing to set");
     }
     if (!args.create) requireFile(args.file);
     OptionMap map;
-    applyValues(args, map);  // before the lock: standard input may be slow
+    std::vector<std::string> keys = applyValues(args, map);  // before the lock: stdin may be slow
     ConfigLock lock = takeLock(args);
     OptionMap current;
     if (!current.optSectionLoad(args.file, args.section, -1) && (errno != ENOENT || !args.create)) {
         loadSection(current, args.file, args.section);  // reports the failure
     }
-    current.optAppendJsonString(map.optToJsonString());
+    for (const std::string &key : keys) {
+        Json::Value value;
+        map.optGet(key, value);
+        current.optSet(key, value);
+    }
     exportSection(current, args.file, args.section, args.create);
     lock.release();
 }
 
 void runUnset(const ConfigArgs &args, const Context &) {
+    requireSection(args.section, "unset");
     requireFile(args.file);
     ConfigLock lock = takeLock(args);
     OptionMap map;
@@ -255,6 +290,7 @@ void runUnset(const ConfigArgs &args, const Context &) {
 }
 
 void runDelete(const ConfigArgs &args, const Context &) {
+    requireSection(args.section, "delete");
     requireFile(args.file);
     ConfigLock lock = takeLock(args);
     OptionMap map;
@@ -302,19 +338,7 @@ void runNew(const ConfigArgs &args, const Context &context) {
 
 void runDump(const ConfigArgs &args, const Context &) {
     requireFile(args.file);
-    std::list<std::string> names;
-    if (!OptionMap::optSectionListName(args.file, names))
-        throw fileError(kExitInvalidFile, args.file, args.file);
-    Json::Value all(Json::objectValue);
-    for (const std::string &name : names) {
-        if (all.isMember(name)) continue;  // a later copy of a name is never read
-        OptionMap map;
-        loadSection(map, args.file, name);
-        Json::Value values;
-        TELO::Backup::jsonFromString(values, map.optToJsonString());
-        all[name] = values.isNull() ? Json::Value(Json::objectValue) : values;
-    }
-    printJson(all);
+    dumpSections(args.file);
 }
 
 void addValueOptions(CLI::App *command, ConfigArgs &args) {

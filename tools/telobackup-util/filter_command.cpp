@@ -10,7 +10,7 @@
 
 #include "cli.h"
 #include "internal/eintr.h"
-#include "telobackup/json_text.h"
+#include "pattern_file.h"
 #include "telobackup/path/path_filter.h"
 
 namespace telocli {
@@ -25,71 +25,41 @@ struct FilterArgs {
     bool nulSeparated = false;
 };
 
-// Adds the patterns of a file of "KIND<TAB>PATTERN" lines (KIND: prior, include or exclude);
-// blank lines and lines starting with "#" are skipped.
+constexpr size_t kMaxPatternFile = 64 << 20;
+
+// Adds the patterns of a pattern file (see pattern_file.h); a pipe is read as well as a file.
 void addPatternFile(const std::string &path, TELO::Backup::PathFilter &filter) {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     if (!in) throw systemError(errno == ENOENT ? kExitNotFound : kExitInvalidFile, path);
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (line.empty() || line[0] == '#') continue;
-        size_t tab = line.find('\t');
-        std::string kind = line.substr(0, tab);
-        std::string pattern = tab == std::string::npos ? "" : line.substr(tab + 1);
-        if (tab == std::string::npos || pattern.empty()) {
-            throw CommandError(kExitInvalidFile,
-                               path + ":" + std::to_string(number) + ": expected KIND<TAB>PATTERN");
-        }
-        if (kind == "prior") {
-            filter.addPriorIncludePattern(pattern);
-        } else if (kind == "include") {
-            filter.addIncludePattern(pattern);
-        } else if (kind == "exclude") {
-            filter.addExcludePattern(pattern);
-        } else {
-            throw CommandError(kExitInvalidFile, path + ":" + std::to_string(number) +
-                                                     ": unknown kind '" + kind +
-                                                     "' (prior, include or exclude)");
+    std::string text;
+    char chunk[1 << 16];
+    while (in.read(chunk, sizeof(chunk)) || in.gcount() > 0) {
+        text.append(chunk, static_cast<size_t>(in.gcount()));
+        if (text.size() > kMaxPatternFile) {
+            throw CommandError(kExitInvalidFile, path + ": larger than 64 MiB");
         }
     }
     if (in.bad()) throw systemError(kExitInvalidFile, path);
+    std::vector<PatternEntry> entries;
+    size_t line = 0;
+    std::string error;
+    if (!parsePatterns(text, entries, line, error)) {
+        throw CommandError(kExitInvalidFile, path + ":" + std::to_string(line) + ": " + error);
+    }
+    for (const PatternEntry &entry : entries) {
+        switch (entry.kind) {
+            case PatternEntry::kPrior:
+                filter.addPriorIncludePattern(entry.pattern);
+                break;
+            case PatternEntry::kInclude:
+                filter.addIncludePattern(entry.pattern);
+                break;
+            case PatternEntry::kExclude:
+                filter.addExcludePattern(entry.pattern);
+                break;
+        }
+    }
 }
-
-// Buffered writer of standard output; millions of lines go out in large writes.
-class Output {
-  public:
-    Output() : buffer_(new char[kSize]) {}
-    ~Output() {
-        if (used_ > 0) TELO::Backup::internal::writeFull(1, buffer_.get(), used_);
-    }
-    void put(const char *text, size_t length, char end) {
-        if (used_ + length + 1 > kSize) {
-            flush();
-            if (length + 1 > kSize) {
-                write(text, length);
-                write(&end, 1);
-                return;
-            }
-        }
-        memcpy(buffer_.get() + used_, text, length);
-        used_ += length;
-        buffer_[used_++] = end;
-    }
-    void flush() {
-        write(buffer_.get(), used_);
-        used_ = 0;
-    }
-
-  private:
-    static void write(const char *data, size_t size) {
-        if (size > 0 && !TELO::Backup::internal::writeFull(1, data, size)) {
-            throw systemError(kExitFailed, "standard output");
-        }
-    }
-    static constexpr size_t kSize = 1 << 18;
-    std::unique_ptr<char[]> buffer_;
-    size_t used_ = 0;
-};
 
 class Decider {
   public:
@@ -107,20 +77,19 @@ class Decider {
             Json::Value row;
             row["path"] = path;
             row["kept"] = !excluded;
-            std::string text = TELO::Backup::jsonToString(row);
-            output_.put(text.data(), text.size(), '\n');
+            std::string text = jsonText(row);
+            text += '\n';
+            writeOut(text.data(), text.size());
         } else if (excluded == printExcluded_) {
-            output_.put(path.data(), path.size(), end_);
+            writeOut(path.data(), path.size());
+            writeOut(&end_, 1);
         }
     }
-
-    void flush() { output_.flush(); }
 
   private:
     TELO::Backup::PathFilter &filter_;
     bool includeWins_, printExcluded_, json_;
     char end_;
-    Output output_;
 };
 
 // Decides for every line (or NUL-terminated record) of standard input, streaming.
@@ -165,7 +134,6 @@ void run(const FilterArgs &args, const Context &context) {
     } else {
         for (const std::string &path : args.paths) decider.decide(path);
     }
-    decider.flush();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // log: one line to the application log.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 
 #include "cli.h"
 #include "telobackup/log.h"
@@ -23,7 +24,12 @@ void addLogCommand(CLI::App &app, Context &) {
         if (message.find('\n') != std::string::npos) {
             throw CommandError(kExitUsage, "log: the message must be one line");
         }
-        filelog(0, "%s", message.c_str());
+        if (filelogChecked(0, "%s", message.c_str()) != 0) {
+            int saved = errno;
+            std::string path = TELO::Backup::Path::getLogPath();
+            errno = saved;
+            throw systemError(kExitCannotWrite, "cannot write the application log " + path);
+        }
     });
 }
 

@@ -4,11 +4,17 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 
 #include "cli.h"
+#include "telo/platform.h"
 #include "telobackup/json_text.h"
+
+// Only the generic platform explains its failures in words; the vendor libraries lack the call.
+extern "C" const char *TLIBCErrorGetDetail(void) __attribute__((weak));
 
 #ifndef TELOBACKUP_VERSION
 #define TELOBACKUP_VERSION "unknown"
@@ -22,28 +28,80 @@ const char *exitCodeTable() {
            "  1  not found (file, section, key, share, session, volume)\n"
            "  2  usage error (unknown option, bad JSON, bad name)\n"
            "  3  invalid file (exists but cannot be read as expected)\n"
-           "  4  cannot write (a file could not be created or rewritten)\n"
+           "  4  cannot write (a file could not be created or rewritten, or standard output\n"
+           "     failed)\n"
            "  5  lock not obtained\n"
            "  6  unreachable (no address of the host accepted a connection)\n"
            "  7  other failure\n";
-}
-
-void printJson(const Json::Value &value) {
-    std::cout << TELO::Backup::jsonToString(value) << '\n';
-}
-
-void printLine(const std::string &text) {
-    std::cout << text << '\n';
 }
 
 CommandError systemError(int code, const std::string &what) {
     return CommandError(code, what + ": " + strerror(errno));
 }
 
-}  // namespace telocli
+std::string platformFailure() {
+    int error = errno;
+    const char *detail = TLIBCErrorGetDetail != nullptr ? TLIBCErrorGetDetail() : "";
+    char triple[64];
+    snprintf(triple, sizeof(triple), " [0x%04X %s:%d]", TLIBCErrGet(), TLIBCErrorGetFile(),
+             TLIBCErrorGetLine());
+    return (*detail != '\0' ? std::string(detail) : std::string(strerror(error))) + triple;
+}
 
-int main(int argc, char **argv) {
-    using namespace telocli;
+namespace {
+
+// The usage error for a word where a subcommand must stand that names none, or "" when the
+// command line names only known subcommands. Options of commands with subcommands are flags
+// only, so every other word there is a subcommand.
+std::string unknownSubcommand(const CLI::App &app, int argc, char **argv) {
+    const CLI::App *command = &app;
+    std::string path;
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        if (word == "--") break;
+        if (word.empty() || word[0] == '-') continue;
+        auto all = command->get_subcommands([](const CLI::App *) { return true; });
+        if (all.empty()) break;
+        auto named = command->get_subcommands(
+            [&word](const CLI::App *sub) { return sub->check_name(word); });
+        if (named.empty()) {
+            std::string known;
+            for (size_t n = 0; n < all.size(); ++n) {
+                known += (n == 0 ? "" : n + 1 == all.size() ? " or " : ", ") + all[n]->get_name();
+            }
+            return "telobackup-util: unknown " + path + "command '" + word + "' (expected " +
+                   known + ")";
+        }
+        command = named.front();
+        path += word + " ";
+    }
+    return std::string();
+}
+
+// Writes what the commands left buffered and what went through std::cout (help, version,
+// generated files); a failure is reported on standard error and turns success into exit 4.
+// Only the first call does anything.
+int finishOutput(int code) {
+    static bool finished = false;
+    if (finished) return code;
+    finished = true;
+    try {
+        flushOut();
+    } catch (const CommandError &e) {
+        std::cerr << "telobackup-util: " << e.what() << "\n";
+        if (code == kExitOk) code = e.code();
+    }
+    errno = 0;
+    std::cout.flush();
+    if (fflush(stdout) != 0 || ferror(stdout) || !std::cout) {
+        std::cerr << "telobackup-util: standard output: "
+                  << (errno != 0 ? strerror(errno) : "write error") << "\n";
+        if (code == kExitOk) code = kExitCannotWrite;
+    }
+    return code;
+}
+
+int run(int argc, char **argv) {
     CLI::App app(
         "Utilities of the backup application's library: section configuration files "
         "with encrypted secrets and identifiers, path filters, templates, connectivity "
@@ -53,7 +111,9 @@ int main(int argc, char **argv) {
     app.set_version_flag("--version", "telobackup-util " TELOBACKUP_VERSION);
     app.require_subcommand(1);
     Context context;
-    app.add_flag("--json", context.json, "Machine-readable output (JSON) where it makes sense");
+    app.add_flag("--json", context.json,
+                 "Machine-readable output (JSON) where it makes sense: one JSON text per line, "
+                 "bytes that are not valid UTF-8 written as \\u00XX of the byte");
     bool man = false, completion = false;
     app.add_flag("--generate-man", man)->group("");
     app.add_flag("--generate-bash-completion", completion)->group("");
@@ -88,17 +148,30 @@ int main(int argc, char **argv) {
     } catch (const CLI::CallForVersion &e) {
         return app.exit(e);
     } catch (const CLI::ParseError &e) {
-        std::cerr << "telobackup-util: " << e.what() << "\n"
-                  << "Run with --help for usage.\n";
+        std::string unknown = unknownSubcommand(app, argc, argv);
+        std::cerr << (unknown.empty() ? "telobackup-util: " + std::string(e.what()) : unknown)
+                  << "\nRun with --help for usage.\n";
         return kExitUsage;
     } catch (const CommandError &e) {
-        std::cout.flush();
+        // What the command printed before it failed goes out first.
+        int code = finishOutput(e.code());
         std::cerr << "telobackup-util: " << e.what() << "\n";
-        return e.code();
+        return code;
     } catch (const std::exception &e) {
+        finishOutput(kExitFailed);
         std::cerr << "telobackup-util: " << e.what() << "\n";
         return kExitFailed;
     }
-    std::cout.flush();
-    return std::cout ? kExitOk : kExitFailed;
+    return kExitOk;
+}
+
+}  // namespace
+
+}  // namespace telocli
+
+int main(int argc, char **argv) {
+    // A reader that goes away makes writes fail with EPIPE, reported like any other failure,
+    // instead of killing the tool without a word.
+    signal(SIGPIPE, SIG_IGN);
+    return telocli::finishOutput(telocli::run(argc, argv));
 }

@@ -6,13 +6,13 @@
 #include "cli.h"
 #include "telobackup/session.h"
 #include "telobackup/temp_manager/temp_manager.h"
+#include "volume_spec.h"
 
 namespace telocli {
 
 namespace {
 
 using TELO::Backup::FilterVolume;
-using TELO::Backup::TempManager;
 
 const char kVolumeHelp[] =
     "Volume for the data: max (most free space), max-ext (ext volumes only), max-ext-btrfs "
@@ -20,14 +20,12 @@ const char kVolumeHelp[] =
 
 // The filter a --volume value names; the Max filters fall back to /tmp.
 std::shared_ptr<FilterVolume> volumeFilter(const std::string &volume) {
-    if (volume.empty() || volume == "max") return TempManager::maxVolume(true);
-    if (volume == "max-ext") return TempManager::maxExtVolume(true);
-    if (volume == "max-ext-btrfs") return TempManager::maxExtBtrfsVolume(true);
-    if (volume.compare(0, 5, "same:") == 0 && volume.size() > 5) {
-        return TempManager::sameVolume(volume.substr(5));
+    VolumeSpec spec;
+    if (!parseVolumeSpec(volume, spec)) {
+        throw CommandError(kExitUsage, "bad --volume '" + volume +
+                                           "': expected max, max-ext, max-ext-btrfs or same:PATH");
     }
-    throw CommandError(kExitUsage, "bad --volume '" + volume +
-                                       "': expected max, max-ext, max-ext-btrfs or same:PATH");
+    return volumeFilterOf(spec);
 }
 
 struct TempArgs {

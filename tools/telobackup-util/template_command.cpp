@@ -47,7 +47,8 @@ void run(const TemplateArgs &args) {
         throw CommandError(kExitUsage, varsSource + ": variables must be one JSON object");
     }
     std::string templ = readAll(args.templ, "template");
-    std::cout << TELO::Backup::replaceMustache(templ, vars, args.jsonStrings);
+    std::string filled = TELO::Backup::replaceMustache(templ, vars, args.jsonStrings);
+    writeOut(filled.data(), filled.size());
 }
 
 }  // namespace

@@ -141,8 +141,9 @@ class TELO_EXPORT SubProcess {
     // ignored in the caller from then on. errno never reads ESPIPE after a success.
     int callPipeOpen(PipeFile **out);
     // Closes the stream (the child sees end of file), frees the handle and collects child
-    // `pid`: polls every 5 ms for up to 0.5 s, then sends SIGTERM and checks once more without
-    // waiting. Returns the raw wait status; -1 for pid -1, when waiting fails or when the child
+    // `pid` the moment it ends, waiting up to 0.5 s (on a pidfd of the child, which is closed
+    // again; where the kernel has none, by checking every 5 ms), then sends SIGTERM and checks
+    // once more without waiting. Returns the raw wait status; -1 for pid -1, when waiting fails or when the child
     // is still there after SIGTERM (logged as "waitpid [pid] return [result]"; the child is then
     // left for the caller to reap). A null `pipe` is allowed.
     static int callPipeClose(PipeFile *pipe, int pid);

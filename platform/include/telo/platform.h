@@ -40,7 +40,9 @@ extern "C" {
  *   0x0004 TELO_ERR_SYSTEM         a system call failed; errno holds its error
  *   0x0005 TELO_ERR_BUFFER_SMALL   the caller's buffer cannot hold the result
  *   0x0006 TELO_ERR_NO_MEMORY      an allocation failed
- *   0x0007 TELO_ERR_BAD_CONFIG     a configuration or table file is malformed
+ *   0x0007 TELO_ERR_BAD_CONFIG     a configuration or table file is malformed, refused (as Samba
+ *                                  would refuse it), not a regular file (errno EINVAL or EISDIR)
+ *                                  or too large (errno EFBIG)
  *   0x0008 TELO_ERR_CRYPTO         a ciphertext is malformed or failed authentication
  *   0x0009 TELO_ERR_KEY            the secret key cannot be made or read, or is of the wrong size
  *   0x000A TELO_ERR_LOOKUP         a host name could not be resolved
@@ -76,6 +78,12 @@ TELO_PLATFORM_API const char *TLIBCErrorGetFile(void);
 /* Source line that recorded the last error; 0 when none. */
 TELO_PLATFORM_API int TLIBCErrorGetLine(void);
 
+/* What the last error is about, in words an administrator can act on, when the failing call
+ * knows more than its code: the file and the reason ("Samba configuration /etc/samba/smb.conf:12:
+ * include /dev/zero: not a regular file"); "" otherwise. An addition of the generic layer (the
+ * vendor libraries lack it). The text belongs to the thread and lasts until its next failure. */
+TELO_PLATFORM_API const char *TLIBCErrorGetDetail(void);
+
 /* ---- ACLs and file systems ---------------------------------------------------------------- */
 
 /* File-system type codes of TELOGetFSType. */
@@ -90,12 +98,13 @@ enum {
     TELO_FS_OTHER = 7    /* anything else: tmpfs, overlay, zfs, ... */
 };
 
-/* Type code of the file system holding `path`: the mount-table entry whose mount point is the
- * longest component-wise prefix of the path's real path (the last such entry when mounts are
- * stacked). `flags` is reserved and must be 0.
+/* Type code of the file system holding `path`: the visible mount-table entry (one no later mount
+ * hides) whose mount point is the longest component-wise prefix of the path's real path.
+ * `flags` is reserved and must be 0.
  * Failure: -1 with TELO_ERR_INVALID_PARAM (null or empty path), TELO_ERR_NOT_FOUND (the path
  * cannot be resolved; errno from realpath), TELO_ERR_SYSTEM (mount table unreadable; errno set)
- * or TELO_ERR_BAD_CONFIG (no entry covers the path). */
+ * or TELO_ERR_BAD_CONFIG (the table is not a regular file or too large, or no entry covers the
+ * path; errno EINVAL, EFBIG or ENOENT). */
 TELO_PLATFORM_API int TELOGetFSType(const char *path, int flags);
 
 /* Non-zero when the file system at `path` (or the open descriptor `fd` when path is null)
@@ -116,14 +125,33 @@ TELO_PLATFORM_API int TELOACLResetInherit(const char *path);
 
 /* ---- Shares ------------------------------------------------------------------------------- */
 
-/* Finds the share holding `path`: the configured share whose path is the longest component-wise
- * prefix of `path` (taken as given, not resolved). Shares come from TELO_SHARES_CONF (section
- * config format: "[name]" then "path=\"/srv/name\"") or, when that file does not exist, from the
- * share sections of TELO_SMB_CONF (every section but global, homes, printers and print$ that has
- * a "path" line; "include" lines are followed; ";" and "#" start comments).
- * Writes the share's name into `name` and its path into `sharePath` (each NUL-terminated) and
- * returns 0. Failure: -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_NOT_FOUND (no share holds the
- * path, or neither file exists), TELO_ERR_BUFFER_SMALL or TELO_ERR_SYSTEM. */
+/* Finds the share holding `path`. The path is made absolute (from the working directory) and
+ * resolved: the longest existing leading part through realpath, the rest with "." and ".."
+ * applied as text, so "/srv/photos/../docs/x" is never in a share at /srv/photos and a symbolic
+ * link into a share is in it. Share paths are resolved the same way. The share is the one whose
+ * resolved path is the longest component-wise prefix (the first so configured among equals).
+ *
+ * Shares come from TELO_SHARES_CONF, the administrator's file (the section config format:
+ * "[name]" then path="/srv/name" as a JSON string, or plainly path = /srv/name; "#" comments),
+ * and when that file does not exist or defines no section, from TELO_SMB_CONF read as Samba's
+ * testparm reads it: every section but [global], [homes] and [printers] that is available, not
+ * printable (printable, print ok) and has a path (path, directory), the [global] values in force
+ * when the section starts filling what it leaves out, "copy" and "include" followed, lines
+ * continued by a backslash, runs of blanks in a line read as one. Samba's %-macros depend on the
+ * connecting client: a share path holding "%" is left out of the matching, and an include whose
+ * name holds one is not read. A configuration Samba would refuse is refused (a section header
+ * without "]", a parameter without a name, a bad boolean for available or printable, a copy of
+ * a missing section or of itself, includes nested deeper than 100: the mark of an include loop).
+ * Every file is read only when it is a regular file of at most 4 MiB, and at most 16 MiB in 1000
+ * files for one lookup.
+ *
+ * Writes the share's name and its resolved path into `name` and `sharePath` (each
+ * NUL-terminated) and returns 0. Failure: -1 with TELO_ERR_INVALID_PARAM (errno EINVAL, or
+ * ENAMETOOLONG for a path of PATH_MAX bytes or more), TELO_ERR_NOT_FOUND (no share holds the
+ * path; errno ENOENT), TELO_ERR_BUFFER_SMALL (errno ERANGE), TELO_ERR_SYSTEM (a file cannot be
+ * read, or neither configuration exists: errno ENOENT) or TELO_ERR_BAD_CONFIG (a file is not a
+ * regular file or too large, or the configuration is refused: errno EINVAL, EISDIR, EFBIG or
+ * ELOOP); TLIBCErrorGetDetail then names the file and the reason. */
 TELO_PLATFORM_API int TELOShareNamePathGet(const char *path, char *name, int nameSize,
                                            char *sharePath, int sharePathSize);
 
@@ -139,11 +167,16 @@ TELO_PLATFORM_API int TELOShareTmpPathGet(const char *volPath, char *buf, int si
 /* ---- Volumes ------------------------------------------------------------------------------ */
 
 /* One mounted volume. Records of an enumeration are chained through `next`.
- * A volume of the generic server is a disk file system of the mount table (TELO_MOUNTINFO):
- * a known disk type (TELOGetFSType codes 0 to 5, zfs) or a block-device source, mounted on a
- * directory. Pseudo and network file systems, read-only images (squashfs, iso9660, ...) and bind
- * mounts of single files are not volumes. Of mounts stacked on one mount point only the visible
- * (last) one counts. */
+ * A volume of the generic server is a mounted disk file system, from the mount table
+ * (TELO_MOUNTINFO: a regular file or a /proc file of at most 16 MiB, in the mountinfo form or
+ * that of /proc/mounts, read through libmount):
+ *   - a known disk type (TELOGetFSType codes 0 to 5), zfs, or a block-device source; not a
+ *     pseudo or network file system, a read-only image (squashfs, iso9660, ...), a loop-backed
+ *     image of any type, or an EFI system partition (FAT mounted at /boot/efi or /efi);
+ *   - visible: not hidden by a later mount on the same point or on a parent of it;
+ *   - mounted on a directory (bind mounts of single files are not volumes);
+ *   - one per file system: of bind mounts and btrfs subvolumes of one device, the mount of the
+ *     file system's root, else the shortest mount point, else the first in the table. */
 typedef struct TELOVOLInfo {
     char volPath[4096];           /* mount point of the volume, "" when unknown */
     int fsType;                   /* TELOGetFSType code */
@@ -158,20 +191,22 @@ typedef struct TELOVOLInfo {
 
 /* Location code of the volumes that can hold application data: TELO_VOL_LOCATION_DISK when the
  * mount table lists at least one volume; 0 when it lists none or cannot be read (then with
- * TELO_ERR_SYSTEM recorded). */
+ * TELO_ERR_SYSTEM or TELO_ERR_BAD_CONFIG recorded). */
 TELO_PLATFORM_API int TELOVolumeSupportLocGet(void);
 
-/* Every volume of `location` as a list of records in mount order (free it with
+/* Every volume of `location` as a list of records in the order of the mount table (free it with
  * TELOMountVolInfoFree); `flags` is reserved (0) and `mode` is accepted for compatibility (free
  * space is always filled in). Failure or no volume: NULL with TELO_ERR_NOT_FOUND (a location
- * other than TELO_VOL_LOCATION_DISK, or no volume), TELO_ERR_SYSTEM (mount table unreadable) or
- * TELO_ERR_NO_MEMORY. */
+ * other than TELO_VOL_LOCATION_DISK, or no volume), TELO_ERR_SYSTEM or TELO_ERR_BAD_CONFIG (the
+ * mount table cannot be read, as for TELOGetFSType) or TELO_ERR_NO_MEMORY. */
 TELO_PLATFORM_API TELOVOLInfo *TELOMountVolAllEnum(int flags, int location, int mode);
 
-/* Fills `info` with the volume holding `path`: the mount whose mount point is the longest
- * component-wise prefix of the path's real path, when that mount is a volume; info->next is set
- * to NULL. 0 on success; -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_NOT_FOUND (the path does not
- * resolve, or lies on a mount that is not a volume, such as a tmpfs) or TELO_ERR_SYSTEM. */
+/* Fills `info` with the volume of the file system holding `path` (the visible mount whose
+ * mount point is the longest component-wise prefix of the path's real path, or the volume chosen
+ * for its file system when that mount is a bind mount or a subvolume); info->next is set to NULL.
+ * 0 on success; -1 with TELO_ERR_INVALID_PARAM, TELO_ERR_NOT_FOUND (the path does not resolve, or
+ * lies on a file system that is not a volume, such as a tmpfs), TELO_ERR_SYSTEM or
+ * TELO_ERR_BAD_CONFIG (the mount table cannot be read, as for TELOGetFSType). */
 TELO_PLATFORM_API int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info);
 
 /* Frees a list returned by TELOMountVolAllEnum; NULL is ignored. */
