@@ -1,5 +1,6 @@
 #include "telobackup/option_map.h"
 
+#include <fcntl.h>
 #include <stdio_ext.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 
 #include "internal/eintr.h"
+#include "internal/safe_open.h"
 #include "internal/syslog.h"
 #include "telo/platform.h"
 #include "telobackup/json_text.h"
@@ -89,11 +91,17 @@ bool appendHeader(const std::string &file, const std::string &name) {
         TELO_LOG_ERR("invalid section name [%s]", name.c_str());
         return false;
     }
-    FILE *stream = fopen64(file.c_str(), "a+e");
+    // No link another user planted is followed, nor one to a file that does not exist yet.
+    internal::ConfigFile opened;
+    FILE *stream = nullptr;
+    if (internal::openConfigFile(file, O_RDWR | O_CREAT | O_APPEND, 0666, opened)) {
+        stream = fdopen(opened.fd.get(), "a+");
+    }
     if (stream == nullptr) {
         TELO_LOG_ERR("fopen: %m");
         return false;
     }
+    opened.fd.release();
     __fsetlocking(stream, FSETLOCKING_BYCALLER);
     // A last line without its "\n" would swallow the header (and the value it ends).
     bool unterminated = fseeko64(stream, -1, SEEK_END) == 0 && fgetc(stream) != '\n';

@@ -15,7 +15,10 @@
 #include <vector>
 
 #include "internal/eintr.h"
+#include "internal/held_rename.h"
+#include "internal/safe_open.h"
 #include "internal/syslog.h"
+#include "internal/test_hook.h"
 #include "internal/unique_fd.h"
 #include "telobackup/json_text.h"
 #include "telobackup/path/path_util.h"
@@ -24,6 +27,7 @@
 namespace TELO {
 namespace Backup {
 
+using internal::ConfigFile;
 using internal::retryOnEintr;
 using internal::UniqueFd;
 
@@ -47,10 +51,15 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-// Our own streams are never shared with another thread, so stdio need not lock them.
-FILE *openPrivate(const std::string &path, const char *mode) {
-    FILE *f = fopen64(path.c_str(), mode);
-    if (f != nullptr) __fsetlocking(f, FSETLOCKING_BYCALLER);
+// Opens a configuration file as openConfigFile allows (no link another user planted is
+// followed) as a stream; our own streams are never shared with another thread, so stdio need
+// not lock them. `file` keeps the directory and name for a rewrite.
+FILE *openConfig(const std::string &path, int flags, const char *mode, ConfigFile &file) {
+    if (!internal::openConfigFile(path, flags, 0666, file)) return nullptr;
+    FILE *f = fdopen(file.fd.get(), mode);
+    if (f == nullptr) return nullptr;
+    file.fd.release();
+    __fsetlocking(f, FSETLOCKING_BYCALLER);
     return f;
 }
 
@@ -420,50 +429,84 @@ bool closeInput(FilePtr &in) {
     return true;
 }
 
-// Makes a rename in the directory of `file` durable. Logged only: the new file is in place.
-// The file a rewrite replaces: the target of a symbolic link, so that the link stays a link and
-// the target keeps its own mode and owner (a link's mode would make the file world-writable).
-std::string rewriteTarget(const std::string &file) {
-    struct stat st;
-    if (lstat(file.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return file;
-    std::unique_ptr<char, void (*)(void *)> real(realpath(file.c_str(), nullptr), free);
-    return real ? std::string(real.get()) : file;
-}
-
-void syncDirectory(const std::string &file) {
+// Makes a rename in the directory `dir` durable. Logged only: the new file is in place.
+void syncDirectory(int dir) {
     int saved = errno;
-    UniqueFd dir(open(Path::dirname(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir || retryOnEintr([&dir] { return fsync(dir.get()); }) != 0) {
+    UniqueFd readable(openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!readable || retryOnEintr([&readable] { return fsync(readable.get()); }) != 0) {
         TELO_LOG_ERR("fsync dir failed, %m");
     }
     errno = saved;
 }
 
-// The output stream of a rewrite, with a large buffer; members go in reverse order, so the
-// stream is closed before its buffer is freed.
-// The temporary beside a rewritten file and a buffered stream on it.
+// The temporary beside a rewritten file and a buffered stream on it; members go in reverse
+// order, so the stream is closed before its buffer is freed. Everything after the temporary's
+// creation happens relative to the directory the file was found in.
 struct TempOutput {
+    const ConfigFile &target;
     ScopedTempFile temp;
     std::unique_ptr<char[]> buffer;
     FilePtr stream;
 
-    explicit TempOutput(const std::string &file) : temp(file, false) {}
+    explicit TempOutput(const ConfigFile &file) : target(file), temp(announce(file.path), false) {}
 
     // Logs "create temp failed" or "<streamStep> failed" with the reason.
     bool open(const char *streamStep) {
-        if (!temp.isValid()) {
+        if (!temp.isValid() || !inTargetDirectory()) {
             TELO_LOG_ERR("create temp failed, %m");
             return false;
         }
-        stream.reset(openPrivate(temp.getPath(), "a+e"));
+        // Written through a copy of the temporary's own descriptor, never reopened by name: the
+        // descriptor stays with the temporary, which is checked through it before the rename.
+        UniqueFd copy(fcntl(temp.getFileDescripter(), F_DUPFD_CLOEXEC, 0));
+        stream.reset(copy ? fdopen(copy.get(), "a+") : nullptr);
         if (!stream) {
             TELO_LOG_ERR("%s failed, %m", streamStep);
             return false;
         }
-        temp.close();
+        copy.release();
+        __fsetlocking(stream.get(), FSETLOCKING_BYCALLER);
         buffer.reset(new char[kWriteBuffer]);
         setvbuf(stream.get(), buffer.get(), _IOFBF, kWriteBuffer);
         return true;
+    }
+
+    // Moves the finished temporary over the file, as its renameWithMode would, but within the
+    // directory that was checked.
+    bool install() {
+        internal::HeldSource source;
+        source.fd = temp.getFileDescripter();
+        source.dirFd = target.dir.get();
+        source.src = temp.getPath();
+        source.srcName = Path::basename(source.src);
+        source.dst = target.path;
+        source.dstName = target.name;
+        bool swapped = false;
+        bool moved = internal::renameHeldWithMode(source, swapped);
+        // Moved, or the name is no longer ours: either way nothing is left to remove.
+        if (moved || swapped) temp.preserve();
+        if (moved) syncDirectory(target.dir.get());
+        return moved;
+    }
+
+  private:
+    static const std::string &announce(const std::string &path) {
+        internal::runTestHook(internal::HookPoint::kBeforeTempCreate, path.c_str());
+        return path;
+    }
+
+    // The temporary was made by path: a directory swapped on the way would have put it
+    // elsewhere.
+    bool inTargetDirectory() {
+        struct stat held, named;
+        if (fstat(temp.getFileDescripter(), &held) == 0 &&
+            fstatat(target.dir.get(), Path::basename(temp.getPath()).c_str(), &named,
+                    AT_SYMLINK_NOFOLLOW) == 0 &&
+            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+            return true;
+        }
+        errno = ESTALE;
+        return false;
     }
 };
 
@@ -502,7 +545,8 @@ bool SectionConfig::loadSection(const std::string &file, const std::string &sect
     } else {
         values = Json::Value();
     }
-    FilePtr in(openPrivate(file, "rbe"));
+    ConfigFile opened;
+    FilePtr in(openConfig(file, O_RDONLY, "rb", opened));
     if (!in) return false;
     bool inSection = false, found = false;
     bool scanned = scanStream(in.get(), [&](bool &stop, const LineInfo &info) {
@@ -530,7 +574,8 @@ bool SectionConfig::loadSection(const std::string &file, const std::string &sect
 
 bool SectionConfig::listSection(const std::string &file, std::list<std::string> &sections) {
     sections.clear();
-    FilePtr in(openPrivate(file, "rbe"));
+    ConfigFile opened;
+    FilePtr in(openConfig(file, O_RDONLY, "rb", opened));
     if (!in) return false;
     return scanStream(in.get(), [&sections](bool &, const LineInfo &info) {
         if (info.type == LINE_SECTION) sections.push_back(info.sectionName);
@@ -542,12 +587,17 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
                                   const Json::Value &values, bool create) {
     std::vector<std::pair<std::string, std::string>> members;
     if (!renderMembers(section, values, members)) return false;
-    const std::string file = rewriteTarget(path);
-
-    FilePtr in(openPrivate(file, "r+be"));
+    // Opened for update so that a file that cannot be written fails here.
+    ConfigFile target;
+    FilePtr in(openConfig(path, O_RDWR, "r+b", target));
     if (!in) {
         if (errno == ENOENT) {
             if (!create) return false;
+            // No directory to make the file in.
+            if (!target.dir) {
+                TELO_LOG_ERR("create temp failed, %m");
+                return false;
+            }
         } else if (errno == EACCES) {
             return false;
         } else {
@@ -555,7 +605,7 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
             return false;
         }
     }
-    TempOutput out(file);
+    TempOutput out(target);
     if (!out.open("temp.getFile")) return false;
     FILE *output = out.stream.get();
     auto writeMembers = [&members, output] {
@@ -605,19 +655,17 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
         }
     }
     if (!finishTemp(out.stream) || !closeInput(in)) return false;
-    if (!out.temp.renameWithMode(file)) return false;
-    syncDirectory(file);
-    return true;
+    return out.install();
 }
 
 bool SectionConfig::removeSection(const std::string &path, const std::string &section) {
-    const std::string file = rewriteTarget(path);
-    FilePtr in(openPrivate(file, "r+be"));
+    ConfigFile target;
+    FilePtr in(openConfig(path, O_RDWR, "r+b", target));
     if (!in) {
         if (errno != ENOENT && errno != EACCES) TELO_LOG_ERR("open failed, %m");
         return false;
     }
-    TempOutput out(file);
+    TempOutput out(target);
     if (!out.open("temp open failed")) return false;
     FILE *output = out.stream.get();
 
@@ -639,11 +687,10 @@ bool SectionConfig::removeSection(const std::string &path, const std::string &se
         return false;
     }
     if (!finishTemp(out.stream) || !closeInput(in)) return false;
-    if (!out.temp.renameWithMode(file)) {
+    if (!out.install()) {
         TELO_LOG_ERR("rename failed, %m");
         return false;
     }
-    syncDirectory(file);
     return true;
 }
 

@@ -14,15 +14,20 @@
 #include <iostream>
 #include <random>
 
+#include "internal/test_hook.h"
+#include "support/attacker.h"
 #include "support/child.h"
 #include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telobackup/json_text.h"
+#include "telobackup/option_map.h"
 
 using TELO::Backup::jsonFromString;
 using TELO::Backup::SectionConfig;
 using namespace testsupport;
+using TELO::Backup::internal::HookPoint;
+using TELO::Backup::internal::testHook;
 
 namespace {
 
@@ -208,6 +213,144 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     EXPECT_EQ(kSample, readFile(file));
     EXPECT_EQ(kSample, readFile(readOnly));
     EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));
+}
+
+// ---- Links another user planted --------------------------------------------------------------
+
+// A user plants links in their own directory to a root-only file, to a name that does not exist
+// yet in a root-only directory, and to that directory itself. Every read and write of root
+// through them fails with EPERM before anything is opened, and the root-only directory stays as
+// it was. A link the user made to their own file is followed, and the file stays theirs.
+TEST(SectionConfigAttack, PlantedLinksAreFollowedOnlyWhenTrusted) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to be lured";
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
+        const std::string home = "/tmp/home", rootOnly = "/tmp/rootonly";
+        makeDir(home, 0755);
+        CHILD_CHECK(chown(home.c_str(), 65534, 65534) == 0);
+        makeDir(rootOnly, 0700);
+        writeFile(rootOnly + "/file", "[s]\nsecret=1\n", 0600);
+        const std::string before = describeTree(rootOnly);
+        Attacker attacker({[&] {
+            writeFile(home + "/own", "[s]\nk=1\n", 0640);
+            return symlink("/tmp/rootonly/file", (home + "/a.conf").c_str()) == 0 &&
+                   symlink("/tmp/rootonly/new", (home + "/new.conf").c_str()) == 0 &&
+                   symlink("/tmp/rootonly", (home + "/dir").c_str()) == 0 &&
+                   symlink("own", (home + "/mine.conf").c_str()) == 0;
+        }});
+        CHILD_CHECK(attacker.perform(0));
+        SyslogCapture log{"section_config"};
+        Json::Value values = json("{\"k\":2}"), loaded;
+        std::list<std::string> names;
+        for (const std::string &conf : {home + "/a.conf", home + "/new.conf", home + "/dir/file"}) {
+            errno = 0;
+            CHILD_CHECK(!SectionConfig::updateSection(conf, "s", values, true) && errno == EPERM);
+            CHILD_CHECK(!SectionConfig::removeSection(conf, "s") && errno == EPERM);
+            CHILD_CHECK(!SectionConfig::loadSection(conf, "s", loaded) && errno == EPERM);
+            CHILD_CHECK(!SectionConfig::listSection(conf, names) && errno == EPERM);
+            // Nor is a new section made there.
+            TELO::Backup::OptionMap map;
+            CHILD_CHECK(!map.optSectionCreate(conf, "n", false) && errno == EPERM);
+        }
+        CHILD_CHECK_EQ(6, log.err("open failed, Operation not permitted"));
+        CHILD_CHECK_EQ(before, describeTree(rootOnly));
+
+        CHILD_CHECK(SectionConfig::updateSection(home + "/mine.conf", "s", values, false));
+        CHILD_CHECK_EQ(std::string("[s]\nk=2\n"), readFile(home + "/own"));
+        struct stat st;
+        CHILD_CHECK(lstat((home + "/own").c_str(), &st) == 0 && st.st_uid == 65534);
+        CHILD_CHECK((st.st_mode & 07777) == 0640);
+        CHILD_CHECK(lstat((home + "/mine.conf").c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    });
+}
+
+// ---- Another user swapping the temporary --------------------------------------------------------
+
+namespace {
+
+Attacker *swapper = nullptr;
+HookPoint swapAt;
+bool swapDone = false;
+
+void swapWhenDue(HookPoint point, const char *, int) {
+    if (point == swapAt && !swapDone) swapDone = swapper->perform(0);
+}
+
+// Rewrites section "s" of `conf` while `attacker` performs its step 0 at `point`: true when the
+// step was done and the rewrite failed with ESTALE.
+bool rewriteFailsUnderAttack(Attacker &attacker, HookPoint point, const std::string &conf) {
+    swapper = &attacker;
+    swapAt = point;
+    testHook = swapWhenDue;
+    bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
+    int writeErrno = errno;
+    testHook = nullptr;
+    return swapDone && !written && writeErrno == ESTALE;
+}
+
+}  // namespace
+
+// The owner of a configuration's directory renames root's temporary away and plants a link to a
+// root-only file under its name: once before root checks the name, once between the check and
+// the rename. Root's rewrite fails and never changes the link's target; when the name was still
+// the temporary at the check, the configuration is untouched as well.
+TEST(SectionConfigAttack, SwappedTemporaryChangesNothingOutside) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to rewrite another user's file";
+    for (HookPoint point : {HookPoint::kBeforeTempCheck, HookPoint::kBeforeTempRename}) {
+        EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [point] {
+            const std::string home = "/tmp/home", conf = "/tmp/home/a.conf";
+            makeDir(home, 0755);
+            writeFile(conf, "[s]\nk=1\n", 0644);
+            CHILD_CHECK(chown(home.c_str(), 65534, 65534) == 0);
+            CHILD_CHECK(chown(conf.c_str(), 65534, 65534) == 0);
+            writeFile("/tmp/secret", "precious", 0600);
+            const std::string victim = describeTree("/tmp/secret"), config = describeTree(conf);
+            Attacker attacker({[home] {
+                for (const std::string &name : listDir(home)) {
+                    if (name.rfind("a.conf.", 0) != 0) continue;
+                    std::string temp = home + "/" + name;
+                    return rename(temp.c_str(), (home + "/stolen").c_str()) == 0 &&
+                           symlink("/tmp/secret", temp.c_str()) == 0;
+                }
+                return false;
+            }});
+            SyslogCapture log{"path/path_util"};
+            CHILD_CHECK(rewriteFailsUnderAttack(attacker, point, conf));
+            CHILD_CHECK_EQ(victim, describeTree("/tmp/secret"));
+            CHILD_CHECK(log.err("rename failed<any>Stale file handle<any>[" + conf + "]") == 1);
+            if (point == HookPoint::kBeforeTempCheck) {
+                CHILD_CHECK_EQ(config, describeTree(conf));
+                // The planted link stays: the name is no longer root's to remove.
+                CHILD_CHECK_EQ(size_t(3), listDir(home).size());
+            }
+        });
+    }
+}
+
+// The owner of the directory above a configuration's swaps that directory for a link to a
+// root-only directory holding a file of the same name, after root opened the configuration and
+// before it makes the temporary. The temporary lands in the wrong directory, is found there and
+// removed, and the rewrite fails: the root-only file is not replaced with the user's content.
+TEST(SectionConfigAttack, SwappedDirectoryDoesNotRedirectTheRewrite) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to rewrite another user's file";
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
+        const std::string home = "/tmp/home", conf = "/tmp/home/app/a.conf";
+        makeDir(home, 0755);
+        makeDir(home + "/app", 0755);
+        writeFile(conf, "[s]\nk=1\n", 0644);
+        for (const std::string &path : {home, home + "/app", conf}) {
+            CHILD_CHECK(chown(path.c_str(), 65534, 65534) == 0);
+        }
+        makeDir("/tmp/rootonly", 0700);
+        writeFile("/tmp/rootonly/a.conf", "[s]\nsecret=1\n", 0600);
+        const std::string before = describeTree("/tmp/rootonly");
+        Attacker attacker({[home] {
+            return rename((home + "/app").c_str(), (home + "/moved").c_str()) == 0 &&
+                   symlink("/tmp/rootonly", (home + "/app").c_str()) == 0;
+        }});
+        CHILD_CHECK(rewriteFailsUnderAttack(attacker, HookPoint::kBeforeTempCreate, conf));
+        CHILD_CHECK_EQ(before, describeTree("/tmp/rootonly"));
+        CHILD_CHECK_EQ(std::string("[s]\nk=1\n"), readFile(home + "/moved/a.conf"));
+    });
 }
 
 // ---- A writer killed at random moments --------------------------------------------------------

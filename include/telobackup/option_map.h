@@ -164,7 +164,8 @@ class TELO_EXPORT OptionMap {
     // -3; names equal to the prefix or not starting with it are skipped. New headers are
     // appended to the file as "[name]\n" (the file is created when missing; a last line without
     // its "\n" gets one first, so the header never joins it); a failed open
-    // logs "fopen: %m", a name holding a newline or NUL is refused with errno EINVAL.
+    // logs "fopen: %m" (EPERM for a symbolic link SectionConfig would not follow), a name
+    // holding a newline or NUL is refused with errno EINVAL.
     // The static allocators take no lock; the creating members run them under the map's lock.
 
     // Allocates one more than the largest number in use (1 when none or no file), appends its

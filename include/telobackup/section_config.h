@@ -14,13 +14,22 @@
 // belong to the header above them. A NUL byte ends the text of its line: the bytes after it are
 // ignored, and a rewrite drops them. Lines may be of any length.
 //
+// Symbolic links in a configuration path (at the file or at any directory on the way) are
+// followed only when owned by root, by the caller's effective uid, or by the owner of what they
+// point at; any other link fails every operation with errno EPERM before the file is opened
+// for reading or writing (logged where an open failure is: "open failed, %m"), and a missing
+// file is created through a link only when the link is root's or the caller's. So a user who
+// plants a link in their own directory cannot make a root caller read or write elsewhere.
+//
 // Rewrites (updateSection, removeSection) write the whole file to a temporary beside it
 // ("<file>.XXXXXX"), sync it to storage, move it over the file with Path::renameWithMode (mode,
 // owner and ACL kept) and sync the directory: a crash leaves the old file or the new one. Lines
 // are written back trimmed ("key=value", "[name]", comments and invalid lines as trimmed
-// text). A process killed during a rewrite can leave its temporary behind; such files are never
-// read, and a caller that serialises its writers may remove "<file>.??????" entries that are
-// regular files while it holds its lock.
+// text). A rewrite through a trusted link replaces the link's target; every step after the
+// open happens in the directory the file was found in, and the temporary is checked through
+// its descriptor before and after the rename. A process killed during a rewrite can leave its
+// temporary behind; such files are never read, and a caller that serialises its writers may
+// remove "<file>.??????" entries that are regular files while it holds its lock.
 #ifndef TELOBACKUP_SECTION_CONFIG_H
 #define TELOBACKUP_SECTION_CONFIG_H
 

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sodium.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -65,6 +66,11 @@ class Fd {
         }
     }
     int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
 
   private:
     int fd_;
@@ -88,10 +94,10 @@ bool writeAll(int fd, const unsigned char *data, size_t size) {
 
 // Places a new random key at `path` without ever overwriting one: it is written under a
 // temporary name and linked into place, so of two processes starting at once one key wins and
-// both read it. False with errno set.
+// both read it. The one that placed it says so in the system log. False with errno set.
 bool createKey(const std::string &path) {
     std::string dir = path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'));
-    if (!dir.empty() && mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    if (!dir.empty() && mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return false;
     std::vector<char> temp(path.begin(), path.end());
     const char suffix[] = ".XXXXXX";
     temp.insert(temp.end(), suffix, suffix + sizeof(suffix));
@@ -102,34 +108,80 @@ bool createKey(const std::string &path) {
     bool ok =
         fchmod(fd.get(), 0600) == 0 && writeAll(fd.get(), key, sizeof(key)) && fsync(fd.get()) == 0;
     sodium_memzero(key, sizeof(key));
-    if (ok && link(temp.data(), path.c_str()) != 0 && errno != EEXIST) {
+    bool placed = ok && link(temp.data(), path.c_str()) == 0;
+    if (ok && !placed && errno != EEXIST) {
         // File systems without hard links still offer an exclusive rename.
-        ok = (errno == EPERM || errno == EOPNOTSUPP) &&
-             (renameat2(AT_FDCWD, temp.data(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0 ||
-              errno == EEXIST);
+        placed = (errno == EPERM || errno == EOPNOTSUPP) &&
+                 renameat2(AT_FDCWD, temp.data(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0;
+        ok = placed || errno == EEXIST;
     }
     int saved = errno;
     unlink(temp.data());
+    if (placed) {
+        syslog(LOG_WARNING,
+               "created a new secret key %s: secrets encrypted under an earlier key cannot be "
+               "decrypted with it",
+               path.c_str());
+    }
     errno = saved;
     return ok;
 }
 
-// Reads the machine key, creating it on first use, and derives the sub-keys.
-bool loadKeys(Keys &keys) {
+// Opens the key for reading: a link at its name is not followed and a FIFO does not block.
+// Only a regular file of the caller or root that no one else may read or write is accepted;
+// otherwise -1 with the reason recorded (errno ENOENT, when there is no key, is left to the
+// caller to record).
+int openKey(const std::string &path) {
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ELOOP) {
+            TELO_PLATFORM_FAIL(TELO_ERR_KEY_NOT_FILE);
+        } else if (errno != ENOENT) {
+            TELO_PLATFORM_FAIL(TELO_ERR_KEY);
+        }
+        return -1;
+    }
+    Fd owner(fd);
+    struct stat st;
+    unsigned int refusal = TELO_ERR_NONE;
+    if (fstat(fd, &st) != 0) {
+        refusal = TELO_ERR_KEY;
+    } else if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        refusal = TELO_ERR_KEY_NOT_FILE;
+    } else if (st.st_uid != 0 && st.st_uid != geteuid()) {
+        errno = EPERM;
+        refusal = TELO_ERR_KEY_OWNER;
+    } else if ((st.st_mode & 077) != 0) {
+        errno = EPERM;
+        refusal = TELO_ERR_KEY_MODE;
+    }
+    if (refusal != TELO_ERR_NONE) {
+        TELO_PLATFORM_FAIL(refusal);
+        return -1;
+    }
+    return owner.release();
+}
+
+// Reads the machine key and derives the sub-keys. Only encryption (`mayCreate`) makes a key
+// when there is none; decryption then fails with TELO_ERR_NO_KEY.
+bool loadKeys(Keys &keys, bool mayCreate) {
     std::string path = keyFilePath();
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = openKey(path);
     if (fd < 0 && errno == ENOENT) {
+        if (!mayCreate) {
+            TELO_PLATFORM_FAIL(TELO_ERR_NO_KEY);
+            return false;
+        }
         if (!createKey(path)) {
             TELO_PLATFORM_FAIL(TELO_ERR_KEY);
             return false;
         }
-        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        fd = openKey(path);
+        if (fd < 0 && errno == ENOENT) TELO_PLATFORM_FAIL(TELO_ERR_NO_KEY);
     }
+    if (fd < 0) return false;
     Fd owner(fd);
-    if (fd < 0) {
-        TELO_PLATFORM_FAIL(TELO_ERR_KEY);
-        return false;
-    }
     unsigned char master[kKeyBytes + 1];
     size_t got = 0;
     while (got < sizeof(master)) {
@@ -212,7 +264,7 @@ extern "C" int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize)
         return 0;
     }
     Keys keys;
-    if (!ready() || !loadKeys(keys)) return 0;
+    if (!ready() || !loadKeys(keys, true)) return 0;
     Layout layout = layoutFor(length);
     std::vector<unsigned char> sealed(layout.total());
     unsigned char *tag = sealed.data();
@@ -264,7 +316,7 @@ extern "C" int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize
         return 0;
     }
     Keys keys;
-    if (!loadKeys(keys)) return 0;
+    if (!loadKeys(keys, false)) return 0;
     const unsigned char *tag = sealed.data();
     const unsigned char *salt = tag + layout.tag;
     std::vector<unsigned char> plain(layout.plain + 1, 0);

@@ -1,6 +1,7 @@
 // String encryption under a key file in a temporary directory.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "support/attacker.h"
+#include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
 
@@ -93,6 +96,72 @@ TEST_F(Crypt, KeyAndBufferFailures) {
     EXPECT_EQ("", encrypt("x"));
     EXPECT_EQ(TELO_ERR_KEY, TLIBCErrGet());
     EXPECT_EQ(ENOENT, errno);
+}
+
+// Only encryption makes a key, when there is none, and says so once in the system log; its
+// directory is private. Decryption with the key gone fails with "no key" and makes none, so
+// secrets written later are not sealed under a key that the old one would then replace.
+TEST_F(Crypt, OnlyEncryptionMakesAKeyAndSaysSo) {
+    SyslogCapture log;
+    std::string cipher = encrypt("secret"), back;
+    EXPECT_EQ(1, log.count(LOG_WARNING, "created a new secret key " + key + ": <any>"));
+    EXPECT_EQ(0700, fileMode(dir.file("keys")));
+    ASSERT_EQ(0, rename(key.c_str(), dir.file("away").c_str()));
+    EXPECT_FALSE(decrypt(cipher, back));
+    EXPECT_EQ(TELO_ERR_NO_KEY, TLIBCErrGet());
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_FALSE(exists(key));
+    ASSERT_EQ(0, rename(dir.file("away").c_str(), key.c_str()));
+    EXPECT_TRUE(decrypt(cipher, back) && back == "secret");
+    EXPECT_NE("", encrypt("again"));
+    EXPECT_EQ(1u, log.size()) << log.dump();
+}
+
+// A user who can write the key's directory plants their own key (whose bytes they know), then a
+// link to a root-only file of the right size, then a FIFO; root's own key readable by others is
+// refused as well. Each is refused with its own error before a byte is read, nothing hangs, and
+// neither the planted file nor the link's target changes.
+TEST_F(Crypt, ForeignOrExposedKeysAreRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to be offered another user's key";
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
+    makeDir(dir.file("keys"), 0755);
+    ASSERT_EQ(0, chown(dir.file("keys").c_str(), 65534, 65534));
+    makeDir(dir.file("root"), 0700);
+    writeFile(dir.file("root/other.key"), std::string(32, 'r'), 0600);
+    std::string keyPath = key;
+    Attacker attacker({
+        [keyPath] {
+            writeFile(keyPath, std::string(32, 'u'), 0600);
+            return true;
+        },
+        [keyPath, this] {
+            return unlink(keyPath.c_str()) == 0 &&
+                   symlink(dir.file("root/other.key").c_str(), keyPath.c_str()) == 0;
+        },
+        [keyPath] { return unlink(keyPath.c_str()) == 0 && mkfifo(keyPath.c_str(), 0600) == 0; },
+        [keyPath] { return unlink(keyPath.c_str()) == 0; },
+    });
+    const std::pair<unsigned int, int> refusals[] = {{TELO_ERR_KEY_OWNER, EPERM},
+                                                     {TELO_ERR_KEY_NOT_FILE, ELOOP},
+                                                     {TELO_ERR_KEY_NOT_FILE, EINVAL}};
+    std::string back;
+    for (size_t step = 0; step < 3; ++step) {
+        ASSERT_TRUE(attacker.perform(step)) << step;
+        const std::string planted = describeTree(dir.path());
+        EXPECT_EQ("", encrypt("secret"));
+        EXPECT_EQ(refusals[step].first, TLIBCErrGet()) << step;
+        EXPECT_EQ(refusals[step].second, errno) << step;
+        EXPECT_FALSE(decrypt("AAAAAAAAAAAA", back));  // well-formed: the key is read next
+        EXPECT_EQ(refusals[step].first, TLIBCErrGet()) << step;
+        EXPECT_EQ(planted, describeTree(dir.path())) << step;
+    }
+    ASSERT_TRUE(attacker.perform(3));
+    for (mode_t exposed : {0640, 0604, 0620}) {
+        writeFile(key, std::string(32, 'k'), exposed);
+        EXPECT_EQ("", encrypt("secret"));
+        EXPECT_TRUE(TLIBCErrGet() == TELO_ERR_KEY_MODE && errno == EPERM) << exposed;
+        ASSERT_EQ(0, unlink(key.c_str()));
+    }
 }
 
 // Processes that start at once and all find no key end up with one key between them.

@@ -1,10 +1,8 @@
 #include "telobackup/path/path_util.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/classification.hpp>
@@ -16,7 +14,11 @@
 #include <memory>
 #include <new>
 
+#include "internal/held_rename.h"
+#include "internal/safe_open.h"
 #include "internal/syslog.h"
+#include "internal/test_hook.h"
+#include "internal/tree_remover.h"
 #include "internal/unique_fd.h"
 #include "telo/platform.h"
 
@@ -198,18 +200,18 @@ namespace {
 
 // Opens the existing directory `name` under `parentFd` without following a link there. A
 // directory the caller may not read is opened as a path descriptor instead.
-UniqueFd openDirNoFollow(int parentFd, const char *name, bool &pathOnly) {
-    pathOnly = false;
+UniqueFd openDirNoFollow(int parentFd, const char *name) {
     UniqueFd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd && errno == EACCES) {
-        pathOnly = true;
         fd.reset(openat(parentFd, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     }
     return fd;
 }
 
-int chmodDescriptor(int fd, bool pathOnly, mode_t mode) {
-    if (!pathOnly) return fchmod(fd, mode);
+// chmod of what `fd` holds; an O_PATH descriptor is reached through /proc.
+int chmodHeld(int fd, mode_t mode) {
+    if (fchmod(fd, mode) == 0) return 0;
+    if (errno != EBADF) return -1;
     char procPath[64];
     snprintf(procPath, sizeof(procPath), "/proc/self/fd/%d", fd);
     return chmod(procPath, mode);
@@ -218,14 +220,13 @@ int chmodDescriptor(int fd, bool pathOnly, mode_t mode) {
 // Makes sure `parentFd`/`name` is a directory of the caller (or root) with exactly `mode`,
 // creating it when missing, and returns a descriptor of it. `path` names it in log lines.
 UniqueFd ensureOwnedDir(int parentFd, const char *name, const std::string &path, mode_t mode) {
-    bool pathOnly = false;
-    UniqueFd fd = openDirNoFollow(parentFd, name, pathOnly);
+    UniqueFd fd = openDirNoFollow(parentFd, name);
     if (!fd && errno == ENOENT) {
         if (mkdirat(parentFd, name, mode) != 0 && errno != EEXIST) {
             TELO_LOG_ERR("mkdir %s path failed. %m", path.c_str());
             return UniqueFd();
         }
-        fd = openDirNoFollow(parentFd, name, pathOnly);
+        fd = openDirNoFollow(parentFd, name);
     }
     struct stat st;
     if (fd && fstat(fd.get(), &st) != 0) fd.reset();
@@ -233,7 +234,7 @@ UniqueFd ensureOwnedDir(int parentFd, const char *name, const std::string &path,
         fd.reset();
         errno = EPERM;
     }
-    if (fd && (st.st_mode & 07777) != mode && chmodDescriptor(fd.get(), pathOnly, mode) != 0) {
+    if (fd && (st.st_mode & 07777) != mode && chmodHeld(fd.get(), mode) != 0) {
         fd.reset();
     }
     if (!fd) TELO_LOG_ERR("chmod %s path failed. %m", path.c_str());
@@ -266,8 +267,14 @@ int Path::createIpcLockFile(const std::string &name) {
     std::string dirPath;
     UniqueFd dir = openIpcSubdir("lock", 0770, dirPath);
     if (!dir) return -1;
-    UniqueFd fd(
-        openat(dir.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockFileMode));
+    // The name stays beneath the lock directory, and only a file this call made is given its
+    // mode: a name that led elsewhere must not get anything of ours chmodded or created.
+    bool created = true;
+    UniqueFd fd(internal::openBeneath(dir.get(), name, O_RDWR | O_CREAT | O_EXCL, kLockFileMode));
+    if (!fd && errno == EEXIST) {
+        created = false;
+        fd.reset(internal::openBeneath(dir.get(), name, O_RDWR, 0));
+    }
     if (!fd) return -1;
     struct stat st;
     if (fstat(fd.get(), &st) != 0) return -1;
@@ -276,179 +283,32 @@ int Path::createIpcLockFile(const std::string &name) {
         return -1;
     }
     // The umask must not lock other users out of a shared lock file.
-    if (st.st_uid == geteuid() && (st.st_mode & 0777) != kLockFileMode) {
-        fchmod(fd.get(), kLockFileMode);
-    }
+    if (created && (st.st_mode & 0777) != kLockFileMode) fchmod(fd.get(), kLockFileMode);
     return fd.release();
 }
 
 // ---- Recursive removal ------------------------------------------------------------------------
 
-namespace {
-
-// Directories deeper than this are listed whole and walked by path, so that the walk never
-// holds more descriptors than this.
-constexpr int kMaxOpenDirectories = 20;
-
-// Where a directory lives: its file system and, where the kernel tells, its mount. A directory
-// bound from elsewhere on the same file system has the tree's device but a mount of its own.
-struct Place {
-    dev_t device = 0;
-    uint64_t mount = 0;
-    bool knowsMount = false;
-
-    bool same(const Place &other) const {
-        return device == other.device && (!knowsMount || !other.knowsMount || mount == other.mount);
-    }
-};
-
-// The place of `name` in `dirFd` (with AT_EMPTY_PATH in `flags`, of `dirFd` itself), links not
-// followed.
-bool placeOf(int dirFd, const char *name, int flags, Place &place) {
-    struct statx stx;
-    if (statx(dirFd, name, flags | AT_SYMLINK_NOFOLLOW, STATX_MNT_ID, &stx) == 0) {
-        place.device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
-        place.mount = stx.stx_mnt_id;
-        place.knowsMount = (stx.stx_mask & STATX_MNT_ID) != 0;
-        return true;
-    }
-    struct stat64 st;
-    if (fstatat64(dirFd, name, &st, flags | AT_SYMLINK_NOFOLLOW) != 0) return false;
-    place.device = st.st_dev;
-    place.knowsMount = false;
-    return true;
-}
-
-// One removeAll call: children before their directory, symbolic links removed and never
-// followed, nothing on another mount touched. Directories are opened relative to their
-// parent without following links, so a directory swapped for a link during the walk cannot
-// lead it outside the tree (down to kMaxOpenDirectories levels).
-class TreeRemover {
-  public:
-    explicit TreeRemover(const Place &root) : root_(root) {}
-
-    // Removes the directory `name` of `parentFd` (`path` names it in messages), contents first.
-    void removeDirectory(int parentFd, const char *name, std::string &path, int depth) {
-        UniqueFd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (fd) {
-            Place place;
-            // A file system mounted here, or a directory bound here, is left alone; so is its
-            // mount point.
-            if (placeOf(fd.get(), "", AT_EMPTY_PATH, place) && !place.same(root_)) return;
-            removeContents(std::move(fd), path, depth);
-        } else if (errno == ENOTDIR || errno == ELOOP) {
-            // Replaced by something else since it was listed: remove that instead.
-            removeEntry(parentFd, name, path, false);
-            return;
-        }
-        // An unreadable directory is removed like an empty one (which fails if it is not).
-        removeEntry(parentFd, name, path, true);
-    }
-
-    // Removes a non-directory, or with `directory` an emptied directory.
-    void removeEntry(int parentFd, const char *name, const std::string &path, bool directory) {
-        if (unlinkat(parentFd, name, directory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return;
-        // A file bind-mounted here belongs to another file system: not ours to remove.
-        if (!directory && errno == EBUSY) return;
-        recordFailure(path, directory);
-    }
-
-    bool failed() const { return failed_; }
-    int reportedErrno() const { return reportedErrno_; }
-
-    void recordFailure(const std::string &path, bool directory) {
-        if (failed_) return;
-        if (directory) {
-            TELO_LOG_ERR("rmdir %s failed. %m", path.c_str());
-        } else {
-            TELO_LOG_ERR("unlink %s failed. %m", path.c_str());
-        }
-        failed_ = true;
-        // A directory left non-empty means one of its children could not be removed.
-        reportedErrno_ = errno == ENOTEMPTY ? EACCES : errno;
-    }
-
-  private:
-    struct Entry {
-        std::string name;
-        bool directory;
-    };
-
-    void removeContents(UniqueFd fd, std::string &path, int depth) {
-        int dirFd = fd.get();
-        DIR *dir = fdopendir(dirFd);
-        if (dir == nullptr) return;
-        fd.release();
-        // Deep levels are listed whole and the stream closed before descending.
-        bool listFirst = depth + 1 >= kMaxOpenDirectories;
-        std::vector<Entry> deferred;
-        size_t base = path.size();
-        while (struct dirent64 *entry = readdir64(dir)) {
-            const char *name = entry->d_name;
-            if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
-                continue;
-            bool directory = entry->d_type == DT_DIR;
-            if (entry->d_type == DT_UNKNOWN) {
-                struct stat64 st;
-                directory =
-                    fstatat64(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
-            }
-            if (listFirst) {
-                deferred.push_back({name, directory});
-                continue;
-            }
-            path.append("/").append(name);
-            if (directory) {
-                removeDirectory(dirFd, name, path, depth + 1);
-            } else {
-                removeEntry(dirFd, name, path, false);
-            }
-            path.resize(base);
-        }
-        closedir(dir);
-        for (const Entry &entry : deferred) {
-            path.append("/").append(entry.name);
-            const std::string fullPath = path;  // `path` is reused below this level
-            if (entry.directory) {
-                removeDirectory(AT_FDCWD, fullPath.c_str(), path, depth + 1);
-            } else {
-                removeEntry(AT_FDCWD, fullPath.c_str(), path, false);
-            }
-            path.resize(base);
-        }
-    }
-
-    Place root_;
-    bool failed_ = false;
-    int reportedErrno_ = 0;
-};
-
-}  // namespace
-
 bool removeAll(const std::string &path) {
-    struct stat64 st;
+    internal::TreeRemoval removal = internal::removeTree(path);
     // Nothing to examine (missing, or not reachable) counts as nothing to remove.
-    if (lstat64(path.c_str(), &st) != 0) return true;
-    Place root;
-    root.device = st.st_dev;
-    if (S_ISDIR(st.st_mode)) placeOf(AT_FDCWD, path.c_str(), 0, root);
-    TreeRemover remover(root);
-    std::string walkPath = path;
-    if (S_ISDIR(st.st_mode)) {
-        remover.removeDirectory(AT_FDCWD, path.c_str(), walkPath, 0);
+    if (!removal.failed) return true;
+    errno = removal.failedErrno;
+    if (removal.failedDirectory) {
+        TELO_LOG_ERR("rmdir %s failed. %m", removal.failedPath.c_str());
     } else {
-        remover.removeEntry(AT_FDCWD, path.c_str(), walkPath, false);
+        TELO_LOG_ERR("unlink %s failed. %m", removal.failedPath.c_str());
     }
-    if (remover.failed()) {
-        errno = remover.reportedErrno();
-        return false;
-    }
-    return true;
+    // A directory left non-empty means one of its children could not be removed.
+    errno = removal.failedErrno == ENOTEMPTY ? EACCES : removal.failedErrno;
+    return false;
 }
 
 // ---- Replacing files --------------------------------------------------------------------------
 
 namespace {
+
+using internal::HeldSource;
 
 mode_t currentUmask() {
     mode_t mask = umask(0);
@@ -456,84 +316,134 @@ mode_t currentUmask() {
     return mask;
 }
 
-// Gives `src` the owner and permission bits of the file it is about to replace, so that the
-// replacement is never visible with the writer's attributes. Logs like the post-rename steps.
-// A source that is missing or of another kind is left to the rename, which reports it.
-bool takeOverAttributes(const std::string &src, const std::string &dst, const struct stat64 &old) {
+int chownHeld(int fd, uid_t uid, gid_t gid) {
+    return fchownat(fd, "", uid, gid, AT_EMPTY_PATH);
+}
+
+bool sameInode(const struct stat64 &a, const struct stat64 &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// True when `name` in the source's directory is the held file.
+bool nameHoldsSource(const HeldSource &source, const std::string &name) {
+    struct stat64 held, named;
+    return fstat64(source.fd, &held) == 0 &&
+           fstatat64(source.dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           sameInode(held, named);
+}
+
+// The rename itself, between the two checks of the held source: false with errno set (ESTALE
+// and `swapped` when the source's name, or afterwards the destination, is another file).
+bool checkedRename(const HeldSource &source, bool &swapped) {
+    swapped = false;
+    if (source.fd < 0) {
+        errno = source.openErrno;
+        return false;
+    }
+    internal::runTestHook(internal::HookPoint::kBeforeTempCheck, source.dst.c_str());
+    struct stat64 named;
+    if (fstatat64(source.dirFd, source.srcName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    if (!nameHoldsSource(source, source.srcName)) {
+        swapped = true;
+        errno = ESTALE;
+        return false;
+    }
+    internal::runTestHook(internal::HookPoint::kBeforeTempRename, source.dst.c_str());
+    if (renameat(source.dirFd, source.srcName.c_str(), source.dirFd, source.dstName.c_str()) != 0) {
+        return false;
+    }
+    // Swapped between the check and the rename: something else was moved into place.
+    if (!nameHoldsSource(source, source.dstName)) {
+        swapped = true;
+        errno = ESTALE;
+        return false;
+    }
+    return true;
+}
+
+// Gives the source the owner and permission bits of the file it is about to replace, through
+// its descriptor, so that the replacement is never visible with the writer's attributes. Logs
+// like the post-rename steps. A source of another kind is left to the rename, which reports it.
+bool takeOverAttributes(const HeldSource &source, const struct stat64 &old) {
     struct stat64 current;
-    if (lstat64(src.c_str(), &current) != 0 ||
+    if (source.fd < 0 || fstat64(source.fd, &current) != 0 ||
         (current.st_mode & S_IFMT) != (old.st_mode & S_IFMT)) {
         return true;
     }
     if ((current.st_uid != old.st_uid || current.st_gid != old.st_gid) &&
-        lchown(src.c_str(), old.st_uid, old.st_gid) != 0) {
-        TELO_LOG_ERR("chown failed %m, [%s]", dst.c_str());
+        chownHeld(source.fd, old.st_uid, old.st_gid) != 0) {
+        TELO_LOG_ERR("chown failed %m, [%s]", source.dst.c_str());
         return false;
     }
-    if (!S_ISLNK(current.st_mode) && chmod(src.c_str(), old.st_mode & 0777) != 0) {
-        TELO_LOG_ERR("chmod failed %m, [%s]", dst.c_str());
+    if (chmodHeld(source.fd, old.st_mode & 0777) != 0) {
+        TELO_LOG_ERR("chmod failed %m, [%s]", source.dst.c_str());
         return false;
     }
     return true;
 }
 
-bool replaceExisting(const std::string &src, const std::string &dst, const struct stat64 &old) {
-    if (TELOACLIsSupport(dst.c_str(), -1, 2)) {
-        if (TELOACLCopy(dst.c_str(), src.c_str()) < 0 ||
-            TELOACLArchiveCopy(dst.c_str(), src.c_str()) < 0) {
-            TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", dst.c_str(), src.c_str());
+bool replaceExisting(const HeldSource &source, const struct stat64 &old, bool &swapped) {
+    const char *dst = source.dst.c_str();
+    if (TELOACLIsSupport(dst, -1, 2)) {
+        if (TELOACLCopy(dst, source.src.c_str()) < 0 ||
+            TELOACLArchiveCopy(dst, source.src.c_str()) < 0) {
+            TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", dst, source.src.c_str());
             return false;
         }
-        if (rename(src.c_str(), dst.c_str()) != 0) {
-            TELO_LOG_ERR("rename failed, %m [%s]", dst.c_str());
+        if (!checkedRename(source, swapped)) {
+            TELO_LOG_ERR("rename failed, %m [%s]", dst);
             return false;
         }
         return true;
     }
-    if (!takeOverAttributes(src, dst, old)) return false;
-    if (rename(src.c_str(), dst.c_str()) != 0) {
-        TELO_LOG_ERR("rename failed, %m [%s]", dst.c_str());
+    if (!takeOverAttributes(source, old)) return false;
+    if (!checkedRename(source, swapped)) {
+        TELO_LOG_ERR("rename failed, %m [%s]", dst);
         return false;
     }
+    // Only the file that was renamed is touched from here on, through its descriptor.
     struct stat64 now;
-    if (lstat64(dst.c_str(), &now) != 0) {
-        TELO_LOG_ERR("lstat failed, %m [%s]", dst.c_str());
+    if (fstat64(source.fd, &now) != 0) {
+        TELO_LOG_ERR("lstat failed, %m [%s]", dst);
         return false;
     }
-    if (now.st_mode != old.st_mode && chmod(dst.c_str(), old.st_mode & 0777) != 0) {
-        TELO_LOG_ERR("chmod failed %m, [%s]", dst.c_str());
+    if (now.st_mode != old.st_mode && chmodHeld(source.fd, old.st_mode & 0777) != 0) {
+        TELO_LOG_ERR("chmod failed %m, [%s]", dst);
         return false;
     }
     if (now.st_uid == old.st_uid && now.st_gid == old.st_gid) return true;
-    if (chown(dst.c_str(), old.st_uid, old.st_gid) != 0) {
-        TELO_LOG_ERR("chown failed %m, [%s]", dst.c_str());
+    if (chownHeld(source.fd, old.st_uid, old.st_gid) != 0) {
+        TELO_LOG_ERR("chown failed %m, [%s]", dst);
         return false;
     }
     return true;
 }
 
-bool placeNew(const std::string &src, const std::string &dst) {
-    std::string parent = Path::dirname(dst);
+bool placeNew(const HeldSource &source, bool &swapped) {
+    const char *dst = source.dst.c_str();
+    std::string parent = Path::dirname(source.dst);
     if (parent.empty()) {
         TELO_LOG_ERR("invalid dirname, %m");
         return false;
     }
     if (TELOACLIsSupport(parent.c_str(), -1, 2)) {
-        if (rename(src.c_str(), dst.c_str()) != 0) {
-            TELO_LOG_ERR("rename failed %m [%s]", dst.c_str());
+        if (!checkedRename(source, swapped)) {
+            TELO_LOG_ERR("rename failed %m [%s]", dst);
             return false;
         }
-        if (TELOACLResetInherit(dst.c_str()) == 0) return true;
+        if (TELOACLResetInherit(dst) == 0) return true;
         TELO_LOG_ERR("reset acl inherit failed");
         return false;
     }
-    if (rename(src.c_str(), dst.c_str()) != 0) {
-        TELO_LOG_ERR("rename failed %m, [%s]", dst.c_str());
+    if (!checkedRename(source, swapped)) {
+        TELO_LOG_ERR("rename failed %m, [%s]", dst);
         return false;
     }
     struct stat64 st;
-    if (lstat64(dst.c_str(), &st) != 0) {
-        TELO_LOG_ERR("lstat failed %m, [%s]", dst.c_str());
+    if (fstat64(source.fd, &st) != 0) {
+        TELO_LOG_ERR("lstat failed %m, [%s]", dst);
         return false;
     }
     mode_t mask = currentUmask();
@@ -548,31 +458,54 @@ bool placeNew(const std::string &src, const std::string &dst) {
         // chmod below.
         if (st.st_mode == wanted) return true;
     }
-    if (chmod(dst.c_str(), wanted) == 0) return true;
+    if (chmodHeld(source.fd, wanted) == 0) return true;
     int chmodErrno = errno;
     if (chmodErrno == EPERM) {
-        int fsType = TELOGetFSType(dst.c_str(), 0);
+        int fsType = TELOGetFSType(dst, 0);
         if (fsType == TELO_FS_FAT || fsType == TELO_FS_FOREIGN) return true;
     }
     errno = chmodErrno;
-    TELO_LOG_ERR("chmod failed %m, [%s]", dst.c_str());
+    TELO_LOG_ERR("chmod failed %m, [%s]", dst);
     return false;
 }
 
 }  // namespace
 
-bool Path::renameWithMode(const std::string &src, const std::string &dst) {
+namespace internal {
+
+bool renameHeldWithMode(const HeldSource &source, bool &swapped) {
+    swapped = false;
     int entryErrno = errno;
     struct stat64 old;
-    if (lstat64(dst.c_str(), &old) == 0) {
+    if (fstatat64(source.dirFd, source.dstName.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0) {
         // A symbolic link's own attributes mean nothing for what replaces it (its mode would
         // make the new file world-writable): it is replaced like a new name.
-        if (!S_ISLNK(old.st_mode)) return replaceExisting(src, dst, old);
+        if (!S_ISLNK(old.st_mode)) return replaceExisting(source, old, swapped);
     } else if (errno != ENOENT) {
         return false;
     }
     errno = entryErrno;
-    return placeNew(src, dst);
+    return placeNew(source, swapped);
+}
+
+bool renameHeld(const HeldSource &source, bool &swapped) {
+    return checkedRename(source, swapped);
+}
+
+}  // namespace internal
+
+bool Path::renameWithMode(const std::string &src, const std::string &dst) {
+    // The source is held from here on: nothing after this open acts on its name but the rename.
+    HeldSource source;
+    int entryErrno = errno;
+    UniqueFd fd(open(src.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    source.fd = fd.get();
+    source.openErrno = errno;
+    errno = entryErrno;
+    source.srcName = source.src = src;
+    source.dstName = source.dst = dst;
+    bool swapped;
+    return internal::renameHeldWithMode(source, swapped);
 }
 
 // ---- Share-rooted paths -----------------------------------------------------------------------

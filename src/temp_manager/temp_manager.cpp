@@ -1,7 +1,6 @@
 #include "telobackup/temp_manager/temp_manager.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +10,10 @@
 #include <cstring>
 #include <vector>
 
+#include "internal/held_rename.h"
 #include "internal/syslog.h"
+#include "internal/tree_remover.h"
+#include "internal/unique_fd.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
 
@@ -29,7 +31,6 @@ constexpr size_t kSuffixLength = sizeof(kSuffix) - 1;
 constexpr size_t kMaxStemLength = 4088;
 constexpr size_t kNameLimit = 255;
 constexpr size_t kShortNameLimit = 143;
-constexpr int kMaxWalkDescriptors = 20;
 
 uint32_t checkHash(const std::string &path) {
     uint32_t hash = 5381;
@@ -97,15 +98,6 @@ int createTruncated(const std::string &name, size_t limit, std::string &tried) {
 int lastComponentLength(const std::string &path) {
     size_t slash = path.rfind('/');
     return static_cast<int>(slash == std::string::npos ? path.size() : path.size() - slash - 1);
-}
-
-int removeTreeEntry(const char *path, const struct stat *, int type, struct FTW *) {
-    if (type == FTW_DP || type == FTW_DNR) {
-        rmdir(path);
-    } else {
-        ::unlink(path);
-    }
-    return 0;  // single failures never stop the walk
 }
 
 }  // namespace
@@ -211,13 +203,36 @@ bool ScopedTempFile::moveTo(const std::string &newPath, bool withMode) {
         TELO_LOG_ERR("rename temp file to the same path[%s]", target.c_str());
         return false;
     }
-    bool moved = withMode ? Path::renameWithMode(path_, target)
-                          : ::rename(path_.c_str(), target.c_str()) == 0;
-    if (!moved) return false;
-    path_.clear();
-    hash_ = 0;
-    close();
-    return true;
+    // The file is checked through its descriptor; once that is closed, a file that is still
+    // only ours (regular, the caller's, one link) is taken at the name.
+    internal::HeldSource source;
+    internal::UniqueFd opened;
+    bool foreign = false;
+    source.fd = fd_;
+    if (fd_ < 0) {
+        opened.reset(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat64 st;
+        if (opened && (fstat64(opened.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+                       st.st_uid != geteuid() || st.st_nlink != 1)) {
+            opened.reset();
+            foreign = true;
+            errno = ESTALE;
+        }
+        source.fd = opened.get();
+        source.openErrno = errno;
+    }
+    source.srcName = source.src = path_;
+    source.dstName = source.dst = target;
+    bool swapped = false;
+    bool moved = withMode ? internal::renameHeldWithMode(source, swapped)
+                          : internal::renameHeld(source, swapped);
+    // A name that no longer holds our file is not ours to remove either.
+    if (moved || swapped || foreign) {
+        path_.clear();
+        hash_ = 0;
+    }
+    if (moved) close();
+    return moved;
 }
 
 bool ScopedTempFile::rename(const std::string &newPath) {
@@ -288,11 +303,13 @@ std::string ScopedTempFolder::getPath() const {
 
 int ScopedTempFolder::unlink() {
     if (!isValid()) return 0;
-    int result =
-        nftw(path_.c_str(), removeTreeEntry, kMaxWalkDescriptors, FTW_PHYS | FTW_MOUNT | FTW_DEPTH);
+    internal::TreeRemoval removal = internal::removeTree(path_);
     path_.clear();
     hash_ = 0;
-    return result;
+    // Single failures are ignored; only a top that cannot be examined fails the walk.
+    if (removal.examined) return 0;
+    errno = removal.topErrno;
+    return -1;
 }
 
 bool ScopedTempFolder::rename(const std::string &newPath) {

@@ -10,6 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "internal/safe_open.h"
+#include "internal/test_hook.h"
+#include "support/attacker.h"
 #include "support/child.h"
 #include "support/fake_platform.h"
 #include "support/process.h"
@@ -19,6 +22,9 @@
 using TELO::Backup::ConfigPath;
 using TELO::Backup::Path;
 using TELO::Backup::removeAll;
+using TELO::Backup::internal::HookPoint;
+using TELO::Backup::internal::openBeneathByWalk;
+using TELO::Backup::internal::testHook;
 using namespace testsupport;
 using Parts = std::vector<std::string>;
 
@@ -257,6 +263,55 @@ TEST(IpcTree, PlantedLinksAreNeverFollowed) {
     });
 }
 
+// A member of the lock directory's group plants a link to a root-only directory there, and a
+// lock name given to root climbs out of the tree: root's lock files never land outside, nothing
+// outside is created or chmodded. Names with "/" that stay inside work. The walk used where
+// openat2 is missing confines the same names the same way.
+TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
+    if (!canChangeOwner()) GTEST_SKIP() << "needs root to share the lock directory with a group";
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        makeDir("/tmp/victims", 0700);
+        writeFile("/tmp/victims/file", "precious", 0600);
+        writeFile("/tmp/victim", "precious", 0600);
+        const std::string before = describeTree("/tmp/victims") + describeTree("/tmp/victim");
+        const std::string lockDir = Path::createIpcTempPath("lock", 0770);
+        CHILD_CHECK(chown(lockDir.c_str(), 0, 65534) == 0);
+        Attacker attacker(
+            {[] { return symlink("/tmp/victims", "/tmp/telobackup/lock/app") == 0; }});
+        CHILD_CHECK(attacker.perform(0));
+        makeDir(lockDir + "/sub", 0755);
+        int dirFd = open(lockDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        const std::pair<const char *, int> escapes[] = {
+            {"app/file", ELOOP},
+            {"app/new", ELOOP},
+            {"../../victim", EXDEV},
+            {"/tmp/victim", EXDEV},
+            {"sub/../../../victim", EXDEV},
+            {"../../created", EXDEV},
+        };
+        for (auto [name, expected] : escapes) {
+            errno = 0;
+            CHILD_CHECK_EQ(-1, Path::createIpcLockFile(name));
+            CHILD_CHECK_EQ(expected, errno);
+            errno = 0;
+            CHILD_CHECK_EQ(-1, openBeneathByWalk(dirFd, name, O_RDWR | O_CREAT, 0666));
+            CHILD_CHECK_EQ(expected, errno);
+        }
+        CHILD_CHECK_EQ(before, describeTree("/tmp/victims") + describeTree("/tmp/victim"));
+        CHILD_CHECK(!exists("/tmp/created"));
+        for (const char *name : {"sub/t", "sub/../t2"}) {
+            int fd = Path::createIpcLockFile(name);
+            CHILD_CHECK(fd >= 0);
+            close(fd);
+            fd = openBeneathByWalk(dirFd, name, O_RDWR, 0);
+            CHILD_CHECK(fd >= 0);
+            close(fd);
+        }
+        CHILD_CHECK(fileMode(lockDir + "/sub/t") == 0666 && fileMode(lockDir + "/t2") == 0666);
+        close(dirFd);
+    });
+}
+
 TEST(IpcTree, EntriesOfOtherUsersOrKindsAreRefused) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to plant another user's directory";
     EXPECT_CHILD_OK(kPrivateTmp, [] {
@@ -328,7 +383,7 @@ void makeChain(const std::string &root, int depth, const std::string &linkTarget
 
 }  // namespace
 
-// Deeper than the walk's descriptor budget, so the lowest levels are walked by path.
+// Deeper than the walk's descriptor budget, so levels are given up and reached again.
 TEST_F(PathFiles, RemoveAllRemovesEveryLevelButNoLinkTarget) {
     std::string outside = dir.file("outside");
     makeDir(outside);
@@ -404,6 +459,83 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
         CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + "/sub failed. Directory not empty"));
         CHILD_CHECK_EQ(size_t(1), childLog.size());
     });
+}
+
+// Every level is reached through its parent's descriptor, so depth costs no descriptors and
+// no path length: 10,000 levels go with the descriptor limit only just above what is open.
+// On a memory-backed /tmp where the machine allows one: deep trees are slow to make on disk.
+TEST(RemoveAllDepth, TenThousandLevelsWithFewDescriptors) {
+    TempDir dir;
+    auto removeDeepTree = [](const std::string &root) {
+        makeDir(root);
+        makeDeepTree(root, 10000);
+        SyslogCapture log{kSource};
+        const std::set<int> fds = openFds();
+        CHILD_CHECK(limitNewDescriptors(24));
+        CHILD_CHECK(removeAll(root));
+        CHILD_CHECK(!exists(root));
+        CHILD_CHECK(fds == openFds());
+        CHILD_CHECK_EQ(size_t(0), log.size());
+    };
+    ChildResult result = runInChild(kPrivateTmp, [&] { removeDeepTree("/tmp/deep"); });
+    if (result.skipped) result = runInChild([&] { removeDeepTree(dir.file("deep")); });
+    EXPECT_TRUE(result.ok()) << result.message;
+}
+
+namespace {
+
+Attacker *activeAttacker = nullptr;
+int attackDepth = 0;
+bool attackDone = false;
+
+// At the moment the remover opens level `attackDepth`, the attacker performs its step 1.
+void attackWhenDeep(HookPoint point, const char *, int depth) {
+    if (point == HookPoint::kDirectoryOpened && depth == attackDepth && !attackDone) {
+        attackDone = activeAttacker->perform(1);
+    }
+}
+
+}  // namespace
+
+// The owner of a tree that root removes swaps one of its directories for a link to a root-only
+// directory of the same shape, while root is 29 levels down: once at a level the walk still
+// holds open, once at one it gave up and must climb back to. Root removes the whole tree and
+// nothing of the link's target.
+TEST(RemoveAllAttack, SwappedDirectoryLeadsNowhere) {
+    if (!canChangeOwner()) GTEST_SKIP() << "needs root to remove another user's tree";
+    for (int swapDepth : {22, 5}) {
+        SCOPED_TRACE(swapDepth);
+        EXPECT_CHILD_OK(kPrivateTmp, [swapDepth] {
+            const std::string tree = "/tmp/restore", victim = "/tmp/victim", own = "/tmp/own";
+            for (const std::string &d : {tree, own}) {
+                makeDir(d, 0755);
+                CHILD_CHECK(chown(d.c_str(), 65534, 65534) == 0);
+            }
+            makeDir(victim, 0700);
+            makeDeepTree(victim, 30 - swapDepth);
+            const std::string before = describeTree(victim);
+            const std::string swapped = below(tree, swapDepth);
+            Attacker attacker({
+                [tree] {
+                    makeDeepTree(tree, 30);
+                    return true;
+                },
+                [swapped, own] {
+                    return rename(swapped.c_str(), (own + "/moved").c_str()) == 0 &&
+                           symlink("/tmp/victim", swapped.c_str()) == 0;
+                },
+            });
+            CHILD_CHECK(attacker.perform(0) && exists(below(tree, 30) + "/f"));
+            activeAttacker = &attacker;
+            attackDepth = 29;
+            testHook = attackWhenDeep;
+            bool removed = removeAll(tree);
+            testHook = nullptr;
+            CHILD_CHECK(attackDone);
+            CHILD_CHECK(removed && !exists(tree));
+            CHILD_CHECK_EQ(before, describeTree(victim));
+        });
+    }
 }
 
 TEST_F(PathFiles, RenameOverAFileTakesItsModeAndOwner) {

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -113,6 +114,16 @@ std::set<int> openFds() {
 
 bool noChildren() {
     return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+bool limitNewDescriptors(int count) {
+    const std::set<int> fds = openFds();
+    rlim_t limit = 0;
+    for (int free = 0; free < count; ++limit) free += fds.count(static_cast<int>(limit)) == 0;
+    struct rlimit lowered;
+    if (getrlimit(RLIMIT_NOFILE, &lowered) != 0) return false;
+    lowered.rlim_cur = limit;
+    return setrlimit(RLIMIT_NOFILE, &lowered) == 0;
 }
 
 }  // namespace testsupport

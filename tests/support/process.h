@@ -40,6 +40,9 @@ std::string programPath(const std::string &name);
 
 // The descriptors open in this process.
 std::set<int> openFds();
+// Lowers this process's descriptor limit so that only `count` more descriptors can be opened
+// (new ones take the lowest free numbers); false when the limit cannot be set.
+bool limitNewDescriptors(int count);
 // True when this process has no child left, running or zombie (a zombie found is reaped).
 bool noChildren();
 

@@ -108,4 +108,52 @@ int fileMode(const std::string &path) {
     return static_cast<int>(st.st_mode & 07777);
 }
 
+std::string describeTree(const std::string &path) {
+    std::vector<std::string> lines;
+    std::vector<std::string> pending{""};
+    while (!pending.empty()) {
+        std::string relative = pending.back();
+        pending.pop_back();
+        std::string full = relative.empty() ? path : path + "/" + relative;
+        struct stat st;
+        if (lstat(full.c_str(), &st) != 0) continue;
+        std::ostringstream line;
+        line << (relative.empty() ? "." : relative) << " " << std::oct << (st.st_mode & 0177777)
+             << std::dec << " " << st.st_uid << ":" << st.st_gid;
+        if (S_ISREG(st.st_mode)) {
+            line << " " << readFile(full);
+        } else if (S_ISLNK(st.st_mode)) {
+            char target[4096] = {};
+            line << " -> " << std::string(target, readlink(full.c_str(), target, sizeof(target)));
+        } else if (S_ISDIR(st.st_mode)) {
+            for (const std::string &name : listDir(full)) {
+                pending.push_back(relative.empty() ? name : relative + "/" + name);
+            }
+        }
+        lines.push_back(line.str());
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string text;
+    for (const std::string &line : lines) text += line + "\n";
+    return text;
+}
+
+void makeDeepTree(const std::string &root, int levels) {
+    int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int i = 0; fd >= 0; ++i) {
+        int file = openat(fd, "f", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (file >= 0) close(file);
+        if (i == levels) break;
+        int next =
+            mkdirat(fd, "d", 0755) == 0 ? openat(fd, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+        close(fd);
+        fd = next;
+    }
+    if (fd < 0) {
+        ADD_FAILURE() << "cannot make a tree of " << levels << " levels: " << strerror(errno);
+    } else {
+        close(fd);
+    }
+}
+
 }  // namespace testsupport

@@ -37,6 +37,15 @@ std::vector<std::string> listDir(const std::string &path);
 // st_mode & 07777 of lstat, or -1.
 int fileMode(const std::string &path);
 
+// Everything at and below `path`, one sorted line per entry: relative name, type, mode, owner,
+// and a file's content or a link's target; "" when `path` does not exist. Two equal
+// descriptions mean that nothing there was changed.
+std::string describeTree(const std::string &path);
+
+// `levels` nested directories "d" below the existing directory `root`, which all (root too)
+// hold a file "f"; made relative to descriptors, so that any depth works.
+void makeDeepTree(const std::string &root, int levels);
+
 }  // namespace testsupport
 
 #endif

@@ -10,6 +10,7 @@
 
 #include "support/child.h"
 #include "support/fake_platform.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 
@@ -114,6 +115,30 @@ TEST_F(Temporaries, RenameAndPreserve) {
     EXPECT_EQ((Names{"f" + kept.substr(kept.size() - 7), "moved", "vol"}), listDir(dir.path()));
 }
 
+// A name that no longer holds the temporary (swapped while it was open, or a second link to it
+// once it was closed) is neither moved nor removed: the object gives it up.
+TEST_F(Temporaries, RenameRefusesANameThatIsNoLongerTheTemporary) {
+    std::string planted = dir.file("planted");
+    for (bool withMode : {false, true}) {
+        ScopedTempFile file(dir.file("t"), false);
+        std::string name = file.getPath();
+        ASSERT_EQ(0, rename(name.c_str(), dir.file("away").c_str()));
+        writeFile(name, "planted", 0644);
+        EXPECT_FALSE(withMode ? file.renameWithMode(planted) : file.rename(planted));
+        EXPECT_EQ(ESTALE, errno);
+        EXPECT_FALSE(file.isValid());
+        EXPECT_EQ("planted", readFile(name));
+        ASSERT_EQ(0, unlink(name.c_str()));
+    }
+    ScopedTempFile closed(dir.file("t"), true);
+    ASSERT_EQ(0, link(closed.getPath().c_str(), dir.file("second").c_str()));
+    EXPECT_FALSE(closed.rename(planted) || errno != ESTALE || closed.isValid());
+    EXPECT_FALSE(exists(planted));
+    // Only the move with the mode logs, as renameWithMode's failed rename.
+    EXPECT_EQ(1, log.count(LOG_ERR, "<any>rename failed Stale file handle, [" + planted + "]"));
+    EXPECT_EQ(1u, log.size()) << log.dump();
+}
+
 TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
     writeFile(dir.file("vol/keep"), "k");
     {
@@ -126,6 +151,29 @@ TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
     }
     EXPECT_EQ(Names{"vol"}, listDir(dir.path()));
     EXPECT_EQ("k", readFile(dir.file("vol/keep")));
+}
+
+// The folder's removal is removeAll's walk: any depth, few descriptors, nothing logged, and a
+// folder already gone is the walk's -1.
+TEST(TempFolderDepth, TenThousandLevelsWithFewDescriptors) {
+    TempDir dir;
+    auto removeDeepFolder = [](const std::string &templ) {
+        ScopedTempFolder folder(templ);
+        CHILD_CHECK(folder.isValid());
+        std::string root = folder.getPath();
+        makeDeepTree(root, 10000);
+        SyslogCapture log;
+        CHILD_CHECK(limitNewDescriptors(24));
+        CHILD_CHECK_EQ(0, folder.unlink());
+        CHILD_CHECK(!exists(root) && log.size() == 0);
+        CHILD_CHECK(folder.create(templ) && rmdir(folder.getPath().c_str()) == 0);
+        CHILD_CHECK(folder.unlink() == -1 && errno == ENOENT);
+    };
+    // On a memory-backed /tmp where the machine allows one: deep trees are slow to make on disk.
+    ChildResult result =
+        runInChild(ChildOptions{.privateTmp = true}, [&] { removeDeepFolder("/tmp/deep"); });
+    if (result.skipped) result = runInChild([&] { removeDeepFolder(dir.file("deep")); });
+    EXPECT_TRUE(result.ok()) << result.message;
 }
 
 TEST_F(Temporaries, OnTheChosenVolume) {

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -205,6 +206,124 @@ TEST_F(Tool, CannotWriteIsExitCodeFour) {
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true, .privateTmp = true}, [this] {
         CHILD_CHECK_EQ(4, run({"config", "set", conf, "a", "x=2", "--lock", "w"}).exitCode);
         CHILD_CHECK_EQ(std::string("[a]\nx=1\n"), readFile(conf));
+    });
+}
+
+// Whoever made the IPC tree first decides who may lock: each way it shuts a writer out is named
+// on standard error with what to do, and so is a lock token that would leave the tree.
+TEST_F(Tool, LockOutsAreExplained) {
+    if (!canChangeOwner()) GTEST_SKIP() << "needs root to make the tree as another user";
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [this] {
+        auto fails = [this](const Args &args, int code, const std::string &says) {
+            CommandResult r = run(args);
+            if (r.exitCode != code || r.err.find(says) == std::string::npos) {
+                CHILD_FAIL(args[0] + " " + args[1] + " -> " + std::to_string(r.exitCode) + " " +
+                           r.err);
+            }
+        };
+        const Args set = {"config", "set", conf, "a", "k=1", "--create", "--wait", "0"};
+        makeDir("/tmp/telobackup", 0755);
+        CHILD_CHECK(chown("/tmp/telobackup", 65534, 65534) == 0);
+        fails(set, 5,
+              "cannot take the configuration lock: /tmp/telobackup is owned by uid 65534 "
+              "(expected root or you): remove it\n");
+        CHILD_CHECK(rmdir("/tmp/telobackup") == 0);
+
+        Args escape = set;
+        escape.insert(escape.end(), {"--lock", "../../victim"});
+        fails(escape, 5, "lock token '../../victim' leads out of /tmp/telobackup/lock\n");
+        CHILD_CHECK(!exists("/tmp/victim") && !exists(conf));
+
+        // A root-made tree shuts other users out of the lock directory and the session area.
+        CHILD_CHECK(!TELO::Backup::Path::createIpcTempPath("session", 0700).empty());
+        ChildResult user = runInChild(ChildOptions{.dropPrivileges = true}, [&] {
+            fails(set, 5,
+                  "/tmp/telobackup/lock is mode 0770 root:root: run as root or as a member of "
+                  "its group\n");
+            fails({"session", "create"}, 7,
+                  "session create failed: /tmp/telobackup/session is mode 0700 root:root: run "
+                  "as root\n");
+        });
+        if (!user.message.empty()) CHILD_FAIL(user.message);
+        CHILD_CHECK(!exists(conf));
+    });
+}
+
+// A writer waits for a held lock, names its holder after 2 s and goes on when it is released;
+// --wait bounds the wait with exit status 5.
+TEST_F(Tool, WaitingForTheLock) {
+    IN_PRIVATE_TMP([this] {
+        int held = TELO::Backup::Path::createIpcLockFile("shared");
+        CHILD_CHECK(held >= 0 && flock(held, LOCK_EX) == 0);
+        const std::string self = "process " + std::to_string(getpid());
+        for (const char *wait : {"0", "0.3"}) {
+            CommandResult r = run({"config", "set", conf, "a", "k=1", "--create", "--lock",
+                                   "shared", "--wait", wait});
+            CHILD_CHECK(r.exitCode == 5 &&
+                        r.err.find("still held by " + self) != std::string::npos);
+            CHILD_CHECK(r.err.find("waiting") == std::string::npos && !exists(conf));
+        }
+        int err[2];
+        CHILD_CHECK(pipe2(err, O_CLOEXEC) == 0);
+        pid_t pid = fork();
+        if (pid == 0) {
+            dup2(err[1], 2);
+            execl(toolPath().c_str(), "telobackup-util", "config", "set", conf.c_str(), "a", "k=1",
+                  "--create", "--lock", "shared", nullptr);
+            _exit(127);
+        }
+        close(err[1]);
+        std::string said;
+        char buffer[512];
+        for (ssize_t n; said.find('\n') == std::string::npos &&
+                        (n = read(err[0], buffer, sizeof(buffer))) > 0;) {
+            said.append(buffer, static_cast<size_t>(n));
+        }
+        CHILD_CHECK_EQ(
+            "telobackup-util: waiting for the configuration lock shared, held by " + self + " (" +
+                TELO::Backup::Path::basename(TELO::Backup::Path::getBinPath()).substr(0, 15) +
+                ")\n",
+            said);
+        close(held);
+        CHILD_CHECK_EQ(0, waitExitCode(pid));
+        close(err[0]);
+        CHILD_CHECK_EQ(std::string("[a]\nk=1\n"), readFile(conf));
+    });
+}
+
+// A link another user planted to a root-only file is not followed, and says so; a key that went
+// missing is not silently replaced by a read, and a new one is announced.
+TEST_F(Tool, PlantedLinksAndMissingKeysAreExplained) {
+    if (!canChangeOwner()) GTEST_SKIP() << "needs root to be lured by another user's link";
+    IN_PRIVATE_TMP([this] {
+        writeFile(dir.file("root-only"), "[s]\nsecret=1\n", 0600);
+        const std::string before = describeTree(dir.file("root-only"));
+        CHILD_CHECK(symlink(dir.file("root-only").c_str(), dir.file("a.conf").c_str()) == 0);
+        CHILD_CHECK(lchown(dir.file("a.conf").c_str(), 65534, 65534) == 0);
+        CommandResult r;
+        for (Args args : {Args{"config", "set", dir.file("a.conf"), "s", "k=1", "--create"},
+                          Args{"config", "dump", dir.file("a.conf")}}) {
+            r = run(args);
+            CHILD_CHECK(r.exitCode == 3 && r.out.empty());
+            CHILD_CHECK(r.err.find(dir.file("a.conf") +
+                                   " is a symbolic link of uid 65534; only links "
+                                   "of root, of you or of their target's owner are followed\n") !=
+                        std::string::npos);
+        }
+        CHILD_CHECK_EQ(before, describeTree(dir.file("root-only")));
+
+        const std::string key = dir.file("secret.key");
+        r = run({"config", "new", conf, "task", "--secret", "password"}, "s3cret\n");
+        CHILD_CHECK(r.exitCode == 0 && r.err == "telobackup-util: created a new secret key " + key +
+                                                    " (keep a copy: secrets cannot be read "
+                                                    "without it)\n");
+        CHILD_CHECK(rename(key.c_str(), dir.file("moved.key").c_str()) == 0);
+        r = run({"config", "get", conf, "task1", "password", "--secret"});
+        CHILD_CHECK(r.exitCode == 7 &&
+                    r.err == "telobackup-util: cannot decrypt 'password': there is no secret key " +
+                                 key + " (was it moved?)\n");
+        CHILD_CHECK(!exists(key));
     });
 }
 

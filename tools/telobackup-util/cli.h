@@ -65,6 +65,36 @@ void printLine(const std::string &text);
 // The CommandError for a failed system call: `what` followed by errno's text, and `code`.
 CommandError systemError(int code, const std::string &what);
 
+// The writers' lock of a token (Path::createIpcLockFile and flock), held until release() or
+// destruction. Waits at most `waitSeconds` (negative: as long as it takes) and names the
+// process that holds it on standard error once after 2 s. Every failure is a CommandError with
+// exit code 5 that says why: the IPC tree, the lock file, the token, or who holds the lock.
+class ConfigLock {
+  public:
+    ConfigLock(const std::string &token, double waitSeconds);
+    ~ConfigLock();
+    ConfigLock(const ConfigLock &) = delete;
+    ConfigLock &operator=(const ConfigLock &) = delete;
+    void release();
+
+  private:
+    std::string token_;
+    int fd_ = -1;
+};
+
+// Why the IPC tree or its sub-directory `name` (of mode `mode`) cannot serve the caller, in
+// words an administrator can act on ("/tmp/telobackup is owned by uid 65534 (expected root or
+// you): remove it"); "" when nothing is wrong there.
+std::string ipcTreeProblem(const std::string &name, unsigned int mode);
+
+// systemError for a failed operation on the configuration `file`; when errno is EPERM because
+// a symbolic link on the way was not followed, that link is named instead.
+CommandError fileError(int code, const std::string &what, const std::string &file);
+
+// The secret key's path, and why the last encryption or decryption failed, in words.
+std::string secretKeyPath();
+std::string keyProblem();
+
 // Why the last platform call failed: the platform's detail text where it gives one, else errno's
 // text, followed by the error triple ("[0x0007 src/share.cpp:120]").
 std::string platformFailure();

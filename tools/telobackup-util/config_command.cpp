@@ -33,6 +33,7 @@ struct ConfigArgs {
     std::vector<std::string> secrets;      // KEY, value read from standard input
     std::vector<std::string> keys;
     std::string lockToken;
+    double waitSeconds = -1;  // for the lock; negative: as long as it takes
     bool create = false;
     bool increasing = false;
     bool decrypt = false;
@@ -143,14 +144,20 @@ std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
 
     for (const auto &kv : values) map.optSet(kv.first, kv.second);
     for (const auto &kv : texts) map.optSet(kv.first, kv.second, false);
+    // A key made now cannot read secrets sealed under one that went missing: say so.
+    struct stat st;
+    bool hadKey = secrets.empty() || lstat(secretKeyPath().c_str(), &st) == 0 || errno != ENOENT;
     for (const auto &kv : secrets) {
         map.optSet(kv.first, kv.second, true);
         std::string stored;
         if (map.optGet(kv.first, stored, false) && stored.empty() && !kv.second.empty()) {
-            throw CommandError(kExitFailed, "cannot encrypt secret '" + kv.first +
-                                                "' (see the system log; is the key file "
-                                                "readable?)");
+            throw CommandError(kExitFailed,
+                               "cannot encrypt secret '" + kv.first + "': " + keyProblem());
         }
+    }
+    if (!hadKey && lstat(secretKeyPath().c_str(), &st) == 0) {
+        std::cerr << "telobackup-util: created a new secret key " << secretKeyPath()
+                  << " (keep a copy: secrets cannot be read without it)\n";
     }
     std::vector<std::string> keys;
     for (const auto &kv : values) keys.push_back(kv.first);
@@ -159,34 +166,18 @@ std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
     return keys;
 }
 
-void setToken(OptionMap &map, const ConfigArgs &args) {
-    map.setLockToken(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken);
+// The lock of a write, held for the whole read-modify-write (the maps then carry no token of
+// their own), released on every way out.
+ConfigLock takeLock(const ConfigArgs &args) {
+    return ConfigLock(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken,
+                      args.waitSeconds);
 }
-
-// Holds the map's lock for a read-modify-write, releasing it on every way out.
-class HeldLock {
-  public:
-    explicit HeldLock(OptionMap &map) : map_(map) {
-        if (!map_.lock()) throw CommandError(kExitLockFailed, "cannot take the configuration lock");
-    }
-    ~HeldLock() {
-        if (held_) map_.unlock();
-    }
-    void release() {
-        held_ = false;
-        if (!map_.unlock()) throw CommandError(kExitLockFailed, "cannot release the lock");
-    }
-
-  private:
-    OptionMap &map_;
-    bool held_ = true;
-};
 
 // The error of a failed load of `section`; not found is exit code 1.
 CommandError loadFailure(const std::string &file, const std::string &section) {
     if (errno == ENOENT)
         return CommandError(kExitNotFound, file + ": no section [" + section + "]");
-    return systemError(kExitInvalidFile, file);
+    return fileError(kExitInvalidFile, file, file);
 }
 
 // Loads `section` of `file` into `map`.
@@ -204,7 +195,7 @@ void exportSection(const OptionMap &map, const std::string &file, const std::str
     if (errno == ENOENT && !create) {
         throw CommandError(kExitNotFound, file + ": no section [" + section + "]");
     }
-    throw systemError(kExitCannotWrite, "cannot write " + file);
+    throw fileError(kExitCannotWrite, "cannot write " + file, file);
 }
 
 void printValue(const Json::Value &value, bool json) {
@@ -219,7 +210,7 @@ void runSections(const ConfigArgs &args, const Context &context) {
     requireFile(args.file);
     std::list<std::string> names;
     if (!OptionMap::optSectionListName(args.file, names))
-        throw systemError(kExitInvalidFile, args.file);
+        throw fileError(kExitInvalidFile, args.file, args.file);
     if (context.json) {
         Json::Value list(Json::arrayValue);
         for (const std::string &name : names) list.append(name);
@@ -258,7 +249,7 @@ void runGet(const ConfigArgs &args, const Context &context) {
         std::string plain;
         map.optGet(args.key, plain, true);
         if (plain.empty() && !value.asString().empty()) {
-            throw CommandError(kExitFailed, "cannot decrypt '" + args.key + "'");
+            throw CommandError(kExitFailed, "cannot decrypt '" + args.key + "': " + keyProblem());
         }
         value = plain;
     }
@@ -273,9 +264,8 @@ void runSet(const ConfigArgs &args, const Context &) {
     if (!args.create) requireFile(args.file);
     OptionMap map;
     std::vector<std::string> keys = applyValues(args, map);  // before the lock: stdin may be slow
+    ConfigLock lock = takeLock(args);
     OptionMap current;
-    setToken(current, args);
-    HeldLock lock(current);
     if (!current.optSectionLoad(args.file, args.section, -1) && (errno != ENOENT || !args.create)) {
         loadSection(current, args.file, args.section);  // reports the failure
     }
@@ -291,9 +281,8 @@ void runSet(const ConfigArgs &args, const Context &) {
 void runUnset(const ConfigArgs &args, const Context &) {
     requireSection(args.section, "unset");
     requireFile(args.file);
+    ConfigLock lock = takeLock(args);
     OptionMap map;
-    setToken(map, args);
-    HeldLock lock(map);
     loadSection(map, args.file, args.section);
     for (const std::string &key : args.keys) map.optRemove(key);
     exportSection(map, args.file, args.section, false);
@@ -303,15 +292,16 @@ void runUnset(const ConfigArgs &args, const Context &) {
 void runDelete(const ConfigArgs &args, const Context &) {
     requireSection(args.section, "delete");
     requireFile(args.file);
+    ConfigLock lock = takeLock(args);
     OptionMap map;
-    setToken(map, args);
     loadSection(map, args.file, args.section);
     if (!map.optSectionRemove()) {
         if (errno == ENOENT) {
             throw CommandError(kExitNotFound, args.file + ": no section [" + args.section + "]");
         }
-        throw systemError(kExitCannotWrite, "cannot write " + args.file);
+        throw fileError(kExitCannotWrite, "cannot write " + args.file, args.file);
     }
+    lock.release();
 }
 
 void runNew(const ConfigArgs &args, const Context &context) {
@@ -322,17 +312,20 @@ void runNew(const ConfigArgs &args, const Context &context) {
     }
     OptionMap map;
     applyValues(args, map);
-    setToken(map, args);
+    ConfigLock lock = takeLock(args);
     bool created = args.increasing ? map.optSectionCreateIncreaseId(args.file, args.section)
                                    : map.optSectionCreate(args.file, args.section, true);
     if (!created) {
-        throw systemError(kExitCannotWrite,
-                          "cannot create a section " + args.section + "N in " + args.file);
+        throw fileError(kExitCannotWrite,
+                        "cannot create a section " + args.section + "N in " + args.file, args.file);
     }
     if (!map.optSectionSave()) {
-        throw systemError(kExitCannotWrite, "created [" + map.optSectionGetName() +
-                                                "] but cannot save its values in " + args.file);
+        throw fileError(
+            kExitCannotWrite,
+            "created [" + map.optSectionGetName() + "] but cannot save its values in " + args.file,
+            args.file);
     }
+    lock.release();
     if (context.json) {
         Json::Value out;
         out["section"] = map.optSectionGetName();
@@ -362,6 +355,19 @@ void addLockOption(CLI::App *command, ConfigArgs &args) {
     command->add_option("--lock", args.lockToken,
                         "Lock token shared with the other writers of FILE (default: "
                         "telobackup-util.<name>.<hash of the real path>)");
+    command
+        ->add_option("--wait", args.waitSeconds,
+                     "Wait at most SECONDS for the lock, then fail with exit status 5 (default: "
+                     "as long as it takes; after 2 s the process holding it is named)")
+        ->option_text("SECONDS")
+        ->check(
+            [](const std::string &text) {
+                char *end = nullptr;
+                double seconds = strtod(text.c_str(), &end);
+                bool fine = end != text.c_str() && *end == '\0' && seconds >= 0 && seconds < 1e9;
+                return fine ? std::string() : "expected a number of seconds, 0 or more";
+            },
+            "SECONDS");
 }
 
 }  // namespace

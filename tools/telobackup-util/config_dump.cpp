@@ -1,5 +1,7 @@
 #include "config_dump.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "internal/safe_open.h"
 #include "telobackup/json_text.h"
 #include "telobackup/section_config.h"
 
@@ -182,8 +185,14 @@ struct FileCloser {
 }  // namespace
 
 void dumpSections(const std::string &file) {
-    std::unique_ptr<FILE, FileCloser> in(fopen(file.c_str(), "rbe"));
-    if (!in) throw systemError(kExitInvalidFile, file);
+    // No link another user planted is followed, as for every other config command.
+    TELO::Backup::internal::ConfigFile opened;
+    std::unique_ptr<FILE, FileCloser> in;
+    if (TELO::Backup::internal::openConfigFile(file, O_RDONLY, 0, opened)) {
+        in.reset(fdopen(opened.fd.get(), "rb"));
+        if (in) opened.fd.release();
+    }
+    if (!in) throw fileError(kExitInvalidFile, file, file);
     Collector collector;
     if (!SectionConfig::parseFile(in.get(), Collector::onLine, &collector)) {
         throw systemError(kExitInvalidFile, file);

@@ -85,7 +85,11 @@ void runSessionCreate(const TempArgs &args, const Context &context) {
         }
         created = session.create(filter);
     }
-    if (!created) throw CommandError(kExitFailed, "session create failed (see the system log)");
+    if (!created) {
+        std::string problem = ipcTreeProblem("session", 0700);
+        throw CommandError(kExitFailed, "session create failed: " +
+                                            (problem.empty() ? "see the system log" : problem));
+    }
     Json::Value extra(Json::objectValue);
     extra["path"] = session.getPath();
     printPath(context, "id", session.getId(), extra);
@@ -102,8 +106,9 @@ void runSessionPath(const TempArgs &args, const Context &context) {
 
 void runSessionDestroy(const TempArgs &args, const Context &) {
     if (!TELO::Backup::Session::destroyById(args.id)) {
-        throw CommandError(kExitFailed,
-                           "cannot destroy session '" + args.id + "' (see the system log)");
+        std::string problem = ipcTreeProblem("session", 0700);
+        throw CommandError(kExitFailed, "cannot destroy session '" + args.id + "': " +
+                                            (problem.empty() ? "see the system log" : problem));
     }
 }
 

@@ -96,10 +96,12 @@ class TELO_EXPORT Path {
 
     // Opens (creating with mode 0666 if needed) the lock file `name` in the "lock" sub-directory
     // of the IPC tree (mode 0770), read-write and close-on-exec, and returns the descriptor; the
-    // caller owns it and takes any lock itself. A lock file of the caller's is brought to 0666
-    // whatever the umask, so that other users can lock it too. A symbolic link at that name is
-    // refused (ELOOP), and so are a directory (EISDIR) and other non-regular files (EINVAL).
-    // `name` is not checked for slashes.
+    // caller owns it and takes any lock itself. A lock file this call creates gets 0666
+    // whatever the umask, so that other users can lock it too; an existing one is left as it
+    // is. `name` may hold "/" as long as it stays beneath the lock directory: a name that is
+    // absolute or climbs out ("../x") fails with EXDEV, and a symbolic link anywhere in it
+    // (planted at the name or at a directory on the way) with ELOOP; a directory (EISDIR) and
+    // other non-regular files (EINVAL) are refused too.
     // Failure: -1 with errno set; only the failures of createIpcTempPath are logged.
     static int createIpcLockFile(const std::string &name);
 
@@ -112,6 +114,10 @@ class TELO_EXPORT Path {
     // followed), gets the mode it would have had if created under the current umask (0666 or
     // 0777 minus umask). A refused chmod (EPERM) is accepted on FAT and
     // foreign file systems (TELOGetFSType codes 0 and 5).
+    // `src` is opened once, without following a link at its name, and every attribute is set
+    // through that descriptor, never by path: just before the rename its name must still be
+    // that file, and afterwards `dst` must be it, else the call fails with errno ESTALE, logged
+    // as a failed rename (another process swapped a name).
     // Failure: false, errno from the failing call, `dst` unchanged unless the rename itself
     // succeeded. Logs "Failed to copy ACL from [%s] to [%s]", "rename failed, %m [%s]",
     // "rename failed %m [%s]", "rename failed %m, [%s]", "lstat failed, %m [%s]",
@@ -148,7 +154,10 @@ class TELO_EXPORT ConfigPath {
 
 // Removes `path` and everything below it, children before their directory, without following
 // symbolic links and without leaving its mount: another file system mounted inside, or a
-// directory bound there from elsewhere, is left alone with its mount point. The walk goes on
+// directory bound there from elsewhere, is left alone with its mount point. Every level is
+// opened relative to its parent's descriptor, so that a directory swapped for a link while the
+// walk runs never leads it outside the tree; any depth is removed with at most 20 directory
+// descriptors open. The walk goes on
 // after a failure; the first failure other than ENOENT is logged ("rmdir %s failed. %m" or
 // "unlink %s failed. %m") and reported: false with errno from it, except that a directory left
 // non-empty reports EACCES. A missing `path` gives true. Each call keeps its own failure record.

@@ -73,10 +73,15 @@ class TELO_EXPORT ScopedTempFile {
     // the descriptor. Failure: false, the file stays owned at its old place, errno from
     // rename(2). Renaming onto its own path fails and logs
     // "(pid) [err] temp_manager/temp_manager:line rename temp file to the same path[%s]".
+    // The name must still be the file this object made: checked against the open descriptor,
+    // or, once that is closed, the name must be a regular file of the caller with one link.
+    // A name that is no longer it (another process swapped it) is neither moved nor removed:
+    // false with errno ESTALE, and the object gives the name up.
     bool rename(const std::string &newPath);
 
     // As rename(), but moved with Path::renameWithMode, so that a replaced file's mode, owner
-    // and ACL are kept; failures are logged by Path::renameWithMode.
+    // and ACL are kept, set through the descriptor; failures are logged by
+    // Path::renameWithMode.
     bool renameWithMode(const std::string &newPath);
 
     // Gives up ownership and closes the descriptor, leaving the file on disk; returns its path,
@@ -117,9 +122,11 @@ class TELO_EXPORT ScopedTempFolder {
     // The absolute path of the owned directory, "" when none.
     std::string getPath() const;
 
-    // Removes the owned tree depth first, without following symbolic links or leaving the file
-    // system, ignoring single failures, and gives up ownership. Returns 0 when the walk
-    // completed (also when nothing is owned), else the walk's -1 with errno set.
+    // Removes the owned tree as removeAll does (depth first, relative to descriptors at every
+    // depth, links removed and never followed, other mounts left alone), ignoring single
+    // failures, and gives up ownership; nothing is logged. Returns 0 when the walk completed
+    // (also when nothing is owned), else -1 with errno from the lstat of the top (ENOENT when
+    // the directory is already gone).
     int unlink();
 
     // Moves the directory to `newPath` (made absolute) with rename(2) and gives up ownership.

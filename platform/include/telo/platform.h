@@ -44,8 +44,12 @@ extern "C" {
  *                                  would refuse it), not a regular file (errno EINVAL or EISDIR)
  *                                  or too large (errno EFBIG)
  *   0x0008 TELO_ERR_CRYPTO         a ciphertext is malformed or failed authentication
- *   0x0009 TELO_ERR_KEY            the secret key is missing, unreadable or of the wrong size
- *   0x000A TELO_ERR_LOOKUP         a host name could not be resolved */
+ *   0x0009 TELO_ERR_KEY            the secret key cannot be made or read, or is of the wrong size
+ *   0x000A TELO_ERR_LOOKUP         a host name could not be resolved
+ *   0x000B TELO_ERR_NO_KEY         there is no secret key (decryption never makes one)
+ *   0x000C TELO_ERR_KEY_NOT_FILE   the key is a symbolic link or not a regular file
+ *   0x000D TELO_ERR_KEY_OWNER      the key belongs to a user other than the caller or root
+ *   0x000E TELO_ERR_KEY_MODE       the key may be read or written by its group or others */
 enum {
     TELO_ERR_NONE = 0x0000,
     TELO_ERR_INVALID_PARAM = 0x0001,
@@ -57,7 +61,11 @@ enum {
     TELO_ERR_BAD_CONFIG = 0x0007,
     TELO_ERR_CRYPTO = 0x0008,
     TELO_ERR_KEY = 0x0009,
-    TELO_ERR_LOOKUP = 0x000A
+    TELO_ERR_LOOKUP = 0x000A,
+    TELO_ERR_NO_KEY = 0x000B,
+    TELO_ERR_KEY_NOT_FILE = 0x000C,
+    TELO_ERR_KEY_OWNER = 0x000D,
+    TELO_ERR_KEY_MODE = 0x000E
 };
 
 /* Code of the calling thread's last platform error (table above); TELO_ERR_NONE when none. */
@@ -227,11 +235,17 @@ TELO_PLATFORM_API int BlTLIBIsv6IpAddrValid(const char *addr);
 
 /* ---- String encryption -------------------------------------------------------------------- */
 
-/* Key: 32 bytes in TELO_SECRET_KEY_FILE (default /etc/telobackup/secret.key). When the file is
- * missing, the first call creates it (and its directory, mode 0755) with random bytes and mode
- * 0600, without overwriting: of two processes starting at once, both end up with the same key.
- * A key that cannot be created, opened or read, or that is not exactly 32 bytes, fails the call
- * with TELO_ERR_KEY (errno from the failing call; EINVAL for a wrong size).
+/* Key: 32 bytes in TELO_SECRET_KEY_FILE (default /etc/telobackup/secret.key). Only encryption
+ * makes a key, when there is none: it creates the file (and its directory, mode 0700) with
+ * random bytes and mode 0600, without overwriting: of two processes starting at once, both end
+ * up with the same key, and the one that made it writes "created a new secret key %s: ..." to
+ * the system log at LOG_WARNING. Decryption without a key fails with TELO_ERR_NO_KEY (errno
+ * ENOENT). The key is opened without following a link at its name and without blocking, and
+ * is refused unless it is a regular file (TELO_ERR_KEY_NOT_FILE; errno ELOOP for a link,
+ * EINVAL otherwise) of the caller or root (TELO_ERR_KEY_OWNER, errno EPERM) that its group and
+ * others may neither read nor write (TELO_ERR_KEY_MODE, errno EPERM). A key that cannot be
+ * made or read, or that is not exactly 32 bytes, fails with TELO_ERR_KEY (errno from the
+ * failing call; EINVAL for a wrong size).
  *
  * Ciphertext: base64url text (A-Z a-z 0-9 - _) of at most 2 * strlen(plain) + 3 characters.
  * Any change to it makes decryption fail, except with the chance of a forged authenticator,
@@ -243,15 +257,15 @@ TELO_PLATFORM_API int BlTLIBIsv6IpAddrValid(const char *addr);
 
 /* Encrypts the NUL-terminated `plain` into printable, NUL-terminated text in `out`, which must
  * hold (strlen(plain) + 2) * 2 bytes. Non-zero on success; 0 with TELO_ERR_INVALID_PARAM
- * (null pointer; errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE), TELO_ERR_KEY or
- * TELO_ERR_SYSTEM. */
+ * (null pointer; errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE), one of the key errors
+ * above, or TELO_ERR_SYSTEM. */
 TELO_PLATFORM_API int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize);
 
 /* Decrypts text made by TLIBCCryptSzEncrypt into `out`, which must hold
  * max(strlen(cipher), 10) bytes (the plain text and its NUL always fit there). Non-zero on
  * success; 0 with TELO_ERR_INVALID_PARAM (errno EINVAL), TELO_ERR_BUFFER_SMALL (errno ERANGE),
- * TELO_ERR_KEY or TELO_ERR_CRYPTO (malformed or tampered text, or another key; errno EBADMSG),
- * `out` then untouched. */
+ * one of the key errors above (TELO_ERR_NO_KEY when there is none) or TELO_ERR_CRYPTO
+ * (malformed or tampered text, or another key; errno EBADMSG), `out` then untouched. */
 TELO_PLATFORM_API int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize);
 
 #ifdef __cplusplus
