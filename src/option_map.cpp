@@ -453,6 +453,35 @@ bool OptionMap::unlock() {
     return true;
 }
 
+OptionMap::ScopedLock::ScopedLock(OptionMap &map) : map_(map.lock() ? &map : nullptr) {}
+
+OptionMap::ScopedLock::ScopedLock(ScopedLock &&other) noexcept : map_(other.map_) {
+    other.map_ = nullptr;
+}
+
+OptionMap::ScopedLock &OptionMap::ScopedLock::operator=(ScopedLock &&other) noexcept {
+    if (&other != this) {
+        unlock();
+        map_ = other.map_;
+        other.map_ = nullptr;
+    }
+    return *this;
+}
+
+OptionMap::ScopedLock::~ScopedLock() {
+    // A scope left after a failure keeps the errno that failure set.
+    int saved = errno;
+    unlock();
+    errno = saved;
+}
+
+bool OptionMap::ScopedLock::unlock() {
+    if (map_ == nullptr) return true;
+    OptionMap *map = map_;
+    map_ = nullptr;
+    return map->unlock();
+}
+
 // ---- Numbered sections ------------------------------------------------------------------------
 
 bool OptionMap::optSectionListId(const std::string &file, const std::string &prefix,

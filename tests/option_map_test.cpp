@@ -218,6 +218,61 @@ TEST_F(OptionMapTest, LockAndUnlock) {
     });
 }
 
+// The guard releases on every way out of its scope, moves its hold, and never unlocks twice.
+TEST_F(OptionMapTest, ScopedLockReleasesItsHold) {
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
+        SyslogCapture childLog{"option_map"};
+        auto holderOf = [] { return runCommand(helperCommand("trylock", {"tok"})).exitCode; };
+        OptionMap map, other;
+        CHILD_CHECK(map.setLockToken("tok") && other.setLockToken("tok2"));
+        {
+            OptionMap::ScopedLock guard(map);
+            CHILD_CHECK(guard.owns() && static_cast<bool>(guard));
+            CHILD_CHECK_EQ(42, holderOf());
+            // A second guard on the same map fails as a second lock() does, and leaves the
+            // first hold alone when it goes.
+            {
+                OptionMap::ScopedLock twice(map);
+                CHILD_CHECK(!twice);
+            }
+            CHILD_CHECK_EQ(42, holderOf());
+            OptionMap::ScopedLock moved(std::move(guard));
+            CHILD_CHECK(!guard.owns() && moved.owns());
+            OptionMap::ScopedLock assigned(other);
+            errno = EIO;
+            assigned = std::move(moved);  // releases tok2's hold, takes over tok's
+            CHILD_CHECK(assigned.owns() && !moved.owns());
+            CHILD_CHECK_EQ(42, holderOf());
+            CHILD_CHECK(other.lock() && other.unlock());  // tok2 was released
+        }
+        CHILD_CHECK_EQ(0, holderOf());
+        CHILD_CHECK(map.lock() && map.unlock());
+
+        // Released early, then not again; errno set before the scope ends survives it.
+        {
+            OptionMap::ScopedLock guard(map);
+            CHILD_CHECK(guard.unlock() && !guard.owns() && guard.unlock());
+            CHILD_CHECK_EQ(0, holderOf());
+            CHILD_CHECK(map.lock());
+            errno = ENOSPC;
+        }
+        CHILD_CHECK_EQ(ENOSPC, errno);
+        CHILD_CHECK_EQ(42, holderOf());  // the guard let go of its own hold only
+        CHILD_CHECK(map.unlock());
+        CHILD_CHECK_EQ(1, childLog.err("lock: file locked already. fd: [<any>]."));
+        CHILD_CHECK_EQ(0, childLog.err("lock: file released already. fd: [-1]."));
+
+        // Without a token the guard succeeds and holds nothing; a lock that cannot be had
+        // (a token that would leave the lock directory) makes the guard say so.
+        OptionMap plain;
+        CHILD_CHECK(OptionMap::ScopedLock(plain).owns());
+        OptionMap blocked;
+        CHILD_CHECK(blocked.setLockToken("../x"));
+        CHILD_CHECK(!OptionMap::ScopedLock(blocked) && errno == EXDEV);
+        CHILD_CHECK_EQ(1, childLog.err("lock: open lock token failed."));
+    });
+}
+
 TEST_F(OptionMapTest, UniqueAndIncreasingIds) {
     EXPECT_EQ(1, OptionMap::optSectionGetUniqueId(file, "job"));
     EXPECT_EQ("[job1]\n", readFile(file));

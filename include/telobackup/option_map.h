@@ -35,7 +35,9 @@ class TELO_EXPORT OptionMap {
     // A copy of every field, the lock descriptor as a number (see optCloneTo).
     OptionMap(const OptionMap &other);
     OptionMap &operator=(const OptionMap &other);
-    // Neither unlocks nor closes a held lock descriptor: the process's end releases it.
+    // Neither unlocks nor closes a held lock descriptor: a map destroyed while locked keeps
+    // every other holder of its token waiting until this process ends. Hold the lock through
+    // an OptionMap::ScopedLock (below) to have it released on every path out of a scope.
     ~OptionMap();
 
     // Copies values, binding, lock token and the lock descriptor number into `dst` (the
@@ -140,6 +142,8 @@ class TELO_EXPORT OptionMap {
     static bool optSectionListName(const std::string &file, std::list<std::string> &names);
 
     // ---- Locking ----
+    // lock() and unlock() pair by hand, and ~OptionMap releases nothing (see above); a
+    // ScopedLock pairs them for the caller.
 
     // Switches locking on with the lock file `token` (see Path::createIpcLockFile; a token
     // must not contain "/"). Failure: false after logging "setLockToken: invalid parameter."
@@ -157,6 +161,43 @@ class TELO_EXPORT OptionMap {
     // Failure: false after logging "lock: file released already. fd: [%d]." or
     // "unlock: flock(LOCK_UN) failed. %m" (the lock then still counts as held).
     bool unlock();
+
+    // Holds the map's lock for the life of the guard: lock() on construction, unlock() on
+    // destruction. Movable, not copyable; the map must outlive the guard and its lock must not
+    // be released through the map (or a copy of it) while a guard holds it.
+    //     OptionMap tasks;
+    //     tasks.setLockToken("tasks.conf");
+    //     {
+    //         OptionMap::ScopedLock guard(tasks);
+    //         if (!guard) return false;   // lock() failed and said why in the system log
+    //         ... read, change and export sections of tasks.conf ...
+    //     }                               // released here, also on an early return
+    class TELO_EXPORT ScopedLock {
+      public:
+        // Calls map.lock(); owns() tells whether it succeeded (logs and errno as lock()).
+        explicit ScopedLock(OptionMap &map);
+        // Takes over `other`'s hold; `other` then owns nothing.
+        ScopedLock(ScopedLock &&other) noexcept;
+        // Releases this guard's hold (as unlock() below), then takes over `other`'s.
+        ScopedLock &operator=(ScopedLock &&other) noexcept;
+        ScopedLock(const ScopedLock &) = delete;
+        ScopedLock &operator=(const ScopedLock &) = delete;
+        // Releases the hold, if any, through map.unlock(); a failure is only logged by it.
+        // errno is kept as it was, so a scope left after a failure reports that failure.
+        ~ScopedLock();
+
+        // True while the guard holds the map's lock (for a map without a token: while lock()
+        // has succeeded, though there is nothing to hold).
+        bool owns() const { return map_ != nullptr; }
+        explicit operator bool() const { return owns(); }
+
+        // Releases the hold early. Returns map.unlock()'s result (true when nothing is held);
+        // the guard owns nothing afterwards either way, so the destructor does not try again.
+        bool unlock();
+
+      private:
+        OptionMap *map_;  // the map whose lock is held, or null
+    };
 
     // ---- Numbered sections ----
     // A numbered section is named prefix + decimal number ("job12"). The number of a name is
