@@ -36,33 +36,55 @@ struct FreeDeleter {
 };
 using Buffer = std::unique_ptr<char, FreeDeleter>;
 
-std::string encryptSecret(const std::string &plain) {
+// The platform's ciphertext of `plain` into `out`; false after logging when encryption fails,
+// with the platform error and errno as the failing step left them.
+bool encryptSecret(const std::string &plain, std::string &out) {
     size_t size = (strlen(plain.c_str()) + 2) * 2;
     Buffer buffer(static_cast<char *>(calloc(size, 1)));
     if (!buffer) {
         TELO_LOG_ERR("calloc: %m");
-        return std::string();
+        return false;
     }
     if (TLIBCCryptSzEncrypt(plain.c_str(), buffer.get(), size) == 0) {
         TELO_LOG_ERR("TLIBCCryptSzEncrypt: " TELO_PLATFORM_ERR_FMT, TELO_PLATFORM_ERR_ARGS);
-        return std::string();
+        return false;
     }
-    return std::string(buffer.get());
+    out = buffer.get();
+    return true;
 }
 
-std::string decryptSecret(const std::string &stored) {
-    if (stored.empty()) return std::string();
+std::string encryptSecret(const std::string &plain) {
+    std::string cipher;
+    encryptSecret(plain, cipher);
+    return cipher;
+}
+
+// The plain text of `stored` into `out`; false after logging when decryption fails. An empty
+// text is "" without asking the platform unless `checked`: no encryption makes it, so the
+// checked getter lets the platform refuse it.
+bool decryptSecret(const std::string &stored, std::string &out, bool checked) {
+    if (stored.empty() && !checked) {
+        out.clear();
+        return true;
+    }
     size_t size = std::max<size_t>(strlen(stored.c_str()), 10);
     Buffer buffer(static_cast<char *>(calloc(size, 1)));
     if (!buffer) {
         TELO_LOG_ERR("calloc: %m");
-        return std::string();
+        return false;
     }
     if (TLIBCCryptSzDecrypt(stored.c_str(), buffer.get(), size) == 0) {
         TELO_LOG_ERR("TLIBCCryptSzDecrypt: " TELO_PLATFORM_ERR_FMT, TELO_PLATFORM_ERR_ARGS);
-        return std::string();
+        return false;
     }
-    return std::string(buffer.get());
+    out = buffer.get();
+    return true;
+}
+
+std::string decryptSecret(const std::string &stored) {
+    std::string plain;
+    decryptSecret(stored, plain, false);
+    return plain;
 }
 
 // The number of `name` for `prefix`, or false when the name is not one of the prefix's.
@@ -257,6 +279,25 @@ bool OptionMap::optGet(const std::string &key, std::list<std::string> &out) cons
 
 bool OptionMap::optSet(const std::string &key, const std::string &value, bool secret) {
     d_->values[key] = secret ? encryptSecret(value) : value;
+    return true;
+}
+
+bool OptionMap::optSetSecretChecked(const std::string &key, const std::string &value) {
+    std::string cipher;
+    if (!encryptSecret(value, cipher)) return false;
+    d_->values[key] = cipher;
+    return true;
+}
+
+bool OptionMap::optGetSecretChecked(const std::string &key, std::string &out) const {
+    const Json::Value *value = d_->findAs(key, Json::stringValue);
+    if (value == nullptr) {
+        errno = ENOENT;
+        return false;
+    }
+    std::string plain;
+    if (!decryptSecret(value->asString(), plain, true)) return false;
+    out.swap(plain);
     return true;
 }
 

@@ -159,6 +159,39 @@ TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
 }
 
+// The checked variants fail where the plain ones store or read "", and leave the reason.
+TEST_F(OptionMapTest, CheckedSecretsSayWhenTheyFail) {
+    OptionMap map;
+    ASSERT_TRUE(map.optSetSecretChecked("p", "pw"));
+    EXPECT_EQ("2a2d", map.optString("p", ""));
+    std::string out = "keep";
+    EXPECT_TRUE(map.optGetSecretChecked("p", out) && out == "pw");
+
+    fakeplatform::setFail("TLIBCCryptSzEncrypt", TELO_ERR_KEY_MODE);
+    EXPECT_FALSE(map.optSetSecretChecked("p", "new"));
+    EXPECT_FALSE(map.optSetSecretChecked("q", ""));
+    EXPECT_EQ(TELO_ERR_KEY_MODE, TLIBCErrGet());
+    EXPECT_EQ("2a2d", map.optString("p", ""));  // the old secret stays
+    EXPECT_EQ("absent", map.optString("q", "absent"));
+    EXPECT_EQ(2, log.err("TLIBCCryptSzEncrypt: [<any> fake_platform.cpp:<line>]"));
+
+    // What the plain setter leaves after a failure, garbage and a non-text value all fail.
+    map.optSet("empty", "x", true);
+    map.optSet("bad", "zzz");
+    map.optSet("obj", Json::Value(Json::objectValue));
+    for (const char *key : {"empty", "bad"}) {
+        errno = 0;
+        EXPECT_FALSE(map.optGetSecretChecked(key, out)) << key;
+        EXPECT_EQ(TELO_ERR_CRYPTO, TLIBCErrGet()) << key;
+    }
+    EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
+    EXPECT_FALSE(map.optGetSecretChecked("obj", out) || errno != ENOENT);
+    EXPECT_FALSE(map.optGetSecretChecked("missing", out) || errno != ENOENT);
+    EXPECT_EQ("pw", out);
+    EXPECT_EQ(3, log.err("TLIBCCryptSzEncrypt: [<any> fake_platform.cpp:<line>]"));
+    EXPECT_EQ(5u, log.size()) << log.dump();
+}
+
 TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
     writeFile(file, "[job3]\nname=\"n\"\n[other]\nk=1\n");
     OptionMap map;

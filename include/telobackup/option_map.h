@@ -86,6 +86,30 @@ class TELO_EXPORT OptionMap {
     bool optSet(const std::string &key, const std::list<std::string> &value);
     bool optSet(const std::string &key, const Json::Value &value);
 
+    // ---- Checked secrets ----
+    // optSet(key, text, true) stores "" when encryption fails and the secret getters read ""
+    // when decryption fails, both still returning true; these two say so instead.
+    //     if (!task.optSetSecretChecked("password", typed)) {
+    //         fprintf(stderr, "cannot encrypt: platform error 0x%04X\n", TLIBCErrGet());
+    //         return false;  // nothing was stored
+    //     }
+    //     std::string password;
+    //     if (!task.optGetSecretChecked("password", password)) return false;  // unset, unreadable
+
+    // Stores the platform's ciphertext of `value` as `key`, replacing it. Failure: false with
+    // the option left as it was (never stored as ""), after logging as optSet does
+    // ("TLIBCCryptSzEncrypt: [0x%04X %s:%d]" or "calloc: %m"); TLIBCErrGet, TLIBCErrorGetFile,
+    // TLIBCErrorGetLine and errno then describe the failure.
+    bool optSetSecretChecked(const std::string &key, const std::string &value);
+
+    // Decrypts the secret `key` into `out`. Failure: false, `out` untouched: errno ENOENT when
+    // `key` is not set or does not convert to text (see the getters), nothing logged; or
+    // decryption failed, logged as optSecret does, with the platform error and errno readable
+    // as above. The stored text always goes to the platform, "" included (what a failed
+    // optSet(key, text, true) leaves, and what the generic platform refuses), where optSecret
+    // reads "" without asking.
+    bool optGetSecretChecked(const std::string &key, std::string &out) const;
+
     // Removes `key`; true only when it held a value other than JSON null.
     bool optRemove(const std::string &key);
     // Removes every option and the binding (the map is unbound, not loaded); the lock token and

@@ -327,6 +327,27 @@ TEST_F(Tool, PlantedLinksAndMissingKeysAreExplained) {
     });
 }
 
+// A secret that cannot be encrypted, the empty one included, is refused and nothing is stored;
+// an empty value is no secret to decrypt.
+TEST_F(Tool, SecretsThatCannotBeEncryptedAreNotStored) {
+    IN_PRIVATE_TMP([this] {
+        const std::string key = dir.file("secret.key");
+        writeFile(key, std::string(32, 'k'), 0644);
+        writeFile(conf, "[a]\npassword=\"\"\n");
+        for (const char *typed : {"\n", "s3cret\n"}) {
+            CommandResult r = run({"config", "set", conf, "a", "--secret", "password"}, typed);
+            CHILD_CHECK(r.exitCode == 7 &&
+                        r.err == "telobackup-util: cannot encrypt secret 'password': " + key +
+                                     " may be read or written by others: refused (chmod 600 it)\n");
+        }
+        CHILD_CHECK_EQ(std::string("[a]\npassword=\"\"\n"), readFile(conf));
+        CommandResult r = run({"config", "get", conf, "a", "password", "--secret"});
+        CHILD_CHECK(r.exitCode == 3 && r.out.empty() &&
+                    r.err == "telobackup-util: " + conf +
+                                 ": 'password' in [a] is not a secret (empty)\n");
+    });
+}
+
 // The dump reads the file once, yet each section comes out exactly as `get` prints it: every
 // kind of value, duplicate keys and sections, values that do not parse, names in byte order.
 TEST_F(Tool, DumpMatchesGetOfEverySection) {

@@ -148,9 +148,7 @@ std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
     struct stat st;
     bool hadKey = secrets.empty() || lstat(secretKeyPath().c_str(), &st) == 0 || errno != ENOENT;
     for (const auto &kv : secrets) {
-        map.optSet(kv.first, kv.second, true);
-        std::string stored;
-        if (map.optGet(kv.first, stored, false) && stored.empty() && !kv.second.empty()) {
+        if (!map.optSetSecretChecked(kv.first, kv.second)) {
             throw CommandError(kExitFailed,
                                "cannot encrypt secret '" + kv.first + "': " + keyProblem());
         }
@@ -241,14 +239,14 @@ void runGet(const ConfigArgs &args, const Context &context) {
                            args.file + ": no key '" + args.key + "' in [" + args.section + "]");
     }
     if (args.decrypt) {
-        if (!value.isString()) {
+        if (!value.isString() || value.asString().empty()) {
             throw CommandError(kExitInvalidFile, args.file + ": '" + args.key + "' in [" +
-                                                     args.section +
-                                                     "] is not a secret (not a string)");
+                                                     args.section + "] is not a secret (" +
+                                                     (value.isString() ? "empty" : "not a string") +
+                                                     ")");
         }
         std::string plain;
-        map.optGet(args.key, plain, true);
-        if (plain.empty() && !value.asString().empty()) {
+        if (!map.optGetSecretChecked(args.key, plain)) {
             throw CommandError(kExitFailed, "cannot decrypt '" + args.key + "': " + keyProblem());
         }
         value = plain;
