@@ -3,6 +3,7 @@
 #define TELOBACKUP_UTIL_H
 
 #include "telobackup/json_text.h"
+#include "telobackup/last_error.h"
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
 #include "telobackup/option_map.h"

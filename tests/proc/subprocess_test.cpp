@@ -30,7 +30,9 @@
 #include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
+#include "telobackup/last_error.h"
 
+using TELO::Backup::LaunchFailure;
 using TELO::Backup::PipeFile;
 using TELO::Backup::SubProcess;
 using namespace testsupport;
@@ -127,35 +129,61 @@ INSTANTIATE_TEST_SUITE_P(Paths, Launch, ::testing::Values(false, true),
 TEST_P(Launch, ExitStatusesAndTheChildsLines) {
     std::string missing = dir.file("no/file"), noFile = "open [" + missing + "] failed, " + kNoFile;
     Lines exit3 = helperCommand("exit", {"3"});
+    using Step = LaunchFailure::Step;
     struct Case {
         std::function<void(SubProcess &)> set;
         Lines args;  // as launched, when the child got that far
         int status;
         Lines errors;
+        LaunchFailure failure;  // what the overloads that take one report
     } cases[] = {
         // clang-format off
-        {[](SubProcess &) {}, exit3, 3, {}},
+        {[](SubProcess &) {}, exit3, 3, {}, {}},
         {[](SubProcess &sp) { sp.addArg("x"); }, {"/nonexistent", "x"}, 127,
-         {"execv [/nonexistent] failed, " + kNoFile}},
-        {[&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, {}, 127, {noFile}},
+         {"execv [/nonexistent] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
+        {[&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, {}, 127, {noFile},
+         {Step::kOpenStream, ENOENT, 1}},
         {[&](SubProcess &sp) { sp.setStdInput(missing); }, {}, 127,
-         {noFile, "dup2 0 failed, " + kNoFile}},
+         {noFile, "dup2 0 failed, " + kNoFile}, {Step::kOpenStream, ENOENT, 0}},
         {[](SubProcess &sp) { sp.setStdError(1000); }, {}, 127,
-         {"dup2(2) failed, Bad file descriptor"}},
+         {"dup2(2) failed, Bad file descriptor"}, {Step::kDupStream, EBADF, 2}},
         // clang-format on
     };
     for (Case &c : cases) {
         clearCapturedLines();
+        TELO::Backup::clearLastErrorText();
         SubProcess sp(c.args.empty() || c.status == 3 ? exit3 : Lines{"/nonexistent"});
         c.set(sp);
-        int status = 0, pid = sp.callNoWait({});
+        LaunchFailure failure;
+        failure.step = Step::kUnobserved;
+        int status = 0, pid = sp.callNoWait({}, failure);
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(c.status << 8, status);
         EXPECT_EQ(childLines("pid", c.args, c.errors), launcherLines(log, pid));
+        EXPECT_TRUE(failure.step == c.failure.step && failure.error == c.failure.error &&
+                    failure.stream == c.failure.stream)
+            << failure.step << " " << failure.error << " " << failure.stream;
+        // The caller's thread keeps the last error line it wrote for the child.
+        EXPECT_EQ(c.errors.empty() ? "" : log.lines().back().text, TELO::Backup::lastErrorText());
     }
     // No PATH search and no shell: paths are taken from "/", a blank belongs to the name.
     EXPECT_EQ(0, SubProcess("bin/true").call());
     EXPECT_EQ(127 << 8, SubProcess("true").call() | SubProcess("ls -l").call());
+    // A program that exits 127 itself is told apart from one that could not run.
+    LaunchFailure failure;
+    EXPECT_EQ(127 << 8, SubProcess(helperCommand("exit", {"127"})).call(failure));
+    EXPECT_EQ(LaunchFailure::kNone, failure.step);
+    EXPECT_EQ(127 << 8, SubProcess("ls -l").call(failure));
+    EXPECT_TRUE(failure.step == LaunchFailure::kExec && failure.error == ENOENT);
+    // Only root may chmod /dev/null (to the mode it has anyway).
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
+        SubProcess modeless(exit3);
+        modeless.setStdOutput("/dev/null", 0666);
+        LaunchFailure why;
+        CHILD_CHECK_EQ(127 << 8, modeless.call(why));
+        CHILD_CHECK(why.step == LaunchFailure::kModeStream && why.error == EPERM &&
+                    why.stream == 1);
+    });
 }
 
 // Unset streams are the null device, a kept stream is the caller's, a kept descriptor survives
@@ -367,7 +395,9 @@ TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
     SubProcess cat(helperCommand("cat"));
     cat.setStdInput(fifo);
     cat.setStdOutput(dir.file("out"), 0);
-    int status = -1, pid = cat.callNoWait({});
+    LaunchFailure failure;
+    int status = -1, pid = cat.callNoWait({}, failure);
+    EXPECT_EQ(LaunchFailure::kUnobserved, failure.step);
     int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
     EXPECT_EQ(3, write(writer, "hi\n", 3));
     close(writer);
@@ -384,10 +414,13 @@ TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
         PipeFile *pipe = nullptr;
         SubProcess sp(exit0);
         CHILD_CHECK(sp.call() == -1 && errno == EAGAIN);
+        LaunchFailure failure;
+        CHILD_CHECK(sp.call(failure) == -1 && failure.step == LaunchFailure::kFork &&
+                    failure.error == EAGAIN);
         CHILD_CHECK(sp.callNoWait({}) == -1 && !sp.callBackground(true));
         CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
         CHILD_CHECK(launcherLines(log) ==
-                    Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
+                    Lines(5, "self ERR fork failed, Resource temporarily unavailable"));
     });
 }
 

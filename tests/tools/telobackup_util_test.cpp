@@ -533,6 +533,11 @@ TEST_F(Tool, ProbeFindsAListener) {
     Json::Value result = parse(out({"--json", "probe", "127.0.0.1", port}));
     EXPECT_TRUE(result["result"].asInt() == 0 && result["ip"].asString() == "127.0.0.1");
     close(listener);
+    // Nothing listens any more: the message gives the reason.
+    CommandResult refused = run({"probe", "127.0.0.1", port, "--timeout", "2"});
+    EXPECT_EQ(6, refused.exitCode);
+    EXPECT_EQ("telobackup-util: 127.0.0.1:" + port + ": refused or failed: Connection refused\n",
+              refused.err);
 }
 
 // The one volume of the mount table is a directory of the test: temporaries and sessions land

@@ -1,5 +1,7 @@
 // probe: the first address of a host that accepts a TCP connection on a port.
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
 
 #include "cli.h"
 #include "telobackup/network/network.h"
@@ -19,6 +21,7 @@ void run(const ProbeArgs &args, const Context &context) {
     std::string ip;
     int result =
         TELO::Backup::Net::getAvailableIp(args.host, args.port, args.timeout, args.total, ip);
+    std::string reason = strerror(errno);  // the last try's reason, before output changes errno
     if (context.json) {
         Json::Value out;
         out["host"] = args.host;
@@ -40,8 +43,7 @@ void run(const ProbeArgs &args, const Context &context) {
         case -4:
             throw CommandError(kExitFailed, "the monotonic clock cannot be read");
         default:
-            throw CommandError(kExitUnreachable,
-                               target + ": refused or failed (see the system log)");
+            throw CommandError(kExitUnreachable, target + ": refused or failed: " + reason);
     }
 }
 
