@@ -504,6 +504,9 @@ SubProcess::SubProcess(std::vector<std::string> args) : d(new SubProcessPrivate)
 
 SubProcess::~SubProcess() = default;
 
+SubProcess::SubProcess(SubProcess &&other) noexcept = default;
+SubProcess &SubProcess::operator=(SubProcess &&other) noexcept = default;
+
 void SubProcess::addArg(const std::string &arg) {
     d->args_.push_back(arg);
 }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "internal/held_rename.h"
@@ -115,6 +116,27 @@ ScopedTempFile::~ScopedTempFile() {
     close();
     unlink();
     errno = saved;
+}
+
+ScopedTempFile::ScopedTempFile(ScopedTempFile &&other) noexcept
+    : fd_(std::exchange(other.fd_, -1)),
+      path_(std::move(other.path_)),
+      hash_(std::exchange(other.hash_, 0)) {
+    other.path_.clear();
+}
+
+ScopedTempFile &ScopedTempFile::operator=(ScopedTempFile &&other) noexcept {
+    if (this != &other) {
+        int saved = errno;
+        close();
+        unlink();
+        errno = saved;
+        fd_ = std::exchange(other.fd_, -1);
+        path_ = std::move(other.path_);
+        other.path_.clear();
+        hash_ = std::exchange(other.hash_, 0);
+    }
+    return *this;
 }
 
 bool ScopedTempFile::create(const std::string &templ) {
@@ -264,6 +286,23 @@ ScopedTempFolder::~ScopedTempFolder() {
     int saved = errno;
     unlink();
     errno = saved;
+}
+
+ScopedTempFolder::ScopedTempFolder(ScopedTempFolder &&other) noexcept
+    : path_(std::move(other.path_)), hash_(std::exchange(other.hash_, 0)) {
+    other.path_.clear();
+}
+
+ScopedTempFolder &ScopedTempFolder::operator=(ScopedTempFolder &&other) noexcept {
+    if (this != &other) {
+        int saved = errno;
+        unlink();
+        errno = saved;
+        path_ = std::move(other.path_);
+        other.path_.clear();
+        hash_ = std::exchange(other.hash_, 0);
+    }
+    return *this;
 }
 
 bool ScopedTempFolder::create(const std::string &templ) {

@@ -544,3 +544,23 @@ TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
 }
 
 }  // namespace
+
+// A command prepared by a function and returned: arguments, environment and redirections travel
+// with it.
+TEST(SubProcessMove, PreparedElsewhere) {
+    TempDir dir;
+    std::string out = dir.file("out");
+    auto prepare = [&out] {
+        SubProcess program(helperCommand("describe", {"fd:1"}));
+        program.setEnv("MOVED", "yes");
+        program.setStdOutput(out, 0);
+        return program;
+    };
+    SubProcess program = prepare();
+    SubProcess other("/nonexistent");
+    other = std::move(program);
+    EXPECT_EQ(0, other.call());
+    EXPECT_NE(std::string::npos, readFile(out).find("env MOVED=yes\n"));
+    program = prepare();  // a moved-from command can be assigned to again
+    EXPECT_EQ(other.getCmdline(), program.getCmdline());
+}

@@ -94,6 +94,12 @@ class TELO_EXPORT SubProcess {
     ~SubProcess();
     SubProcess(const SubProcess &) = delete;
     SubProcess &operator=(const SubProcess &) = delete;
+    // Hands the prepared arguments, environment and redirections over; programs already
+    // started are not affected. The moved-from object may only be destroyed or assigned to.
+    //     SubProcess rsyncTo(const std::string &dest) { SubProcess p("/usr/bin/rsync");
+    //                                                   p.addArg(dest); return p; }
+    SubProcess(SubProcess &&other) noexcept;
+    SubProcess &operator=(SubProcess &&other) noexcept;
 
     // Appends one argument.
     void addArg(const std::string &arg);
