@@ -11,6 +11,7 @@
 #include "telobackup/path/path_filter.h"
 #include "telobackup/path/path_telo.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/proc/conversation.h"
 #include "telobackup/proc/exec.h"
 #include "telobackup/proc/proc_util.h"
 #include "telobackup/proc/signal.h"
