@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,10 +14,12 @@
 
 #include "internal/eintr.h"
 #include "internal/unique_fd.h"
+#include "proc/exit_wait.h"
 
 namespace TELO {
 namespace Backup {
 
+using internal::openPidfd;
 using internal::retryOnEintr;
 using internal::UniqueFd;
 
@@ -30,16 +31,6 @@ long long nowMs() {
     struct timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-int openPidfd(pid_t pid) {
-#ifdef SYS_pidfd_open
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-#else
-    (void)pid;
-    errno = ENOSYS;
-    return -1;
-#endif
 }
 
 }  // namespace
