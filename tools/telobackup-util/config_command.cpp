@@ -12,6 +12,7 @@
 
 #include "cli.h"
 #include "config_dump.h"
+#include "input.h"
 #include "telobackup/json_text.h"
 #include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
@@ -34,6 +35,7 @@ struct ConfigArgs {
     std::vector<std::string> keys;
     std::string lockToken;
     double waitSeconds = -1;  // for the lock; negative: as long as it takes
+    std::string format;  // of get: "json" or "sh"; "" as --json says
     bool create = false;
     bool increasing = false;
     bool decrypt = false;
@@ -68,15 +70,20 @@ std::string defaultLockToken(const std::string &file) {
     return "telobackup-util." + Path::basename(resolved).substr(0, 100) + "." + hash;
 }
 
-// Fails with "not found" or "invalid file" unless `file` is an existing regular file.
-void requireFile(const std::string &file) {
+// Fails with "not found" or "invalid file" unless `file` is an existing regular file; `name`
+// is what messages call it.
+void requireFile(const std::string &file, const std::string &name) {
     struct stat st;
     if (stat(file.c_str(), &st) != 0) {
-        throw errno == ENOENT ? CommandError(kExitNotFound, file + ": no such file")
-                              : systemError(kExitInvalidFile, file);
+        throw errno == ENOENT ? CommandError(kExitNotFound, name + ": no such file")
+                              : systemError(kExitInvalidFile, name);
     }
-    if (!S_ISREG(st.st_mode)) throw CommandError(kExitInvalidFile, file + ": not a regular file");
-    if (access(file.c_str(), R_OK) != 0) throw systemError(kExitInvalidFile, file);
+    if (!S_ISREG(st.st_mode)) throw CommandError(kExitInvalidFile, name + ": not a regular file");
+    if (access(file.c_str(), R_OK) != 0) throw systemError(kExitInvalidFile, name);
+}
+
+void requireFile(const std::string &file) {
+    requireFile(file, file);
 }
 
 // The section argument names no section the map could be bound to.
@@ -156,8 +163,8 @@ std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
         }
     }
     if (!hadKey && lstat(secretKeyPath().c_str(), &st) == 0) {
-        std::cerr << "telobackup-util: created a new secret key " << secretKeyPath()
-                  << " (keep a copy: secrets cannot be read without it)\n";
+        printNotice("created a new secret key " + secretKeyPath() +
+                    " (keep a copy: secrets cannot be read without it)");
     }
     std::vector<std::string> keys;
     for (const auto &kv : values) keys.push_back(kv.first);
@@ -173,11 +180,16 @@ ConfigLock takeLock(const ConfigArgs &args) {
                       args.waitSeconds);
 }
 
-// The error of a failed load of `section`; not found is exit code 1.
-CommandError loadFailure(const std::string &file, const std::string &section) {
+// The error of a failed load of `section` from `file`, called `name`; not found is exit code 1.
+CommandError loadFailure(const std::string &file, const std::string &section,
+                         const std::string &name) {
     if (errno == ENOENT)
-        return CommandError(kExitNotFound, file + ": no section [" + section + "]");
-    return fileError(kExitInvalidFile, file, file);
+        return CommandError(kExitNotFound, name + ": no section [" + section + "]");
+    return fileError(kExitInvalidFile, name, file);
+}
+
+CommandError loadFailure(const std::string &file, const std::string &section) {
+    return loadFailure(file, section, file);
 }
 
 // Loads `section` of `file` into `map`.
@@ -206,11 +218,59 @@ void printValue(const Json::Value &value, bool json) {
     }
 }
 
+// `text` in single quotes for the POSIX shell, each ' written as '\''.
+std::string shellQuote(const std::string &text) {
+    std::string quoted = "'";
+    for (char c : text) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
+// A key `eval` can assign: letters, digits and "_", not beginning with a digit.
+bool isShellName(const std::string &key) {
+    if (key.empty() || (key[0] >= '0' && key[0] <= '9')) return false;
+    for (char c : key) {
+        bool fine = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '_';
+        if (!fine) return false;
+    }
+    return true;
+}
+
+// KEY='value' lines of `values` for eval: strings as their text, other values as JSON. Every
+// key and value is checked before anything is printed, so eval never sees half a section.
+void printShell(const Json::Value &values, const std::string &where) {
+    std::string text;
+    for (const std::string &key : values.getMemberNames()) {
+        if (!isShellName(key)) {
+            throw CommandError(kExitInvalidFile,
+                               where + ": key '" + key +
+                                   "' is no shell variable name (letters, digits and _, not "
+                                   "beginning with a digit): read it with --json");
+        }
+        const Json::Value &value = values[key];
+        std::string plain = value.isString() ? value.asString() : TELO::Backup::jsonToString(value);
+        if (plain.find('\0') != std::string::npos) {
+            throw CommandError(kExitInvalidFile, where + ": the value of '" + key +
+                                                     "' holds a NUL byte, which no shell "
+                                                     "variable can: read it with --json");
+        }
+        text += key + "=" + shellQuote(plain) + "\n";
+    }
+    writeOut(text.data(), text.size());
+}
+
 void runSections(const ConfigArgs &args, const Context &context) {
-    requireFile(args.file);
+    ConfigInput input(args.file);
+    requireFile(input.path(), input.name());
     std::list<std::string> names;
-    if (!OptionMap::optSectionListName(args.file, names))
-        throw fileError(kExitInvalidFile, args.file, args.file);
+    if (!OptionMap::optSectionListName(input.path(), names))
+        throw fileError(kExitInvalidFile, input.name(), input.path());
     if (context.json) {
         Json::Value list(Json::arrayValue);
         for (const std::string &name : names) list.append(name);
@@ -220,29 +280,61 @@ void runSections(const ConfigArgs &args, const Context &context) {
     }
 }
 
+// The keys of a section, as it is read (straight from the file: see runGet).
+Json::Value readSection(const ConfigInput &input, const std::string &section) {
+    requireFile(input.path(), input.name());
+    Json::Value all;
+    if (!TELO::Backup::SectionConfig::loadSection(input.path(), section, all)) {
+        throw loadFailure(input.path(), section, input.name());
+    }
+    return all.isNull() ? Json::Value(Json::objectValue) : all;
+}
+
+void runKeys(const ConfigArgs &args, const Context &context) {
+    requireSection(args.section, "keys");
+    ConfigInput input(args.file);
+    Json::Value all = readSection(input, args.section);
+    if (context.json) {
+        Json::Value list(Json::arrayValue);
+        for (const std::string &key : all.getMemberNames()) list.append(key);
+        printJson(list);
+    } else {
+        for (const std::string &key : all.getMemberNames()) printLine(key);
+    }
+}
+
 void runGet(const ConfigArgs &args, const Context &context) {
     requireSection(args.section, "get");
-    requireFile(args.file);
+    if (args.format == "sh" && context.json) {
+        throw CommandError(kExitUsage, "config get: --format sh and --json exclude each other");
+    }
+    const bool json = context.json || args.format == "json";
+    ConfigInput input(args.file);
+    const std::string where = input.name() + ": [" + args.section + "]";
     if (args.key.empty()) {
         // Straight from the file: a value as deep as a text may be would not survive a trip
         // through the text of the whole section.
-        Json::Value all;
-        if (!TELO::Backup::SectionConfig::loadSection(args.file, args.section, all)) {
-            throw loadFailure(args.file, args.section);
+        Json::Value all = readSection(input, args.section);
+        if (args.format == "sh") {
+            printShell(all, where);
+        } else {
+            printJson(all);
         }
-        printJson(all.isNull() ? Json::Value(Json::objectValue) : all);
         return;
     }
+    requireFile(input.path(), input.name());
     OptionMap map;
-    loadSection(map, args.file, args.section);
+    if (!map.optSectionLoad(input.path(), args.section, -1)) {
+        throw loadFailure(input.path(), args.section, input.name());
+    }
     Json::Value value;
     if (!map.optGet(args.key, value)) {
         throw CommandError(kExitNotFound,
-                           args.file + ": no key '" + args.key + "' in [" + args.section + "]");
+                           input.name() + ": no key '" + args.key + "' in [" + args.section + "]");
     }
     if (args.decrypt) {
         if (!value.isString()) {
-            throw CommandError(kExitInvalidFile, args.file + ": '" + args.key + "' in [" +
+            throw CommandError(kExitInvalidFile, input.name() + ": '" + args.key + "' in [" +
                                                      args.section +
                                                      "] is not a secret (not a string)");
         }
@@ -253,7 +345,13 @@ void runGet(const ConfigArgs &args, const Context &context) {
         }
         value = plain;
     }
-    printValue(value, context.json);
+    if (args.format == "sh") {
+        Json::Value one(Json::objectValue);
+        one[args.key] = value;
+        printShell(one, where);
+    } else {
+        printValue(value, json);
+    }
 }
 
 void runSet(const ConfigArgs &args, const Context &) {
@@ -337,9 +435,17 @@ void runNew(const ConfigArgs &args, const Context &context) {
 }
 
 void runDump(const ConfigArgs &args, const Context &) {
-    requireFile(args.file);
-    dumpSections(args.file);
+    ConfigInput input(args.file);
+    requireFile(input.path(), input.name());
+    dumpSections(input.path(), input.name());
 }
+
+// What a rewrite does to the section it edits, for the help of the commands that make one.
+const char kRewriteNote[] =
+    "A rewrite writes the section's keys in the object's order right under its header; the "
+    "comments and other lines that stood in the section follow them, and every line of FILE is "
+    "written back trimmed. A key line whose value is not JSON, a duplicate key or a second copy "
+    "of the section would be lost: the command then refuses and names the lines.";
 
 void addValueOptions(CLI::App *command, ConfigArgs &args) {
     command->add_option("--string", args.strings, "KEY=TEXT: a plain-text value (repeatable)")
@@ -377,17 +483,46 @@ void addConfigCommand(CLI::App &app, Context &context) {
     CLI::App *config = app.add_subcommand(
         "config", "Read and write section configuration files (values are one-line JSON)");
     config->require_subcommand(1);
+    setExamples(config,
+                "FILE may be - (standard input) for sections, keys, get and dump. Writes take a "
+                "lock shared by every writer of FILE.",
+                {{"telobackup-util config get tasks.conf task1", "a section as a JSON object"},
+                 {"telobackup-util config set tasks.conf task1 keep=14", "one value"}});
 
     CLI::App *sections = config->add_subcommand("sections", "List the section names of FILE");
-    sections->add_option("FILE", args->file, "Configuration file")->required();
+    sections->add_option("FILE", args->file, "Configuration file, or - for standard input")
+        ->required();
+    setExamples(sections, "",
+                {{"telobackup-util config sections tasks.conf", "one name a line"},
+                 {"ssh nas cat /etc/app/tasks.conf | telobackup-util --json config sections -",
+                  "a JSON array, from standard input"}});
     sections->callback([args, &context] { runSections(*args, context); });
+
+    CLI::App *keys = config->add_subcommand("keys", "List the keys of SECTION");
+    keys->add_option("FILE", args->file, "Configuration file, or - for standard input")
+        ->required();
+    keys->add_option("SECTION", args->section, "Section name")->required();
+    setExamples(keys, "",
+                {{"telobackup-util config keys tasks.conf task1", "one key a line, sorted"},
+                 {"telobackup-util --json config keys tasks.conf task1", "a JSON array"}});
+    keys->callback([args, &context] { runKeys(*args, context); });
 
     CLI::App *get = config->add_subcommand(
         "get", "Print SECTION as a JSON object, or the value of KEY (strings as plain text)");
-    get->add_option("FILE", args->file, "Configuration file")->required();
+    get->add_option("FILE", args->file, "Configuration file, or - for standard input")->required();
     get->add_option("SECTION", args->section, "Section name")->required();
     get->add_option("KEY", args->key, "Key to print");
     get->add_flag("--secret", args->decrypt, "Decrypt KEY, a secret value");
+    get->add_option("--format", args->format,
+                    "json: values as JSON (as --json); sh: KEY='value' lines for eval, strings "
+                    "as their text, quoted for the POSIX shell")
+        ->check(CLI::IsMember({"json", "sh"}));
+    setExamples(get, "",
+                {{"telobackup-util config get tasks.conf task1 keep", "one value"},
+                 {"eval \"$(telobackup-util config get tasks.conf task1 --format sh)\"",
+                  "every key of the section as a shell variable"},
+                 {"telobackup-util config get tasks.conf task1 password --secret",
+                  "a secret, decrypted"}});
     get->callback([args, &context] { runGet(*args, context); });
 
     CLI::App *set = config->add_subcommand("set", "Set values in SECTION, keeping its other keys");
@@ -397,6 +532,11 @@ void addConfigCommand(CLI::App &app, Context &context) {
     addValueOptions(set, *args);
     set->add_flag("--create", args->create, "Create FILE and SECTION when missing");
     addLockOption(set, *args);
+    setExamples(set, kRewriteNote,
+                {{"telobackup-util config set tasks.conf task1 keep=14 enabled=true",
+                  "two values as JSON"},
+                 {"telobackup-util config set tasks.conf task1 --string 'note=two words'",
+                  "a plain-text value"}});
     set->callback([args, &context] { runSet(*args, context); });
 
     CLI::App *unset = config->add_subcommand("unset", "Remove keys from SECTION");
@@ -404,12 +544,20 @@ void addConfigCommand(CLI::App &app, Context &context) {
     unset->add_option("SECTION", args->section, "Section name")->required();
     unset->add_option("KEY", args->keys, "Keys to remove")->required();
     addLockOption(unset, *args);
+    setExamples(unset, kRewriteNote,
+                {{"telobackup-util config unset tasks.conf task1 note", "one key"},
+                 {"telobackup-util config unset tasks.conf task1 keep note", "two keys"}});
     unset->callback([args, &context] { runUnset(*args, context); });
 
-    CLI::App *del = config->add_subcommand("delete", "Remove SECTION and all its lines");
+    CLI::App *del = config->add_subcommand(
+        "delete", "Remove SECTION and all its lines, the comments inside it included");
     del->add_option("FILE", args->file, "Configuration file")->required();
     del->add_option("SECTION", args->section, "Section name")->required();
     addLockOption(del, *args);
+    setExamples(del, "Every copy of SECTION goes; the rest of FILE is written back as it reads.",
+                {{"telobackup-util config delete tasks.conf task2", "remove a task"},
+                 {"telobackup-util config delete tasks.conf task2 --wait 10",
+                  "give up after 10 s if another writer holds the lock"}});
     del->callback([args, &context] { runDelete(*args, context); });
 
     CLI::App *create = config->add_subcommand(
@@ -423,10 +571,21 @@ void addConfigCommand(CLI::App &app, Context &context) {
     create->add_flag("--increasing", args->increasing,
                      "Never reuse a number, even of a removed section (counter in [global])");
     addLockOption(create, *args);
+    setExamples(create, "",
+                {{"telobackup-util config new tasks.conf task name='\"nightly\"'",
+                  "prints task1, then task2, ..."},
+                 {"printf '%s\\n' \"$pw\" | telobackup-util config new tasks.conf task "
+                  "--increasing --secret password",
+                  "an encrypted value from standard input; numbers never reused"}});
     create->callback([args, &context] { runNew(*args, context); });
 
     CLI::App *dump = config->add_subcommand("dump", "Print FILE as one JSON object of objects");
-    dump->add_option("FILE", args->file, "Configuration file")->required();
+    dump->add_option("FILE", args->file, "Configuration file, or - for standard input")
+        ->required();
+    setExamples(dump, "",
+                {{"telobackup-util config dump tasks.conf > tasks.json", "every section"},
+                 {"telobackup-util config dump tasks.conf | jq '.task1.keep'",
+                  "one value through jq"}});
     dump->callback([args, &context] { runDump(*args, context); });
 }
 
