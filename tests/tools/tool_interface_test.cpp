@@ -126,7 +126,7 @@ TEST_F(Tool, JsonErrorsAndNotices) {
     // The same failures without --json: text lines, and the unknown word named.
     CommandResult r = run({"config", "frobnicate"});
     EXPECT_EQ("telobackup-util: unknown config command 'frobnicate' (expected sections, keys, get, "
-              "set, unset, delete, new or dump)\nRun with --help for usage.\n",
+              "set, unset, delete, new, import or dump)\nRun with --help for usage.\n",
               r.err);
     // --json after the command changes the output as before it.
     EXPECT_EQ("[\"a\"]\n", out({"config", "sections", conf, "--json"}));

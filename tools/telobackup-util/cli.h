@@ -48,6 +48,7 @@ class CommandError : public std::runtime_error {
 // Options shared by every command.
 struct Context {
     bool json = false;  // machine-readable output, and errors and notices as JSON objects
+    int exitCode = 0;   // of a command that succeeds but reports something (a dry run's change)
 };
 
 // Writes an error to standard error: "telobackup-util: <line>" for every line of `message`,

@@ -9,14 +9,17 @@
 #include <iostream>
 #include <list>
 #include <memory>
+#include <set>
 
 #include "cli.h"
 #include "config_dump.h"
+#include "config_rewrite.h"
 #include "input.h"
 #include "telobackup/json_text.h"
 #include "telobackup/option_map.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/section_config.h"
+#include "unified_diff.h"
 
 namespace telocli {
 
@@ -33,12 +36,15 @@ struct ConfigArgs {
     std::vector<std::string> strings;      // KEY=TEXT
     std::vector<std::string> secrets;      // KEY, value read from standard input
     std::vector<std::string> keys;
+    std::string fromJson;  // @FILE or @-: members to set
     std::string lockToken;
     double waitSeconds = -1;  // for the lock; negative: as long as it takes
     std::string format;  // of get: "json" or "sh"; "" as --json says
     bool create = false;
     bool increasing = false;
     bool decrypt = false;
+    bool dryRun = false;
+    bool force = false;  // rewrite even when lines would be lost
 };
 
 // FNV-1a, enough to tell files apart in a lock file name.
@@ -109,7 +115,7 @@ std::pair<std::string, std::string> splitAssignment(const std::string &arg, cons
 // refuses it too, but `config new` must know before it creates the section).
 void checkKey(const std::string &key) {
     auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
-    if (key.find_first_of("=\n") != std::string::npos ||
+    if (key.empty() || key.find_first_of("=\n") != std::string::npos ||
         (!key.empty() &&
          (blank(key.front()) || blank(key.back()) || key[0] == '#' || key[0] == '['))) {
         throw CommandError(kExitUsage, "bad key '" + key +
@@ -132,6 +138,14 @@ std::string readSecret(const std::string &key) {
 // returns the keys set.
 std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
     std::vector<std::pair<std::string, Json::Value>> values;
+    if (!args.fromJson.empty()) {
+        if (args.fromJson == "@-" && !args.secrets.empty()) {
+            throw CommandError(kExitUsage,
+                               "--from-json @- and --secret cannot both read standard input");
+        }
+        Json::Value object = readJsonObject(args.fromJson, "--from-json");
+        for (const std::string &key : object.getMemberNames()) values.emplace_back(key, object[key]);
+    }
     for (const std::string &arg : args.assignments) {
         auto kv = splitAssignment(arg, "value");
         Json::Value value;
@@ -354,15 +368,37 @@ void runGet(const ConfigArgs &args, const Context &context) {
     }
 }
 
-void runSet(const ConfigArgs &args, const Context &) {
+// The text of FILE before a rewrite, refusing it when lines not named in `touched` would be
+// lost (unless --force); the caller holds the lock.
+std::string checkRewrite(const ConfigArgs &args, const std::string &section,
+                         const std::set<std::string> &touched) {
+    std::string text;
+    if (!readConfigText(args.file, text)) return text;
+    if (!args.force) refuseLostLines(args.file, text, section, touched);
+    return text;
+}
+
+// {"changed":BOOL} under --json, comparing FILE with its text before the rewrite.
+void printChanged(const ConfigArgs &args, const Context &context, const std::string &before) {
+    if (!context.json || args.dryRun) return;
+    std::string after;
+    readConfigText(args.file, after);
+    Json::Value out;
+    out["changed"] = after != before;
+    printJson(out);
+}
+
+void runSet(const ConfigArgs &args, const Context &context) {
     requireSection(args.section, "set");
-    if (args.assignments.empty() && args.strings.empty() && args.secrets.empty()) {
+    if (args.assignments.empty() && args.strings.empty() && args.secrets.empty() &&
+        args.fromJson.empty()) {
         throw CommandError(kExitUsage, "config set: nothing to set");
     }
     if (!args.create) requireFile(args.file);
     OptionMap map;
     std::vector<std::string> keys = applyValues(args, map);  // before the lock: stdin may be slow
     ConfigLock lock = takeLock(args);
+    std::string before = checkRewrite(args, args.section, {keys.begin(), keys.end()});
     OptionMap current;
     if (!current.optSectionLoad(args.file, args.section, -1) && (errno != ENOENT || !args.create)) {
         loadSection(current, args.file, args.section);  // reports the failure
@@ -373,21 +409,24 @@ void runSet(const ConfigArgs &args, const Context &) {
         current.optSet(key, value);
     }
     exportSection(current, args.file, args.section, args.create);
+    printChanged(args, context, before);
     lock.release();
 }
 
-void runUnset(const ConfigArgs &args, const Context &) {
+void runUnset(const ConfigArgs &args, const Context &context) {
     requireSection(args.section, "unset");
     requireFile(args.file);
     ConfigLock lock = takeLock(args);
+    std::string before = checkRewrite(args, args.section, {args.keys.begin(), args.keys.end()});
     OptionMap map;
     loadSection(map, args.file, args.section);
     for (const std::string &key : args.keys) map.optRemove(key);
     exportSection(map, args.file, args.section, false);
+    printChanged(args, context, before);
     lock.release();
 }
 
-void runDelete(const ConfigArgs &args, const Context &) {
+void runDelete(const ConfigArgs &args, const Context &context) {
     requireSection(args.section, "delete");
     requireFile(args.file);
     ConfigLock lock = takeLock(args);
@@ -398,6 +437,66 @@ void runDelete(const ConfigArgs &args, const Context &) {
             throw CommandError(kExitNotFound, args.file + ": no section [" + args.section + "]");
         }
         throw fileError(kExitCannotWrite, "cannot write " + args.file, args.file);
+    }
+    lock.release();
+    if (context.json && !args.dryRun) {
+        Json::Value out;
+        out["changed"] = true;
+        printJson(out);
+    }
+}
+
+// The sections of a dump: every member an object of valid keys.
+Json::Value readDump(const ConfigArgs &args) {
+    Json::Value dump = readJsonObject(args.fromJson, "config import");
+    for (const std::string &section : dump.getMemberNames()) {
+        if (section.find_first_of(std::string("\n\0", 2)) != std::string::npos) {
+            throw CommandError(kExitUsage, "config import: bad section name '" + section + "'");
+        }
+        if (!dump[section].isObject()) {
+            throw CommandError(kExitUsage,
+                               "config import: [" + section + "] is not a JSON object of keys");
+        }
+        for (const std::string &key : dump[section].getMemberNames()) checkKey(key);
+    }
+    return dump;
+}
+
+void runImport(const ConfigArgs &args, const Context &context) {
+    Json::Value dump = readDump(args);
+    if (!args.create) requireFile(args.file);
+    ConfigLock lock = takeLock(args);
+    std::string before;
+    bool exists = readConfigText(args.file, before);
+    if (!exists && !args.create) throw CommandError(kExitNotFound, args.file + ": no such file");
+    // Everything is checked before the first section is written.
+    std::list<std::string> present;
+    if (exists && !OptionMap::optSectionListName(args.file, present)) {
+        throw fileError(kExitInvalidFile, args.file, args.file);
+    }
+    std::set<std::string> have(present.begin(), present.end());
+    for (const std::string &section : dump.getMemberNames()) {
+        if (!args.create && have.count(section) == 0) {
+            throw CommandError(kExitNotFound, args.file + ": no section [" + section +
+                                                  "] (add --create to make the missing ones)");
+        }
+        std::vector<std::string> keys = dump[section].getMemberNames();
+        if (!args.force) refuseLostLines(args.file, before, section, {keys.begin(), keys.end()});
+    }
+    for (const std::string &section : dump.getMemberNames()) {
+        if (!TELO::Backup::SectionConfig::updateSection(args.file, section, dump[section],
+                                                        args.create)) {
+            throw fileError(kExitCannotWrite, "cannot write [" + section + "] of " + args.file,
+                            args.file);
+        }
+    }
+    if (context.json && !args.dryRun) {
+        std::string after;
+        readConfigText(args.file, after);
+        Json::Value out;
+        out["changed"] = after != before;
+        out["sections"] = static_cast<Json::UInt>(dump.size());
+        printJson(out);
     }
     lock.release();
 }
@@ -424,8 +523,10 @@ void runNew(const ConfigArgs &args, const Context &context) {
             args.file);
     }
     lock.release();
+    if (args.dryRun) return;
     if (context.json) {
         Json::Value out;
+        out["changed"] = true;
         out["section"] = map.optSectionGetName();
         out["id"] = map.optSectionGetId();
         printJson(out);
@@ -440,12 +541,52 @@ void runDump(const ConfigArgs &args, const Context &) {
     dumpSections(input.path(), input.name());
 }
 
+using Writer = void (*)(const ConfigArgs &, const Context &);
+
+// Runs a writing command, or with --dry-run runs it on a private copy of FILE and prints the
+// unified diff from FILE to the copy instead; a dry run that would change something ends with
+// exit status 1, as diff does.
+void runWriting(Writer write, const ConfigArgs &args, Context &context) {
+    if (!args.dryRun) {
+        write(args, context);
+        return;
+    }
+    DryRunCopy copy(args.file);
+    ConfigArgs onCopy = args;
+    onCopy.file = copy.path();
+    if (onCopy.lockToken.empty()) onCopy.lockToken = defaultLockToken(args.file);
+    try {
+        write(onCopy, context);
+    } catch (const CommandError &e) {
+        // Messages name FILE, not the copy.
+        std::string message = e.what();
+        for (size_t at = message.find(copy.path()); at != std::string::npos;
+             at = message.find(copy.path(), at + args.file.size())) {
+            message.replace(at, copy.path().size(), args.file);
+        }
+        throw CommandError(e.code(), message, e.details());
+    }
+    std::string after = copy.after();
+    std::string diff = unifiedDiff(copy.before(), after, args.file, args.file);
+    if (context.json) {
+        Json::Value out;
+        out["changed"] = !diff.empty();
+        out["diff"] = diff;
+        printJson(out);
+    } else {
+        writeOut(diff.data(), diff.size());
+    }
+    context.exitCode = diff.empty() ? kExitOk : kExitNotFound;
+}
+
 // What a rewrite does to the section it edits, for the help of the commands that make one.
 const char kRewriteNote[] =
     "A rewrite writes the section's keys in the object's order right under its header; the "
     "comments and other lines that stood in the section follow them, and every line of FILE is "
-    "written back trimmed. A key line whose value is not JSON, a duplicate key or a second copy "
-    "of the section would be lost: the command then refuses and names the lines.";
+    "written back trimmed. A key line whose value is not JSON, an earlier duplicate of a key or "
+    "a key of a second copy of the section would be lost: the command then refuses with exit "
+    "status 3 and names each such line (FILE:LINE: text); --force accepts the loss. --dry-run "
+    "shows the diff first.";
 
 void addValueOptions(CLI::App *command, ConfigArgs &args) {
     command->add_option("--string", args.strings, "KEY=TEXT: a plain-text value (repeatable)")
@@ -457,7 +598,19 @@ void addValueOptions(CLI::App *command, ConfigArgs &args) {
         ->allow_extra_args(false);
 }
 
+void addDryRunOption(CLI::App *command, ConfigArgs &args) {
+    command->add_flag("--dry-run", args.dryRun,
+                      "Print the unified diff of the file that would be written and change "
+                      "nothing; exit status 0 when nothing would change, 1 when something would");
+}
+
+void addForceOption(CLI::App *command, ConfigArgs &args) {
+    command->add_flag("--force", args.force,
+                      "Rewrite even when lines of the section would be lost (see below)");
+}
+
 void addLockOption(CLI::App *command, ConfigArgs &args) {
+    addDryRunOption(command, args);
     command->add_option("--lock", args.lockToken,
                         "Lock token shared with the other writers of FILE (default: "
                         "telobackup-util.<name>.<hash of the real path>)");
@@ -530,24 +683,30 @@ void addConfigCommand(CLI::App &app, Context &context) {
     set->add_option("SECTION", args->section, "Section name")->required();
     set->add_option("VALUES", args->assignments, "KEY=JSON pairs: values as JSON texts");
     addValueOptions(set, *args);
+    set->add_option("--from-json", args->fromJson,
+                    "@FILE or @-: set every member of a JSON object (with the VALUES) in one "
+                    "rewrite")
+        ->option_text("@FILE|@-");
     set->add_flag("--create", args->create, "Create FILE and SECTION when missing");
+    addForceOption(set, *args);
     addLockOption(set, *args);
     setExamples(set, kRewriteNote,
                 {{"telobackup-util config set tasks.conf task1 keep=14 enabled=true",
                   "two values as JSON"},
                  {"telobackup-util config set tasks.conf task1 --string 'note=two words'",
                   "a plain-text value"}});
-    set->callback([args, &context] { runSet(*args, context); });
+    set->callback([args, &context] { runWriting(runSet, *args, context); });
 
     CLI::App *unset = config->add_subcommand("unset", "Remove keys from SECTION");
     unset->add_option("FILE", args->file, "Configuration file")->required();
     unset->add_option("SECTION", args->section, "Section name")->required();
     unset->add_option("KEY", args->keys, "Keys to remove")->required();
+    addForceOption(unset, *args);
     addLockOption(unset, *args);
     setExamples(unset, kRewriteNote,
                 {{"telobackup-util config unset tasks.conf task1 note", "one key"},
                  {"telobackup-util config unset tasks.conf task1 keep note", "two keys"}});
-    unset->callback([args, &context] { runUnset(*args, context); });
+    unset->callback([args, &context] { runWriting(runUnset, *args, context); });
 
     CLI::App *del = config->add_subcommand(
         "delete", "Remove SECTION and all its lines, the comments inside it included");
@@ -558,7 +717,7 @@ void addConfigCommand(CLI::App &app, Context &context) {
                 {{"telobackup-util config delete tasks.conf task2", "remove a task"},
                  {"telobackup-util config delete tasks.conf task2 --wait 10",
                   "give up after 10 s if another writer holds the lock"}});
-    del->callback([args, &context] { runDelete(*args, context); });
+    del->callback([args, &context] { runWriting(runDelete, *args, context); });
 
     CLI::App *create = config->add_subcommand(
         "new",
@@ -577,7 +736,27 @@ void addConfigCommand(CLI::App &app, Context &context) {
                  {"printf '%s\\n' \"$pw\" | telobackup-util config new tasks.conf task "
                   "--increasing --secret password",
                   "an encrypted value from standard input; numbers never reused"}});
-    create->callback([args, &context] { runNew(*args, context); });
+    create->callback([args, &context] { runWriting(runNew, *args, context); });
+
+    CLI::App *import = config->add_subcommand(
+        "import", "Restore the output of config dump: replace the keys of every section it names");
+    import->add_option("FILE", args->file, "Configuration file")->required();
+    import->add_option("DUMP", args->fromJson, "@FILE, @- or the JSON text of a dump: an object of sections")
+        ->required()
+        ->option_text("@FILE|@-|JSON");
+    import->add_flag("--create", args->create, "Create FILE and the missing sections");
+    addForceOption(import, *args);
+    addLockOption(import, *args);
+    setExamples(import,
+                std::string(kRewriteNote) +
+                    " Sections FILE holds but DUMP does not name are kept; all sections are "
+                    "checked, then written under one lock.",
+                {{"telobackup-util config import new.conf @tasks.json --create",
+                  "restore a dump into a new file"},
+                 {"telobackup-util config dump a.conf | telobackup-util config import b.conf @- "
+                  "--dry-run",
+                  "what copying a.conf's sections into b.conf would change"}});
+    import->callback([args, &context] { runWriting(runImport, *args, context); });
 
     CLI::App *dump = config->add_subcommand("dump", "Print FILE as one JSON object of objects");
     dump->add_option("FILE", args->file, "Configuration file, or - for standard input")

@@ -198,7 +198,7 @@ int run(int argc, char **argv) {
         printError(e.what(), kExitFailed);
         return kExitFailed;
     }
-    return kExitOk;
+    return context.exitCode;
 }
 
 }  // namespace

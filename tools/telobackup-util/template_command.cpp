@@ -3,6 +3,7 @@
 
 #include "cli.h"
 #include "input.h"
+#include "telobackup/json_text.h"
 #include "telobackup/mustache.h"
 
 namespace telocli {
@@ -13,7 +14,35 @@ struct TemplateArgs {
     std::string templ;  // a file, or "-" for standard input
     std::string vars;   // JSON text, or @FILE, or @- for standard input
     bool jsonStrings = false;
+    bool strict = false;
 };
+
+// replaceMustache(templ, vars, jsonStrings) that fails at the first tag without a member
+// (the library's JSON overload leaves such tags out).
+std::string fillStrictly(const std::string &templ, const Json::Value &vars, bool jsonStrings,
+                         const std::string &what) {
+    std::string missing;
+    bool failed = false;
+    std::string filled = TELO::Backup::replaceMustache(
+        templ, [&](const std::string &name, std::string &text) {
+            if (!vars.isMember(name)) {
+                if (!failed) missing = name;
+                failed = true;
+                return false;
+            }
+            const Json::Value &value = vars[name];
+            if (value.isNull()) {
+                text.clear();
+            } else if (value.isString() && !jsonStrings) {
+                text = value.asString();
+            } else {
+                text = TELO::Backup::jsonToString(value);
+            }
+            return true;
+        });
+    if (failed) throw CommandError(kExitNotFound, what + ": the tag {{" + missing + "}} has no value");
+    return filled;
+}
 
 void run(const TemplateArgs &args, const Context &context) {
     if (args.templ == "-" && args.vars == "@-") {
@@ -21,7 +50,9 @@ void run(const TemplateArgs &args, const Context &context) {
     }
     Json::Value vars = readJsonObject(args.vars, "--vars");
     std::string templ = readInput(args.templ, "template " + args.templ);
-    std::string filled = TELO::Backup::replaceMustache(templ, vars, args.jsonStrings);
+    std::string filled =
+        args.strict ? fillStrictly(templ, vars, args.jsonStrings, "template " + args.templ)
+                    : TELO::Backup::replaceMustache(templ, vars, args.jsonStrings);
     if (context.json) {
         Json::Value out;
         out["text"] = filled;
@@ -43,8 +74,11 @@ void addTemplateCommand(CLI::App &app, Context &context) {
         ->required();
     command->add_flag("--json-strings", args->jsonStrings,
                       "Insert string members as quoted JSON strings");
+    command->add_flag("--strict", args->strict,
+                      "Fail with exit status 1, naming the first tag that has no member, instead "
+                      "of leaving such tags out");
     setExamples(command,
-                "A tag without a member is left out. --json prints {\"text\":...}.",
+                "A tag without a member is left out (--strict fails instead). --json prints {\"text\":...}.",
                 {{"telobackup-util template notify.tmpl --vars '{\"name\":\"nightly\"}'",
                   "fill notify.tmpl"},
                  {"telobackup-util config get tasks.conf task1 | telobackup-util template "
