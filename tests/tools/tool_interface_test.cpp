@@ -27,15 +27,22 @@ std::vector<std::string> linesOf(const std::string &text) {
 
 // A TCP port of the loopback on which nothing listens: bound, so nobody else takes it, but
 // refusing every connection. Closed with the object.
+// A TCP socket bound to a free port of the loopback, whose address it fills in.
+int boundLoopbackSocket(sockaddr_in &address) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    bind(fd, reinterpret_cast<sockaddr *>(&address), length);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    return fd;
+}
+
 struct RefusingPort {
     RefusingPort() {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        bind(fd, reinterpret_cast<sockaddr *>(&address), length);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+        sockaddr_in address;
+        fd = boundLoopbackSocket(address);
         port = std::to_string(ntohs(address.sin_port));
     }
     ~RefusingPort() { close(fd); }
@@ -47,18 +54,13 @@ struct RefusingPort {
 // connection's SYN and the connect can only time out.
 struct SilentPort {
     SilentPort() {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        bind(fd, reinterpret_cast<sockaddr *>(&address), length);
+        sockaddr_in address;
+        fd = boundLoopbackSocket(address);
         listen(fd, 0);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
         port = std::to_string(ntohs(address.sin_port));
         for (int &client : clients) {
             client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            connect(client, reinterpret_cast<sockaddr *>(&address), length);
+            connect(client, reinterpret_cast<sockaddr *>(&address), sizeof(address));
         }
     }
     ~SilentPort() {

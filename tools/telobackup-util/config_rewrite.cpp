@@ -57,20 +57,23 @@ struct FileCloser {
     void operator()(FILE *f) const { fclose(f); }
 };
 
-// Line `number` (1-based) of `text` as it reads: trimmed, up to a NUL byte.
-std::string lineText(const std::string &text, size_t number) {
-    size_t start = 0;
-    for (size_t n = 1; n < number && start != std::string::npos; ++n) {
-        start = text.find('\n', start);
-        if (start != std::string::npos) ++start;
-    }
-    if (start == std::string::npos) return "";
-    size_t end = text.find_first_of(std::string("\n\0", 2), start);
-    std::string line = text.substr(start, end == std::string::npos ? end : end - start);
+// The trimmed text of every line of `text`, each up to a NUL byte.
+std::vector<std::string> linesOf(const std::string &text) {
+    std::vector<std::string> lines;
     const char *blanks = " \t\r\n";
-    size_t first = line.find_first_not_of(blanks);
-    if (first == std::string::npos) return "";
-    return line.substr(first, line.find_last_not_of(blanks) - first + 1);
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(start, end - start);
+        line = line.substr(0, line.find('\0'));
+        size_t first = line.find_first_not_of(blanks);
+        lines.push_back(first == std::string::npos
+                            ? std::string()
+                            : line.substr(first, line.find_last_not_of(blanks) - first + 1));
+        start = end + 1;
+    }
+    return lines;
 }
 
 }  // namespace
@@ -115,6 +118,7 @@ void refuseLostLines(const std::string &file, const std::string &text, const std
             loaded[line.key].swap(value);
         }
     }
+    std::vector<std::string> lines;
     std::string message;
     Json::Value lost(Json::arrayValue);
     bool notJson = false;
@@ -125,7 +129,9 @@ void refuseLostLines(const std::string &file, const std::string &text, const std
         auto kept = loaded.find(line.key);
         if (parsed && kept != loaded.end() && kept->second == value) continue;
         notJson = notJson || !parsed;
-        std::string lineTextNow = lineText(text, line.number);
+        if (lines.empty()) lines = linesOf(text);
+        const std::string &lineTextNow =
+            line.number <= lines.size() ? lines[line.number - 1] : line.key;
         message += "\n" + file + ":" + std::to_string(line.number) + ": " + lineTextNow;
         Json::Value entry;
         entry["file"] = file;
