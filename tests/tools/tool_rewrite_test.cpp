@@ -153,6 +153,12 @@ TEST_F(Tool, WritingCommandsPrintJsonResults) {
     EXPECT_EQ("{\"changed\":true,\"id\":1,\"section\":\"b1\"}\n",
               out({"--json", "config", "new", conf, "b"}));
     EXPECT_EQ("{\"changed\":true}\n", out({"--json", "config", "delete", conf, "b1"}));
+    IN_PRIVATE_TMP([this] {
+        Json::Value session = parse(out({"--json", "session", "create"}));
+        std::string id = session["id"].asString();
+        CHILD_CHECK_EQ("{\"changed\":true,\"id\":\"" + id + "\"}\n",
+                       out({"--json", "session", "destroy", id}));
+    });
     CommandResult r = run({"--json", "log", "hello"});
     EXPECT_EQ("{\"file\":\"" + dir.file("app.log") + "\",\"logged\":true}\n", r.out);
     writeFile(dir.file("t.tmpl"), "Hi {{name}}{{none}}!");
