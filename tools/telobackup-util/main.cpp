@@ -24,10 +24,12 @@ namespace telocli {
 
 const char *exitCodeTable() {
     return "Exit status:\n"
-           "  0  success\n"
-           "  1  not found (file, section, key, share, session, volume)\n"
+           "  0  success (--dry-run: nothing would change)\n"
+           "  1  not found (file, section, key, share, session, volume, a tag under\n"
+           "     template --strict); --dry-run: something would change\n"
            "  2  usage error (unknown option, bad JSON, bad name)\n"
-           "  3  invalid file (exists but cannot be read as expected)\n"
+           "  3  invalid file (exists but cannot be read as expected, or a rewrite would lose\n"
+           "     lines of it)\n"
            "  4  cannot write (a file could not be created or rewritten, or standard output\n"
            "     failed)\n"
            "  5  lock not obtained\n"
