@@ -178,6 +178,11 @@ std::string Net::getIpFromAddr(const std::string &addr) {
 
 int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
                         std::string &ip) {
+    return getAvailableIp(addr, port, timeoutSec, totalSec, ip, ProbeObserver());
+}
+
+int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
+                        std::string &ip, const ProbeObserver &observer) {
     timespec start;
     if (clock_gettime(CLOCK_MONOTONIC, &start) != 0) {
         TELO_LOG_SHORT(LOG_ERR, "clock_gettime failed [%m]");
@@ -193,7 +198,13 @@ int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int t
     internal::ProbeBudget budget = internal::probeBudget(timeoutSec, totalSec, candidates.size());
     int result = -1;
     for (const std::string &candidate : candidates) {
+        if (observer.trying) observer.trying(candidate);
         result = testIpAndPortConnect(candidate.c_str(), port, budget.perTry);
+        if (observer.tried) {
+            int error = errno;
+            observer.tried(candidate, result, error);
+            errno = error;
+        }
         if (result == 0) {
             ip = candidate;
             return 0;

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 
 #include "cli.h"
@@ -105,8 +104,8 @@ int waitForLock(int fd, const std::string &token, double waitSeconds) {
         Clock::time_point now = Clock::now();
         if (!noticed && now >= start + kNoticeAfter) {
             std::string holder = lockHolder(fd);
-            std::cerr << "telobackup-util: waiting for the configuration lock " << token
-                      << ", held by " << (holder.empty() ? "another process" : holder) << "\n";
+            printNotice("waiting for the configuration lock " + token + ", held by " +
+                        (holder.empty() ? "another process" : holder));
             noticed = true;
         }
         if (bounded && now >= deadline) {

@@ -7,6 +7,7 @@
 #ifndef TELOBACKUP_NETWORK_NETWORK_H
 #define TELOBACKUP_NETWORK_NETWORK_H
 
+#include <functional>
 #include <string>
 
 #include "telobackup/export.h"
@@ -53,6 +54,21 @@ class TELO_EXPORT Net {
     //         fprintf(stderr, "unreachable: %s\n", strerror(errno));  // "Connection refused"
     static int getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
                               std::string &ip);
+
+    // What getAvailableIp reports of each try, for a caller that shows its progress; either
+    // member may be empty. Both are called on the caller's thread, inside the call.
+    struct ProbeObserver {
+        // Before a candidate address is tried.
+        std::function<void(const std::string &address)> trying;
+        // After the try: its result (0, -1 or -2 as testIpAndPortConnect gives them) and the
+        // errno it left (ECONNREFUSED for a refused connection).
+        std::function<void(const std::string &address, int result, int error)> tried;
+    };
+
+    // getAvailableIp(addr, port, timeoutSec, totalSec, ip) that tells `observer` of every try
+    // it makes; results, logs and errno are the same.
+    static int getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
+                              std::string &ip, const ProbeObserver &observer);
 
     // As above with a budget derived from `timeoutSec` and the number n of candidates: each
     // try gets timeoutSec / n seconds and the whole timeoutSec when that share exceeds 15
