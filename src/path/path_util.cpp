@@ -14,6 +14,7 @@
 #include <memory>
 #include <new>
 
+#include "internal/access_attributes.h"
 #include "internal/held_rename.h"
 #include "internal/safe_open.h"
 #include "internal/syslog.h"
@@ -363,6 +364,19 @@ bool checkedRename(const HeldSource &source, bool &swapped) {
     return true;
 }
 
+// The access ACL and user attributes of the file about to be replaced, read through a
+// descriptor of it; none when the name no longer holds the file examined as `old`.
+bool readReplacedAttributes(const HeldSource &source, const struct stat64 &old,
+                            internal::AccessAttributes &attributes) {
+    UniqueFd replaced(
+        openat(source.dirFd, source.dstName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat64 st;
+    if (!replaced) return errno == ENOENT;
+    if (fstat64(replaced.get(), &st) != 0) return false;
+    if (!sameInode(st, old)) return true;
+    return internal::readAccessAttributes(replaced.get(), attributes);
+}
+
 // Gives the source the owner and permission bits of the file it is about to replace, through
 // its descriptor, so that the replacement is never visible with the writer's attributes. Logs
 // like the post-rename steps. A source of another kind is left to the rename, which reports it.
@@ -372,6 +386,15 @@ bool takeOverAttributes(const HeldSource &source, const struct stat64 &old) {
         (current.st_mode & S_IFMT) != (old.st_mode & S_IFMT)) {
         return true;
     }
+    // The user attributes go first, while the source is still the writer's own to change; the
+    // ACL last, as it sets the group bits that the chmod would.
+    internal::AccessAttributes attributes;
+    if (!readReplacedAttributes(source, old, attributes) ||
+        !internal::writeUserAttributes(source.fd, attributes)) {
+        TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", source.dst.c_str(),
+                     source.src.c_str());
+        return false;
+    }
     if ((current.st_uid != old.st_uid || current.st_gid != old.st_gid) &&
         chownHeld(source.fd, old.st_uid, old.st_gid) != 0) {
         TELO_LOG_ERR("chown failed %m, [%s]", source.dst.c_str());
@@ -379,6 +402,11 @@ bool takeOverAttributes(const HeldSource &source, const struct stat64 &old) {
     }
     if (chmodHeld(source.fd, old.st_mode & 0777) != 0) {
         TELO_LOG_ERR("chmod failed %m, [%s]", source.dst.c_str());
+        return false;
+    }
+    if (!internal::writeAcl(source.fd, attributes)) {
+        TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", source.dst.c_str(),
+                     source.src.c_str());
         return false;
     }
     return true;

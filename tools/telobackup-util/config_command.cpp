@@ -79,6 +79,20 @@ void requireFile(const std::string &file) {
     if (access(file.c_str(), R_OK) != 0) throw systemError(kExitInvalidFile, file);
 }
 
+// Fails with "invalid file" when `file` exists but is no regular file (a FIFO would stall the
+// write, a device would be read without end): checked before the lock is taken.
+void refuseNonRegular(const std::string &file) {
+    struct stat st;
+    if (stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+        throw CommandError(kExitInvalidFile, file + ": not a regular file");
+    }
+}
+
+// errno of a failed library call says the file was no regular file (found so under the lock).
+bool notRegularFile() {
+    return errno == EINVAL || errno == EISDIR;
+}
+
 // The section argument names no section the map could be bound to.
 void requireSection(const std::string &section, const char *command) {
     if (section.empty()) {
@@ -170,13 +184,14 @@ std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
 // their own), released on every way out.
 ConfigLock takeLock(const ConfigArgs &args) {
     return ConfigLock(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken,
-                      args.waitSeconds);
+                      args.waitSeconds, args.file);
 }
 
 // The error of a failed load of `section`; not found is exit code 1.
 CommandError loadFailure(const std::string &file, const std::string &section) {
     if (errno == ENOENT)
         return CommandError(kExitNotFound, file + ": no section [" + section + "]");
+    if (notRegularFile()) return CommandError(kExitInvalidFile, file + ": not a regular file");
     return fileError(kExitInvalidFile, file, file);
 }
 
@@ -262,6 +277,7 @@ void runSet(const ConfigArgs &args, const Context &) {
         throw CommandError(kExitUsage, "config set: nothing to set");
     }
     if (!args.create) requireFile(args.file);
+    refuseNonRegular(args.file);
     OptionMap map;
     std::vector<std::string> keys = applyValues(args, map);  // before the lock: stdin may be slow
     ConfigLock lock = takeLock(args);
@@ -310,20 +326,17 @@ void runNew(const ConfigArgs &args, const Context &context) {
                            "config new: FILE and PREFIX must be non-empty, PREFIX "
                            "on one line");
     }
+    refuseNonRegular(args.file);
     OptionMap map;
     applyValues(args, map);
     ConfigLock lock = takeLock(args);
-    bool created = args.increasing ? map.optSectionCreateIncreaseId(args.file, args.section)
-                                   : map.optSectionCreate(args.file, args.section, true);
-    if (!created) {
+    // Section, values and counter in one rewrite: a failure leaves the file as it was.
+    if (!map.optSectionCreateAndSave(args.file, args.section, args.increasing)) {
+        if (notRegularFile()) {
+            throw CommandError(kExitInvalidFile, args.file + ": not a regular file");
+        }
         throw fileError(kExitCannotWrite,
                         "cannot create a section " + args.section + "N in " + args.file, args.file);
-    }
-    if (!map.optSectionSave()) {
-        throw fileError(
-            kExitCannotWrite,
-            "created [" + map.optSectionGetName() + "] but cannot save its values in " + args.file,
-            args.file);
     }
     lock.release();
     if (context.json) {
