@@ -16,8 +16,8 @@
 
 #include "internal/eintr.h"
 #include "internal/held_rename.h"
-#include "internal/section_rewrite.h"
 #include "internal/safe_open.h"
+#include "internal/section_rewrite.h"
 #include "internal/syslog.h"
 #include "internal/test_hook.h"
 #include "internal/unique_fd.h"
@@ -494,10 +494,10 @@ struct TempOutput {
         source.srcName = Path::basename(source.src);
         source.dst = target.path;
         source.dstName = target.name;
-        bool swapped = false;
-        bool moved = internal::renameHeldWithMode(source, swapped);
+        bool nameGone = false;
+        bool moved = internal::renameHeldWithMode(source, nameGone);
         // Moved, or the name is no longer ours: either way nothing is left to remove.
-        if (moved || swapped) temp.preserve();
+        if (moved || nameGone) temp.preserve();
         if (moved) syncDirectory(target.dir.get());
         return moved;
     }
@@ -511,12 +511,14 @@ struct TempOutput {
     // The temporary was made by path: a directory swapped on the way would have put it
     // elsewhere.
     bool inTargetDirectory() {
+        // A failing call says why; a name missing there, or another file, means elsewhere.
         struct stat held, named;
-        if (fstat(temp.getFileDescripter(), &held) == 0 &&
-            fstatat(target.dir.get(), Path::basename(temp.getPath()).c_str(), &named,
-                    AT_SYMLINK_NOFOLLOW) == 0 &&
-            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
-            return true;
+        if (fstat(temp.getFileDescripter(), &held) != 0) return false;
+        if (fstatat(target.dir.get(), Path::basename(temp.getPath()).c_str(), &named,
+                    AT_SYMLINK_NOFOLLOW) == 0) {
+            if (held.st_dev == named.st_dev && held.st_ino == named.st_ino) return true;
+        } else if (errno != ENOENT) {
+            return false;
         }
         errno = ESTALE;
         return false;
@@ -653,8 +655,7 @@ bool updateSections(const std::string &path, const std::vector<SectionUpdate> &u
                 found[wanted] = true;
                 return LineAction::kCopyThenMembers;
             }
-            return inSection >= 0 && type == LINE_KEY_VALUE ? LineAction::kDrop
-                                                            : LineAction::kCopy;
+            return inSection >= 0 && type == LINE_KEY_VALUE ? LineAction::kDrop : LineAction::kCopy;
         };
         auto sectionMembers = [&] {
             if (writeMembers(static_cast<size_t>(inSection))) return true;

@@ -125,10 +125,17 @@ void checkKey(const std::string &key) {
     }
 }
 
-// Reads one line of standard input (the newline dropped) for each secret key.
+// Reads one line of standard input (the newline dropped) for each secret key. A read error is
+// no end of input: part of a secret must never be stored as the whole.
 std::string readSecret(const std::string &key) {
     std::string value;
-    if (!std::getline(std::cin, value) && value.empty()) {
+    errno = 0;
+    bool got = static_cast<bool>(std::getline(std::cin, value));
+    if (std::cin.bad() || ferror(stdin)) {
+        if (errno == 0) errno = EIO;
+        throw systemError(kExitFailed, "cannot read secret '" + key + "' from standard input");
+    }
+    if (!got && value.empty()) {
         throw CommandError(kExitUsage, "no value on standard input for secret '" + key + "'");
     }
     if (!value.empty() && value.back() == '\r') value.pop_back();

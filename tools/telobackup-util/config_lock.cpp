@@ -240,6 +240,8 @@ std::string keyProblem() {
             return key + " may be read or written by others: refused (chmod 600 it)";
         case TELO_ERR_CRYPTO:
             return "it was made under another key, or changed";
+        case TELO_ERR_SYSTEM:
+            return "the system's random source or the crypto library failed";
         default:
             return "cannot use the secret key " + key + " (see the system log)";
     }

@@ -1,5 +1,7 @@
 // template: fills "{{name}}" tags from a JSON object.
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -21,7 +23,12 @@ struct TemplateArgs {
 std::string readAll(const std::string &path, const char *what) {
     if (path == "-") {
         std::ostringstream text;
+        errno = 0;
         text << std::cin.rdbuf();
+        if (ferror(stdin)) {
+            if (errno == 0) errno = EIO;
+            throw systemError(kExitInvalidFile, std::string(what) + " from standard input");
+        }
         return text.str();
     }
     std::ifstream in(path, std::ios::binary);
