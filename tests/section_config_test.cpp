@@ -493,3 +493,49 @@ TEST_F(SectionConfigFile, KilledWriterLeavesOldOrNewFile) {
     std::cout << "[ crash    ] " << kills << " kills, " << committed << " versions, " << leftovers
               << " temporaries left beside the file" << std::endl;
 }
+
+// A stop ends the scan after the stopping line and leaves the stream just behind it, so a
+// caller can go on reading from there.
+TEST_F(SectionConfigFile, StopLeavesTheStreamAfterTheStoppingLine) {
+    writeFile(file, "[a]\nx=1\n[b]\ny=2\n");
+    auto stopAtB = [](bool &stop, const SectionConfig::LineInfo &info, void *arg) {
+        static_cast<Lines *>(arg)->push_back(info.type == SectionConfig::LINE_SECTION
+                                                 ? std::string(info.line)
+                                                 : std::string(info.key));
+        stop = info.type == SectionConfig::LINE_SECTION && std::string(info.section) == "b";
+        return true;
+    };
+    Lines seen;
+    FILE *stream = fopen(file.c_str(), "r");
+    ASSERT_NE(nullptr, stream);
+    EXPECT_TRUE(SectionConfig::parseFile(stream, stopAtB, &seen));
+    EXPECT_EQ((Lines{"[a]", "x", "[b]"}), seen);
+    char rest[32] = {};
+    EXPECT_EQ(4u, fread(rest, 1, sizeof rest - 1, stream));
+    EXPECT_STREQ("y=2\n", rest);
+    fclose(stream);
+}
+
+// The three writers put exactly one line each, cut at a NUL; a stream that refuses the text
+// makes them false with the failure logged once each.
+TEST_F(SectionConfigFile, LineWritersAndTheirFailure) {
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *memory = open_memstream(&text, &size);
+    ASSERT_NE(nullptr, memory);
+    EXPECT_TRUE(SectionConfig::writeSectionName(memory, "s"));
+    EXPECT_TRUE(SectionConfig::writeKeyValue(memory, "k", "\"v\""));
+    EXPECT_TRUE(SectionConfig::writeLine(memory, std::string("#c\0hidden", 9)));
+    fclose(memory);
+    EXPECT_EQ("[s]\nk=\"v\"\n#c\n", std::string(text, size));
+    free(text);
+
+    FILE *full = fopen("/dev/full", "we");
+    ASSERT_NE(nullptr, full);
+    setvbuf(full, nullptr, _IONBF, 0);  // the refusal shows at the write, not at a later flush
+    EXPECT_FALSE(SectionConfig::writeSectionName(full, "s"));
+    EXPECT_FALSE(SectionConfig::writeKeyValue(full, "k", "1"));
+    EXPECT_FALSE(SectionConfig::writeLine(full, "line"));
+    fclose(full);
+    EXPECT_EQ(3, log.err("fprintf failed, No space left on device")) << log.dump();
+}
