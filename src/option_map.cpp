@@ -136,6 +136,14 @@ int nextNumber(int largest, const std::string &prefix) {
     return -1;
 }
 
+// Releases the lock after a failed locked step, keeping that step's errno; always false.
+bool unlockAfterFailure(OptionMap &map) {
+    int saved = errno;
+    map.unlock();
+    errno = saved;
+    return false;
+}
+
 }  // namespace
 
 class OptionMapPrivate {
@@ -387,10 +395,7 @@ bool OptionMap::optSectionSave() {
     if (!lock()) return false;
     tidyUnderLock(d_->file);
     if (optSectionExport(d_->file, d_->section, false)) return unlock();
-    int saved = errno;
-    unlock();
-    errno = saved;
-    return false;
+    return unlockAfterFailure(*this);
 }
 
 bool OptionMap::optSectionRemove() {
@@ -402,10 +407,7 @@ bool OptionMap::optSectionRemove() {
     tidyUnderLock(d_->file);
     if (SectionConfig::removeSection(d_->file, d_->section)) return unlock();
     TELO_LOG_ERR("remove sec failed, %m");
-    int saved = errno;
-    unlock();
-    errno = saved;
-    return false;
+    return unlockAfterFailure(*this);
 }
 
 bool OptionMap::optSectionListName(const std::string &file, std::list<std::string> &names) {
@@ -575,10 +577,7 @@ bool OptionMap::createLocked(const std::string &file, const std::string &name, i
             break;
     }
     if (!created) {
-        int saved = errno;
-        unlock();
-        errno = saved;
-        return false;
+        return unlockAfterFailure(*this);
     }
     if (!unlock()) return false;
     d_->file = file;
@@ -610,10 +609,7 @@ bool OptionMap::optSectionCreateAndSave(const std::string &file, const std::stri
     tidyUnderLock(file);
     int id = writeNewSection(file, prefix, increasing);
     if (id < 0) {
-        int saved = errno;
-        unlock();
-        errno = saved;
-        return false;
+        return unlockAfterFailure(*this);
     }
     if (!unlock()) return false;
     d_->file = file;

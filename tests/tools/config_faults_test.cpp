@@ -218,6 +218,24 @@ std::map<std::string, Occurrences> callsAfterStartUp(const std::string &trace,
     return calls;
 }
 
+// strace failing occurrence `when` of `call` with `error` in the command that follows, which
+// runs as fast as under no tracer for every other call.
+Args injection(const std::string &strace, const std::string &call, const std::string &error,
+               int when) {
+    return {strace,
+            "-f",
+            "--seccomp-bpf",
+            "-qq",
+            "-o",
+            "/dev/null",
+            "-e",
+            "signal=none",
+            "-e",
+            "trace=" + call,
+            "-e",
+            "inject=" + call + ":error=" + error + ":when=" + std::to_string(when)};
+}
+
 struct Fault {
     size_t change;
     std::string call;
@@ -290,14 +308,7 @@ TEST(ConfigFaults, EveryFailingCallLeavesTheOldOrTheNewFile) {
         ASSERT_EQ(0, made.exitCode) << made.err;
         unlink(scratch.c_str());
     }
-    Args injecting = {strace,
-                      "-f",
-                      "--seccomp-bpf",
-                      "-qq",
-                      "-o",
-                      "/dev/null",
-                      "-e",
-                      "inject=getppid:error=EIO:when=1"};
+    Args injecting = injection(strace, "getppid", "EIO", 1);
     for (const std::string &arg : helperCommand("injectionProbe")) injecting.push_back(arg);
     ToolRun injected = runQuietly(injecting, "", env);
     if (injected.exitCode != 0) {
@@ -376,20 +387,8 @@ TEST(ConfigFaults, EveryFailingCallLeavesTheOldOrTheNewFile) {
             const Change &change = changes()[fault.change];
             const Scene &scene = scenes[w][fault.change];
             scene.reset();
-            Args args = {strace,
-                         "-f",
-                         "--seccomp-bpf",
-                         "-qq",
-                         "-o",
-                         "/dev/null",
-                         "-e",
-                         "signal=none",
-                         "-e",
-                         "trace=" + fault.call,
-                         "-e",
-                         "inject=" + fault.call + ":error=" + fault.error +
-                             ":when=" + std::to_string(fault.occurrence),
-                         toolPath()};
+            Args args = injection(strace, fault.call, fault.error, fault.occurrence);
+            args.push_back(toolPath());
             Args tool = withFile(change.args, scene.file());
             args.insert(args.end(), tool.begin(), tool.end());
             ToolRun run = runQuietly(args, change.input, env);
