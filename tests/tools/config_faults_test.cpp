@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -178,11 +177,14 @@ Args withFile(Args args, const std::string &file) {
 
 // The text of a file with the ciphertext of the secret replaced, since every encryption differs.
 std::string withoutCiphertext(const std::string &text, std::string *ciphertext = nullptr) {
-    static const std::regex secret("\npassword=\"([^\"\n]*)\"\n");
-    std::smatch match;
-    if (!std::regex_search(text, match, secret)) return text;
-    if (ciphertext != nullptr) *ciphertext = match[1];
-    return match.prefix().str() + "\npassword=\"<ciphertext>\"\n" + match.suffix().str();
+    const std::string key = "\npassword=\"";
+    size_t begin = text.find(key);
+    if (begin == std::string::npos) return text;
+    begin += key.size();
+    size_t end = text.find('"', begin);
+    if (end == std::string::npos) return text;
+    if (ciphertext != nullptr) *ciphertext = text.substr(begin, end - begin);
+    return text.substr(0, begin) + "<ciphertext>" + text.substr(end);
 }
 
 // The occurrences of each call after the tool's start-up in a trace: the first call that names
@@ -268,10 +270,27 @@ bool namesStepAndReason(const std::string &said) {
 // The first line of a message with the run's own paths and the lock's hash taken out, so that
 // the same failure reads the same in every scene.
 std::string generalised(std::string said, const std::string &root) {
-    for (size_t at; (at = said.find(root)) != std::string::npos;)
-        said.replace(at, root.size(), "ROOT");
-    static const std::regex scene("ROOT/w[0-9]+c[0-9]+"), lockHash("(tasks\\.conf)\\.[0-9a-f]{16}");
-    return std::regex_replace(std::regex_replace(said, scene, "DIR"), lockHash, "$1.HASH");
+    // ROOT/wNcM/ is a scene: DIR.
+    for (size_t at; (at = said.find(root)) != std::string::npos;) {
+        size_t end = at + root.size();
+        if (said.compare(end, 2, "/w") == 0) {
+            size_t slash = said.find('/', end + 1);
+            end = slash == std::string::npos ? said.size() : slash;
+            said.replace(at, end - at, "DIR");
+        } else {
+            said.replace(at, root.size(), "ROOT");
+        }
+    }
+    // The lock file's hash: "tasks.conf." and 16 hex digits.
+    const std::string lock = "tasks.conf.";
+    for (size_t at = said.find(lock); at != std::string::npos; at = said.find(lock, at + 1)) {
+        size_t digits = at + lock.size();
+        if (said.size() >= digits + 16 &&
+            said.find_first_not_of("0123456789abcdef", digits) >= digits + 16) {
+            said.replace(digits, 16, "HASH");
+        }
+    }
+    return said;
 }
 
 }  // namespace
