@@ -168,6 +168,10 @@ class TELO_EXPORT OptionMap {
     // ---- Locking ----
     // lock() and unlock() pair by hand, and ~OptionMap releases nothing (see above); a
     // ScopedLock pairs them for the caller.
+    // A writer that holds the lock (optSectionSave, optSectionRemove and the creating members,
+    // with a token set) first removes what rewrites of the file that were killed left beside
+    // it: "<file>.XXXXXX" temporaries (six characters of mkstemp's alphabet) that are regular
+    // files of the caller unchanged for 10 minutes. Links are not followed; nothing is logged.
 
     // Switches locking on with the lock file `token` (see Path::createIpcLockFile; a token
     // must not contain "/"). Failure: false after logging "setLockToken: invalid parameter."
@@ -228,9 +232,11 @@ class TELO_EXPORT OptionMap {
     // read loosely with strtol after the prefix: "job12x" counts as 12, "jobx" as 0, "job-3" as
     // -3; names equal to the prefix or not starting with it are skipped. New headers are
     // appended to the file as "[name]\n" (the file is created when missing; a last line without
-    // its "\n" gets one first, so the header never joins it); a failed open
-    // logs "fopen: %m" (EPERM for a symbolic link SectionConfig would not follow), a name
-    // holding a newline or NUL is refused with errno EINVAL.
+    // its "\n" gets one first, so the header never joins it, and a last byte that cannot be read
+    // fails the append after logging "read last byte failed, %m"); a failed open
+    // logs "fopen: %m" (EPERM for a symbolic link SectionConfig would not follow, EINVAL or
+    // EISDIR for a file that is no regular file), a name holding a newline or NUL is refused
+    // with errno EINVAL.
     // The static allocators take no lock; the creating members run them under the map's lock.
 
     // Allocates one more than the largest number in use (1 when none or no file), appends its
@@ -270,8 +276,30 @@ class TELO_EXPORT OptionMap {
     // As optSectionCreate with `withId`, using optSectionGetIncreaseId.
     bool optSectionCreateIncreaseId(const std::string &file, const std::string &prefix);
 
+    // Creates a numbered section holding the map's values in one step, where optSectionCreate
+    // and optSectionSave take two: under the lock it takes the number as optSectionGetUniqueId
+    // does, or with `increasing` as optSectionGetIncreaseId does, and writes the section with
+    // its values, and the raised counter, in a single rewrite of `file` (made when missing).
+    // A reader never sees the section empty nor the counter behind it. Binds the map to the
+    // new section, keeping its values.
+    // Failure: false, the map left unbound and the file as it was: on a loaded map or an empty
+    // file or prefix (errno EINVAL), when the lock fails (logged as lock()), when the file
+    // cannot be read ("open[%s] failed, %m"; errno EINVAL or EISDIR when it is no regular
+    // file) or rewritten ("update section failed, %m", errno from the rewrite), or when no
+    // number is left (errno EOVERFLOW, "no id left for [%s]").
+    //     OptionMap task;
+    //     task.optSet("name", "nightly");
+    //     task.setLockToken("tasks.conf");
+    //     task.optSectionCreateAndSave("/etc/app/tasks.conf", "task", true);
+    //     // a new file now reads "[global]\ntaskid_max=1\n[task1]\nname=\"nightly\"\n"
+    bool optSectionCreateAndSave(const std::string &file, const std::string &prefix,
+                                 bool increasing);
+
   private:
     bool createLocked(const std::string &file, const std::string &name, int id, int mode);
+    int writeNewSection(const std::string &file, const std::string &prefix,
+                        bool increasing) const;
+    void tidyUnderLock(const std::string &file) const;
 
     std::unique_ptr<OptionMapPrivate> d_;
 };

@@ -245,11 +245,11 @@ bool ScopedTempFile::moveTo(const std::string &newPath, bool withMode) {
     }
     source.srcName = source.src = path_;
     source.dstName = source.dst = target;
-    bool swapped = false;
-    bool moved = withMode ? internal::renameHeldWithMode(source, swapped)
-                          : internal::renameHeld(source, swapped);
+    bool nameGone = false;
+    bool moved = withMode ? internal::renameHeldWithMode(source, nameGone)
+                          : internal::renameHeld(source, nameGone);
     // A name that no longer holds our file is not ours to remove either.
-    if (moved || swapped || foreign) {
+    if (moved || nameGone || foreign) {
         path_.clear();
         hash_ = 0;
     }

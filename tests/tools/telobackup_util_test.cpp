@@ -8,6 +8,8 @@
 #include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <regex>
@@ -114,6 +116,152 @@ TEST_F(Tool, ExitCodesAndUntouchedFiles) {
             }
             if (readFile(conf) != original || listDir(dir.path()) != entries) {
                 CHILD_FAIL(command + "changed a file");
+            }
+        }
+    });
+}
+
+// A FIFO or a device where the configuration file should be is refused by every config command
+// at once with exit status 3, before the lock is taken (it is held here: waiting for it would
+// be exit status 5), and nothing is created beside it.
+TEST_F(Tool, NonRegularFilesAreRefusedBeforeTheLock) {
+    IN_PRIVATE_TMP([this] {
+        const std::string fifo = dir.file("fifo.conf"), zero = dir.file("zero.conf");
+        CHILD_CHECK(mkfifo(fifo.c_str(), 0644) == 0);
+        CHILD_CHECK(symlink("/dev/zero", zero.c_str()) == 0);
+        int held = TELO::Backup::Path::createIpcLockFile("held");
+        CHILD_CHECK(held >= 0 && flock(held, LOCK_EX) == 0);
+        const std::vector<std::string> entries = listDir(dir.path());
+        const Args lock = {"--lock", "held", "--wait", "0"};
+        for (const std::string &file : {fifo, zero}) {
+            const std::vector<Args> commands = {
+                {"config", "set", file, "s", "k=1", "--create"},
+                {"config", "set", file, "s", "k=1"},
+                {"config", "new", file, "job", "k=1"},
+                {"config", "new", file, "job", "--increasing"},
+                {"config", "unset", file, "s", "k"},
+                {"config", "delete", file, "s"},
+            };
+            for (Args args : commands) {
+                args.insert(args.end(), lock.begin(), lock.end());
+                CommandResult r = run(args);
+                if (r.exitCode != 3 || r.err != "telobackup-util: " + file +
+                                                      ": not a regular file\n") {
+                    CHILD_FAIL(args[1] + " " + file + " -> " + std::to_string(r.exitCode) + " " +
+                               r.err);
+                }
+            }
+            for (const Args &args : std::vector<Args>{{"config", "get", file, "s"},
+                                                      {"config", "sections", file},
+                                                      {"config", "dump", file}}) {
+                CHILD_CHECK_EQ(3, run(args).exitCode);
+            }
+        }
+        CHILD_CHECK(listDir(dir.path()) == entries);
+        close(held);
+    });
+}
+
+namespace {
+
+bool isTemporaryOf(const std::string &name, const std::string &base) {
+    return name.size() == base.size() + 7 && name.compare(0, base.size() + 1, base + ".") == 0;
+}
+
+}  // namespace
+
+// A writer stopped by SIGTERM, SIGINT or SIGHUP while its temporary exists finishes the rewrite
+// and removes the temporary before the signal ends it; the temporaries of writers killed
+// outright go with the next write, once they are 10 minutes old.
+TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
+    IN_PRIVATE_TMP([this] {
+        const std::string base = "tasks.conf", pad = std::string(2 << 20, 'p');
+        auto temporaries = [&] {
+            std::set<std::string> names;
+            for (const std::string &name : listDir(dir.path())) {
+                if (isTemporaryOf(name, base)) names.insert(name);
+            }
+            return names;
+        };
+        writeFile(conf, "[s]\nk=0\npad=\"" + pad + "\"\n", 0640);
+        // Starts a writer of k=`value` and signals it as soon as a temporary of its own exists;
+        // the temporaries then beside the file, and how the writer ended.
+        auto interrupt = [&](int value, int signal, int &exitCode) {
+            const std::set<std::string> before = temporaries();
+            pid_t pid = fork();
+            if (pid == 0) {
+                int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                dup2(null, 1);
+                dup2(null, 2);
+                execl(toolPath().c_str(), "telobackup-util", "config", "set", conf.c_str(), "s",
+                      ("k=" + std::to_string(value)).c_str(), nullptr);
+                _exit(127);
+            }
+            // Watched without reaping it, so that the signal cannot reach another process.
+            siginfo_t info = {};
+            while (temporaries().size() == before.size() &&
+                   waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0) {
+            }
+            kill(pid, signal);
+            exitCode = waitExitCode(pid);
+            return temporaries();
+        };
+        int stopped = 0;
+        for (int round = 1; round <= 6; ++round) {
+            const int signal = round % 3 == 0 ? SIGTERM : round % 3 == 1 ? SIGINT : SIGHUP;
+            int exitCode;
+            std::set<std::string> left = interrupt(round, signal, exitCode);
+            CHILD_CHECK(exitCode == 128 + signal || exitCode == 0);
+            stopped += exitCode == 128 + signal;
+            CHILD_CHECK(left.empty());
+            // The rewrite under way was finished before the signal took effect.
+            CHILD_CHECK_EQ("[s]\nk=" + std::to_string(round) + "\npad=\"" + pad + "\"\n",
+                           readFile(conf));
+            CHILD_CHECK_EQ(0640, fileMode(conf));
+        }
+        std::set<std::string> leftovers;
+        for (int round = 0; round < 3; ++round) {
+            int exitCode;
+            leftovers = interrupt(100 + round, SIGKILL, exitCode);
+        }
+        CHILD_CHECK(!leftovers.empty());
+        for (const std::string &name : leftovers) {
+            struct timespec old[2] = {{time(nullptr) - 11 * 60, 0}, {time(nullptr) - 11 * 60, 0}};
+            CHILD_CHECK(utimensat(AT_FDCWD, dir.file(name).c_str(), old, 0) == 0);
+        }
+        CHILD_CHECK_EQ(0, run({"config", "set", conf, "s", "k=7"}).exitCode);
+        for (const std::string &name : listDir(dir.path())) CHILD_CHECK(!isTemporaryOf(name, base));
+        printf("[ signals  ] %d of 6 writers ended by the signal after their rewrite, %zu killed "
+               "writers' temporaries removed by the next write\n",
+               stopped, leftovers.size());
+        fflush(stdout);
+    });
+}
+
+// An ACL an administrator gave the file (setfacl -m u:backup:r) survives every change the tool
+// makes to it.
+TEST_F(Tool, AclOfTheFileSurvivesItsChanges) {
+    const std::string setfacl = programPath("setfacl"), getfacl = programPath("getfacl");
+    if (setfacl.empty() || getfacl.empty()) GTEST_SKIP() << "setfacl and getfacl (package acl) are missing";
+    const struct passwd *backup = getpwnam("backup");
+    const std::string user = backup != nullptr ? "backup" : "34";
+    const std::string uid = backup != nullptr ? std::to_string(backup->pw_uid) : "34";
+    writeFile(conf, "[task1]\nk=1\n", 0640);
+    if (runCommand({setfacl, "-m", "u:" + user + ":r", conf}).exitCode != 0) {
+        GTEST_SKIP() << "the file system of " << dir.path() << " carries no ACLs";
+    }
+    const std::string acl = runCommand({getfacl, "--omit-header", "--numeric", conf}).out;
+    ASSERT_NE(std::string::npos, acl.find("user:" + uid + ":r--")) << acl;
+    IN_PRIVATE_TMP([&] {
+        const std::vector<Args> changes = {
+            {"config", "set", conf, "task1", "k=2"},   {"config", "set", conf, "task1", "j=1"},
+            {"config", "unset", conf, "task1", "k"},   {"config", "new", conf, "task", "k=3"},
+            {"config", "new", conf, "task", "--increasing"}, {"config", "delete", conf, "task2"},
+        };
+        for (const Args &args : changes) {
+            CHILD_CHECK_EQ(0, run(args).exitCode);
+            if (runCommand({getfacl, "--omit-header", "--numeric", conf}).out != acl) {
+                CHILD_FAIL(args[1] + " lost the ACL");
             }
         }
     });

@@ -3,6 +3,7 @@
 #define TELO_TOOLS_TELOBACKUP_UTIL_CLI_H
 
 #include <json/value.h>
+#include <signal.h>
 
 #include <cstddef>
 #include <initializer_list>
@@ -90,17 +91,25 @@ CommandError systemError(int code, const std::string &what);
 // destruction. Waits at most `waitSeconds` (negative: as long as it takes) and names the
 // process that holds it on standard error once after 2 s. Every failure is a CommandError with
 // exit code 5 that says why: the IPC tree, the lock file, the token, or who holds the lock.
+// While it is held, SIGTERM, SIGINT and SIGHUP are held back: a rewrite under way finishes or
+// fails and removes its temporary, and the signal takes effect when the lock is released. Once
+// it holds the lock, it removes the stale temporaries that killed writers left beside `file`.
 class ConfigLock {
   public:
-    ConfigLock(const std::string &token, double waitSeconds);
+    ConfigLock(const std::string &token, double waitSeconds, const std::string &file);
     ~ConfigLock();
     ConfigLock(const ConfigLock &) = delete;
     ConfigLock &operator=(const ConfigLock &) = delete;
     void release();
 
   private:
+    void holdSignals();
+    void letSignalsIn();
+
     std::string token_;
     int fd_ = -1;
+    bool signalsHeld_ = false;
+    sigset_t savedMask_;
 };
 
 // Why the IPC tree or its sub-directory `name` (of mode `mode`) cannot serve the caller, in

@@ -92,6 +92,20 @@ void requireFile(const std::string &file) {
     requireFile(file, file);
 }
 
+// Fails with "invalid file" when `file` exists but is no regular file (a FIFO would stall the
+// write, a device would be read without end): checked before the lock is taken.
+void refuseNonRegular(const std::string &file) {
+    struct stat st;
+    if (stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+        throw CommandError(kExitInvalidFile, file + ": not a regular file");
+    }
+}
+
+// errno of a failed library call says the file was no regular file (found so under the lock).
+bool notRegularFile() {
+    return errno == EINVAL || errno == EISDIR;
+}
+
 // The section argument names no section the map could be bound to.
 void requireSection(const std::string &section, const char *command) {
     if (section.empty()) {
@@ -124,10 +138,17 @@ void checkKey(const std::string &key) {
     }
 }
 
-// Reads one line of standard input (the newline dropped) for each secret key.
+// Reads one line of standard input (the newline dropped) for each secret key. A read error is
+// no end of input: part of a secret must never be stored as the whole.
 std::string readSecret(const std::string &key) {
     std::string value;
-    if (!std::getline(std::cin, value) && value.empty()) {
+    errno = 0;
+    bool got = static_cast<bool>(std::getline(std::cin, value));
+    if (std::cin.bad() || ferror(stdin)) {
+        if (errno == 0) errno = EIO;
+        throw systemError(kExitFailed, "cannot read secret '" + key + "' from standard input");
+    }
+    if (!got && value.empty()) {
         throw CommandError(kExitUsage, "no value on standard input for secret '" + key + "'");
     }
     if (!value.empty() && value.back() == '\r') value.pop_back();
@@ -189,7 +210,7 @@ std::vector<std::string> applyValues(const ConfigArgs &args, OptionMap &map) {
 // their own), released on every way out.
 ConfigLock takeLock(const ConfigArgs &args) {
     return ConfigLock(args.lockToken.empty() ? defaultLockToken(args.file) : args.lockToken,
-                      args.waitSeconds);
+                      args.waitSeconds, args.file);
 }
 
 // The error of a failed load of `section` from `file`, called `name`; not found is exit code 1.
@@ -197,6 +218,7 @@ CommandError loadFailure(const std::string &file, const std::string &section,
                          const std::string &name) {
     if (errno == ENOENT)
         return CommandError(kExitNotFound, name + ": no section [" + section + "]");
+    if (notRegularFile()) return CommandError(kExitInvalidFile, name + ": not a regular file");
     return fileError(kExitInvalidFile, name, file);
 }
 
@@ -393,6 +415,7 @@ void runSet(const ConfigArgs &args, const Context &context) {
         throw CommandError(kExitUsage, "config set: nothing to set");
     }
     if (!args.create) requireFile(args.file);
+    refuseNonRegular(args.file);
     OptionMap map;
     std::vector<std::string> keys = applyValues(args, map);  // before the lock: stdin may be slow
     ConfigLock lock = takeLock(args);
@@ -505,20 +528,17 @@ void runNew(const ConfigArgs &args, const Context &context) {
                            "config new: FILE and PREFIX must be non-empty, PREFIX "
                            "on one line");
     }
+    refuseNonRegular(args.file);
     OptionMap map;
     applyValues(args, map);
     ConfigLock lock = takeLock(args);
-    bool created = args.increasing ? map.optSectionCreateIncreaseId(args.file, args.section)
-                                   : map.optSectionCreate(args.file, args.section, true);
-    if (!created) {
+    // Section, values and counter in one rewrite: a failure leaves the file as it was.
+    if (!map.optSectionCreateAndSave(args.file, args.section, args.increasing)) {
+        if (notRegularFile()) {
+            throw CommandError(kExitInvalidFile, args.file + ": not a regular file");
+        }
         throw fileError(kExitCannotWrite,
                         "cannot create a section " + args.section + "N in " + args.file, args.file);
-    }
-    if (!map.optSectionSave()) {
-        throw fileError(
-            kExitCannotWrite,
-            "created [" + map.optSectionGetName() + "] but cannot save its values in " + args.file,
-            args.file);
     }
     lock.release();
     if (args.dryRun) return;

@@ -1,5 +1,7 @@
 // template: fills "{{name}}" tags from a JSON object.
 #include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
 
 #include "cli.h"
 #include "input.h"
@@ -17,42 +19,18 @@ struct TemplateArgs {
     bool strict = false;
 };
 
-// replaceMustache(templ, vars, jsonStrings) that fails at the first tag without a member
-// (the library's JSON overload leaves such tags out).
-std::string fillStrictly(const std::string &templ, const Json::Value &vars, bool jsonStrings,
-                         const std::string &what) {
-    std::string missing;
-    bool failed = false;
-    std::string filled = TELO::Backup::replaceMustache(
-        templ, [&](const std::string &name, std::string &text) {
-            if (!vars.isMember(name)) {
-                if (!failed) missing = name;
-                failed = true;
-                return false;
-            }
-            const Json::Value &value = vars[name];
-            if (value.isNull()) {
-                text.clear();
-            } else if (value.isString() && !jsonStrings) {
-                text = value.asString();
-            } else {
-                text = TELO::Backup::jsonToString(value);
-            }
-            return true;
-        });
-    if (failed) throw CommandError(kExitNotFound, what + ": the tag {{" + missing + "}} has no value");
-    return filled;
-}
-
 void run(const TemplateArgs &args, const Context &context) {
     if (args.templ == "-" && args.vars == "@-") {
         throw CommandError(kExitUsage, "template and --vars cannot both come from standard input");
     }
     Json::Value vars = readJsonObject(args.vars, "--vars");
     std::string templ = readInput(args.templ, "template " + args.templ);
-    std::string filled =
-        args.strict ? fillStrictly(templ, vars, args.jsonStrings, "template " + args.templ)
-                    : TELO::Backup::replaceMustache(templ, vars, args.jsonStrings);
+    std::vector<std::string> missing;
+    std::string filled = TELO::Backup::replaceMustache(templ, vars, args.jsonStrings, missing);
+    if (args.strict && !missing.empty()) {
+        throw CommandError(kExitNotFound,
+                           "template " + args.templ + ": the tag {{" + missing.front() + "}} has no value");
+    }
     if (context.json) {
         Json::Value out;
         out["text"] = filled;
