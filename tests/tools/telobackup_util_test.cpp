@@ -600,12 +600,13 @@ TEST_F(Tool, ProbeFindsAListener) {
     std::string port = std::to_string(ntohs(address.sin_port));
     EXPECT_EQ("127.0.0.1\n", out({"probe", "127.0.0.1", port, "--timeout", "2"}));
     Json::Value result = parse(out({"--json", "probe", "127.0.0.1", port}));
-    EXPECT_TRUE(result["result"].asInt() == 0 && result["ip"].asString() == "127.0.0.1");
+    EXPECT_EQ(0, result["result"].asInt());
+    EXPECT_EQ("127.0.0.1", result["ip"].asString());
     close(listener);
     // Nothing listens any more: the message gives the reason.
     CommandResult refused = run({"probe", "127.0.0.1", port, "--timeout", "2"});
     EXPECT_EQ(6, refused.exitCode);
-    EXPECT_EQ("telobackup-util: 127.0.0.1:" + port + ": refused or failed: Connection refused\n",
+    EXPECT_EQ("telobackup-util: 127.0.0.1:" + port + ": connection refused\n",
               refused.err);
 }
 
