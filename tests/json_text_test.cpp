@@ -51,7 +51,8 @@ TEST(JsonText, DeepNestingFailsWithoutThrowing) {
         EXPECT_FALSE(jsonFromString(v, text)) << text.size();
         EXPECT_EQ("keep", v.asString());
     }
-    EXPECT_TRUE(jsonFromString(v, "[1]") && v[0].asInt() == 1);
+    EXPECT_TRUE(jsonFromString(v, "[1]"));
+    EXPECT_EQ(1, v[0].asInt());
 }
 
 // Each thread has its own writer and reader.
