@@ -237,20 +237,3 @@ TEST_F(Temporaries, BadFilterNameOrDirectoryLeaveNothing) {
         CHILD_CHECK_EQ(size_t(5), log.size());
     });
 }
-
-TEST(TempManagerFactories, MakeTheFiltersTheirArgumentsDescribe) {
-    fakeplatform::reset();
-    fakeplatform::outcomes().volumeLocation = 5;
-    fakeplatform::outcomes().volumeOfPath["/v/x"] = "/v";
-    const std::pair<std::shared_ptr<FilterVolume>, const char *> cases[] = {
-        {TempManager::maxVolume(), "FilterMaxVolume:5:2:0"},
-        {TempManager::maxVolume(true), "FilterMaxVolume:5:2:1"},
-        {TempManager::maxVolume(1, 3, false), "FilterMaxVolume:1:3:0"},
-        {TempManager::maxExtVolume(), "FilterMaxExtVolume:5:2:0"},
-        {TempManager::maxExtVolume(true), "FilterMaxExtVolume:5:2:1"},
-        {TempManager::maxExtBtrfsVolume(), "FilterMaxExtBtrfsVolume:5:2:0"},
-        {TempManager::maxExtBtrfsVolume(true), "FilterMaxExtBtrfsVolume:5:2:1"},
-        {TempManager::sameVolume("/v/x"), "FilterSameVolume:/v"},
-    };
-    for (const auto &c : cases) EXPECT_EQ(c.second, c.first->getSignature());
-}

@@ -71,8 +71,11 @@ TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
 
 TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
     EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    // An explicit location is not asked of the platform (the factories' test covers the default).
+    // An explicit location is not asked of the platform; the default is, with mode 2.
     EXPECT_EQ(0, calls("TELOVolumeSupportLocGet"));
+    fakeplatform::outcomes().volumeLocation = 5;
+    EXPECT_EQ("FilterMaxExtBtrfsVolume:5:2:1", FilterMaxExtBtrfsVolume(true).getSignature());
+    EXPECT_EQ(1, calls("TELOVolumeSupportLocGet"));
     // No location: both stay 0.
     fakeplatform::outcomes().volumeLocation = 0;
     FilterMaxVolume none;
