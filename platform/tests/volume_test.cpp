@@ -144,8 +144,8 @@ std::pair<std::vector<std::string>, std::vector<std::string>> bothReadings(
     Json::Value json;
     std::string errors;
     std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    EXPECT_TRUE(reader->parse(listed.out.data(), listed.out.data() + listed.out.size(), &json,
-                              &errors))
+    EXPECT_TRUE(
+        reader->parse(listed.out.data(), listed.out.data() + listed.out.size(), &json, &errors))
         << listed.err << errors;
     std::vector<Row> rows;
     for (const Json::Value &fs : json["filesystems"]) {
