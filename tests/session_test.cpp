@@ -63,21 +63,28 @@ TEST_F(Sessions, LocalAndVolumeLifecycles) {
         std::string id = session.getId(), path = session.getPath();
         CHILD_CHECK(isId(id, "sess"));
         CHILD_CHECK_EQ(kArea + "/" + id, path);
-        CHILD_CHECK(fileMode(path) == 0700 && fileMode(kArea) == 0700);
+        CHILD_CHECK(fileMode(path) == 0700);
+        CHILD_CHECK(fileMode(kArea) == 0700);
         CHILD_CHECK_EQ(path, Session::getPathById(id));
         // A bound object refuses to create or load.
-        CHILD_CHECK(!session.create() && !session.load(id) && session.getId() == id);
+        CHILD_CHECK(!session.create());
+        CHILD_CHECK(!session.load(id));
+        CHILD_CHECK(session.getId() == id);
         CHILD_CHECK_EQ(1, log.err("session has already existed[" + id + "][" + path + "]"));
         CHILD_CHECK_EQ(1, log.err("session has been loaded[" + id + "][" + path + "]"));
         // Found again by id from another object; the directory outlives the first one.
         writeFile(path + "/work", "data");
         Session other;
-        CHILD_CHECK(other.load(id) && other.getPath() == path);
-        CHILD_CHECK(other.destroy() && !exists(path) && other.getId().empty());
+        CHILD_CHECK(other.load(id));
+        CHILD_CHECK(other.getPath() == path);
+        CHILD_CHECK(other.destroy());
+        CHILD_CHECK(!exists(path));
+        CHILD_CHECK(other.getId().empty());
         CHILD_CHECK(other.destroy());  // unbound: nothing to do
 
         TempDir volume;
-        CHILD_CHECK(session.destroy() && session.create(volumeAt(volume.path())));
+        CHILD_CHECK(session.destroy());
+        CHILD_CHECK(session.create(volumeAt(volume.path())));
         id = session.getId(), path = session.getPath();
         CHILD_CHECK(isId(id, "seln"));
         CHILD_CHECK_EQ(volume.path() + "/" + id, path);
@@ -90,10 +97,12 @@ TEST_F(Sessions, LocalAndVolumeLifecycles) {
         time_t before = time(nullptr);
         CHILD_CHECK(loaded.load(id));
         struct stat st;
-        CHILD_CHECK(stat(path.c_str(), &st) == 0 && st.st_mtime >= before);
+        CHILD_CHECK(stat(path.c_str(), &st) == 0);
+        CHILD_CHECK(st.st_mtime >= before);
         // destroy removes the directory and the link; by id, a link already gone is fine.
         CHILD_CHECK(loaded.destroy());
-        CHILD_CHECK(!exists(path) && !exists(kArea + "/" + id));
+        CHILD_CHECK(!exists(path));
+        CHILD_CHECK(!exists(kArea + "/" + id));
         CHILD_CHECK(Session::destroyById(id));
     });
 }
@@ -107,13 +116,16 @@ TEST_F(Sessions, MissingOrMalformedIds) {
         Session session;
         CHILD_CHECK(!session.load("seln.absent"));
         CHILD_CHECK_EQ(1, log.err("failed to lstat session[]"));
-        CHILD_CHECK(!session.load("sess.absent") && !session.load(""));
-        CHILD_CHECK(Session::getPathById("").empty() && !Session::destroyById(""));
+        CHILD_CHECK(!session.load("sess.absent"));
+        CHILD_CHECK(!session.load(""));
+        CHILD_CHECK(Session::getPathById("").empty());
+        CHILD_CHECK(!Session::destroyById(""));
         CHILD_CHECK_EQ(2, log.err("invalid parameter, empty session id"));
         // No id reaches outside the session area.
         writeFile("/tmp/telobackup/keep", "x");
         for (const char *bad : {"..", ".", "../keep", "sess/../../keep"}) {
-            CHILD_CHECK(Session::getPathById(bad).empty() && !Session::destroyById(bad));
+            CHILD_CHECK(Session::getPathById(bad).empty());
+            CHILD_CHECK(!Session::destroyById(bad));
         }
         CHILD_CHECK(exists("/tmp/telobackup/keep"));
         // Logged by getPathById, and again inside destroyById.
@@ -131,7 +143,8 @@ TEST_F(Sessions, NameClashUnderTheLockAndAPlantedLockLink) {
         Session session;
         CHILD_CHECK(session.create(volumeAt("/" + kArea)));
         std::string id = session.getId(), path = session.getPath();
-        CHILD_CHECK(isId(id, "seln") && id != Path::basename(path));
+        CHILD_CHECK(isId(id, "seln"));
+        CHILD_CHECK(id != Path::basename(path));
         CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
         CHILD_CHECK_EQ(path, Session::getPathById(id));
         CHILD_CHECK_EQ(0400, fileMode(kArea + "/__sess__.lock"));
@@ -142,7 +155,8 @@ TEST_F(Sessions, NameClashUnderTheLockAndAPlantedLockLink) {
         writeFile("/tmp/victim", "precious", 0644);
         CHILD_CHECK(unlink((kArea + "/__sess__.lock").c_str()) == 0);
         CHILD_CHECK(symlink("/tmp/victim", (kArea + "/__sess__.lock").c_str()) == 0);
-        CHILD_CHECK(!session.create(volumeAt("/" + kArea)) && session.getId().empty());
+        CHILD_CHECK(!session.create(volumeAt("/" + kArea)));
+        CHILD_CHECK(session.getId().empty());
         CHILD_CHECK_EQ(std::string("precious"), readFile("/tmp/victim"));
         CHILD_CHECK_EQ(0644, fileMode("/tmp/victim"));
         CHILD_CHECK_EQ(1, log.err("failed to open file[" + kArea + "/__sess__.lock]"));
@@ -162,7 +176,8 @@ TEST_F(Sessions, NoVolumePathFallsBackToTheCurrentDirectory) {
         CHILD_CHECK(session.create(TempManager::maxVolume(1, 2, false)));
         CHILD_CHECK_EQ(1, log.err("failed to getVolumePath()"));
         CHILD_CHECK_EQ(cwd.path() + "/" + session.getId(), session.getPath());
-        CHILD_CHECK(session.destroy() && listDir(cwd.path()).empty());
+        CHILD_CHECK(session.destroy());
+        CHILD_CHECK(listDir(cwd.path()).empty());
     });
 }
 
@@ -184,7 +199,8 @@ TEST_F(Sessions, ConcurrentVolumeSessionsGetDistinctIds) {
         for (const std::string &link : listDir(kArea)) {
             targets.insert(linkTarget(kArea + "/" + link));
         }
-        CHILD_CHECK(listDir(kArea).size() == 80u && targets.size() == 80u);
+        CHILD_CHECK(listDir(kArea).size() == 80u);
+        CHILD_CHECK(targets.size() == 80u);
         CHILD_CHECK_EQ(80u, listDir(volume.path()).size());
     });
 }

@@ -52,7 +52,8 @@ TEST_F(Crypt, RoundTripsEveryLengthAndByte) {
         ASSERT_EQ(std::string::npos,
                   cipher.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
                                            "0123456789-_"));
-        ASSERT_TRUE(decrypt(cipher, back) && plain == back) << length;
+        ASSERT_TRUE(decrypt(cipher, back)) << length;
+        ASSERT_EQ(plain, back) << length;
         plain += static_cast<char>(1 + rng() % 255);
     }
     EXPECT_EQ(0600, fileMode(key));
@@ -115,7 +116,8 @@ TEST_F(Crypt, OnlyEncryptionMakesAKeyAndSaysSo) {
     EXPECT_EQ(ENOENT, errno);
     EXPECT_FALSE(exists(key));
     ASSERT_EQ(0, rename(dir.file("away").c_str(), key.c_str()));
-    EXPECT_TRUE(decrypt(cipher, back) && back == "secret");
+    EXPECT_TRUE(decrypt(cipher, back));
+    EXPECT_EQ("secret", back);
     EXPECT_NE("", encrypt("again"));
     EXPECT_EQ(1u, log.size()) << log.dump();
 }
@@ -186,7 +188,9 @@ TEST_F(Crypt, ForeignOrExposedKeysAreRefused) {
     for (mode_t exposed : {0640, 0604, 0620}) {
         writeFile(key, std::string(32, 'k'), exposed);
         EXPECT_EQ("", encrypt("secret"));
-        EXPECT_TRUE(TLIBCErrGet() == TELO_ERR_KEY_MODE && errno == EPERM) << exposed;
+        int error = errno;
+        EXPECT_EQ(TELO_ERR_KEY_MODE, TLIBCErrGet()) << exposed;
+        EXPECT_EQ(EPERM, error) << exposed;
         ASSERT_EQ(0, unlink(key.c_str()));
     }
 }
@@ -209,7 +213,8 @@ TEST_F(Crypt, ConcurrentFirstUseMakesOneKey) {
         std::string back;
         for (int p = 0; p < 6; ++p) {
             ASSERT_EQ(static_cast<ssize_t>(sizeof(cipher)), read(fds[0], cipher, sizeof(cipher)));
-            EXPECT_TRUE(decrypt(cipher, back) && back == "shared");
+            EXPECT_TRUE(decrypt(cipher, back));
+            EXPECT_EQ("shared", back);
             wait(nullptr);
         }
         close(fds[0]);

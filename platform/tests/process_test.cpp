@@ -8,7 +8,8 @@ TEST(PlatformProcess, ForkFailureIsRecorded) {
     EXPECT_CHILD_OK(testsupport::ChildOptions{.dropPrivileges = true}, [] {
         struct rlimit none = {0, 0};
         setrlimit(RLIMIT_NPROC, &none);
-        CHILD_CHECK(TLIBCProcFork() == -1 && errno == EAGAIN);
+        CHILD_CHECK_EQ(-1, TLIBCProcFork());
+        CHILD_CHECK_EQ(EAGAIN, errno);
         CHILD_CHECK_EQ(unsigned(TELO_ERR_SYSTEM), TLIBCErrGet());
         CHILD_CHECK_EQ(std::string("src/process.cpp"), std::string(TLIBCErrorGetFile()));
     });

@@ -12,7 +12,6 @@
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
-#include "telobackup/path/path_util.h"
 
 using namespace testsupport;
 using telo_platform::SambaConfig;
@@ -99,7 +98,6 @@ TEST(SharesFile, JsonOrPlainPathsAndTheLongestResolvedPrefix) {
     EXPECT_EQ("error 2 No such file or directory", lookup("/srvx"));
     EXPECT_EQ("error 5 Numerical result out of range", lookup("/srv/photos/1", 6));
     EXPECT_EQ("error 1 Invalid argument", lookup(""));
-    EXPECT_EQ("photos", TELO::Backup::Path::getShareName("/srv/photos/a"));
     // The unbalanced quote is a plain (relative) path, like srv/rel: neither is a share.
     std::vector<Share> shares;
     EXPECT_TRUE(telo_platform::parseSharesFile(readFile(dir.file("shares.conf")), shares));

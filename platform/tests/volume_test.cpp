@@ -3,17 +3,18 @@
 // directory of a volume. Mount points live in the test's own tree, so statvfs measures the real
 // file system under them.
 #include <gtest/gtest.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <set>
 
 #include "support/child.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
-#include "telobackup/json_text.h"
 #include "volume_rules.h"
 
 using namespace testsupport;
@@ -141,7 +142,11 @@ std::pair<std::vector<std::string>, std::vector<std::string>> bothReadings(
     CommandResult listed = runCommand({findmnt, "--json", "--list", "--tab-file", table, "-o",
                                        "ID,PARENT,MAJ:MIN,FSROOT,TARGET,SOURCE,FSTYPE"});
     Json::Value json;
-    EXPECT_TRUE(TELO::Backup::jsonFromString(json, listed.out)) << listed.err;
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    EXPECT_TRUE(
+        reader->parse(listed.out.data(), listed.out.data() + listed.out.size(), &json, &errors))
+        << listed.err << errors;
     std::vector<Row> rows;
     for (const Json::Value &fs : json["filesystems"]) {
         Row row{fs["id"].asInt(),        fs["parent"].asInt(),    fs["maj:min"].asString(),

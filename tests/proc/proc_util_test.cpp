@@ -69,7 +69,8 @@ int deadPid() {
 
 TEST(Process, LivenessAndStateLetters) {
     errno = 1234;
-    EXPECT_TRUE(Process::isAlive(getpid()) && !Process::isAlive(deadPid()));
+    EXPECT_TRUE(Process::isAlive(getpid()));
+    EXPECT_FALSE(Process::isAlive(deadPid()));
     EXPECT_EQ(1234, errno);
     EXPECT_EQ(getpid(), Process::getPid());
     EXPECT_EQ('R', Process::getStatus(getpid()));
@@ -82,7 +83,8 @@ TEST(Process, LivenessAndStateLetters) {
     if (zombie == 0) _exit(0);
     siginfo_t info;
     ASSERT_EQ(0, waitid(P_PID, zombie, &info, WEXITED | WNOWAIT));
-    EXPECT_TRUE(Process::isZombie(zombie) && Process::isAlive(zombie));
+    EXPECT_TRUE(Process::isZombie(zombie));
+    EXPECT_TRUE(Process::isAlive(zombie));
     waitpid(zombie, nullptr, 0);
     // Another user's process exists although it cannot be signalled.
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [] { CHILD_CHECK(Process::isAlive(1)); });
@@ -92,7 +94,8 @@ TEST(Process, CommandNamesAndTheirPrefixMatch) {
     SyslogCapture log{"proc/proc_util"};
     std::string name = "untouched";
     int dead = deadPid();
-    EXPECT_FALSE(Process::getProcCmd(0, name) || Process::getProcCmd(dead, name));
+    EXPECT_FALSE(Process::getProcCmd(0, name));
+    EXPECT_FALSE(Process::getProcCmd(dead, name));
     EXPECT_EQ("untouched", name);
     EXPECT_EQ(1, log.err("Error: invalid pid [0]"));
     EXPECT_EQ(1, log.err("Error: failed to open [/proc/" + std::to_string(dead) +
@@ -102,12 +105,16 @@ TEST(Process, CommandNamesAndTheirPrefixMatch) {
     EXPECT_TRUE(Process::getProcCmd(child.pid, name));
     EXPECT_EQ("abcdefghijklmno", name);
     bool matched[5] = {};
-    EXPECT_TRUE(Process::isAlive(child.pid, "abcdefghijklmnopqrstuvw", matched[0]) &&
-                Process::isAlive(child.pid, "abcdefghijklmno", matched[1]) &&
-                Process::isAlive(child.pid, "abcdefghijklmn", matched[2]) &&
-                Process::isAlive(child.pid, "abcdefghijklmnX", matched[3]) &&
-                Process::isAlive(deadPid(), "x", matched[4]));
-    EXPECT_TRUE(matched[0] && matched[1] && !matched[2] && !matched[3] && !matched[4]);
+    EXPECT_TRUE(Process::isAlive(child.pid, "abcdefghijklmnopqrstuvw", matched[0]));
+    EXPECT_TRUE(Process::isAlive(child.pid, "abcdefghijklmno", matched[1]));
+    EXPECT_TRUE(Process::isAlive(child.pid, "abcdefghijklmn", matched[2]));
+    EXPECT_TRUE(Process::isAlive(child.pid, "abcdefghijklmnX", matched[3]));
+    EXPECT_TRUE(Process::isAlive(deadPid(), "x", matched[4]));
+    EXPECT_TRUE(matched[0]);
+    EXPECT_TRUE(matched[1]);
+    EXPECT_FALSE(matched[2]);
+    EXPECT_FALSE(matched[3]);
+    EXPECT_FALSE(matched[4]);
     EXPECT_EQ(2u, log.size()) << log.dump();
 }
 

@@ -40,7 +40,8 @@ TEST(Signal, FlagEditorsKeepHandlerAndMaskAndHandBackTheOldFlags) {
         CHILD_CHECK_EQ(SA_RESTART | SA_NODEFER, actionOf(SIGCHLD).sa_flags);
         CHILD_CHECK(signalHandlerSetFlags(SIGCHLD, old));
         struct sigaction now = actionOf(SIGCHLD);
-        CHILD_CHECK(now.sa_handler == handlerA && now.sa_flags == (SA_NOCLDWAIT | SA_RESTART));
+        CHILD_CHECK(now.sa_handler == handlerA);
+        CHILD_CHECK(now.sa_flags == (SA_NOCLDWAIT | SA_RESTART));
         CHILD_CHECK_EQ(1, sigismember(&now.sa_mask, SIGUSR1));
     });
 }
@@ -50,7 +51,8 @@ TEST(Signal, FlagEditorsKeepHandlerAndMaskAndHandBackTheOldFlags) {
 TEST(Signal, FlagEditorFailures) {
     SyslogCapture log{"proc/signal"};
     int old = 12345;
-    EXPECT_FALSE(signalHandlerRemoveFlags(0, SA_RESTART, old) || signalHandlerSetFlags(NSIG, 0));
+    EXPECT_FALSE(signalHandlerRemoveFlags(0, SA_RESTART, old));
+    EXPECT_FALSE(signalHandlerSetFlags(NSIG, 0));
     EXPECT_EQ(12345, old);
     EXPECT_FALSE(signalHandlerAddFlags(SIGKILL, SA_RESTART, old));
     EXPECT_EQ(0, old & ~kRestorer);
@@ -64,12 +66,15 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         sigemptyset(&set);
         sigaddset(&set, SIGUSR1);
         sigprocmask(SIG_BLOCK, &set, nullptr);
-        CHILD_CHECK(signalHandlerSet(SIGUSR1, handlerA) && signalHandlerSet(SIGUSR2, handlerA));
+        CHILD_CHECK(signalHandlerSet(SIGUSR1, handlerA));
+        CHILD_CHECK(signalHandlerSet(SIGUSR2, handlerA));
         sigprocmask(SIG_BLOCK, nullptr, &set);
-        CHILD_CHECK(!sigismember(&set, SIGUSR1) && actionOf(SIGUSR1).sa_handler == handlerA);
+        CHILD_CHECK(!sigismember(&set, SIGUSR1));
+        CHILD_CHECK(actionOf(SIGUSR1).sa_handler == handlerA);
         CHILD_CHECK_EQ(SA_RESTART, actionOf(SIGUSR1).sa_flags);
         SyslogCapture log{"proc/signal"};
-        CHILD_CHECK(!signalHandlerSet(0, handlerA) && !signalHandlerSet(SIGKILL, handlerA));
+        CHILD_CHECK(!signalHandlerSet(0, handlerA));
+        CHILD_CHECK(!signalHandlerSet(SIGKILL, handlerA));
         {
             ScopedTempSigHandler guard, unarmed;
             CHILD_CHECK(guard.setSignalHandler(SIGUSR1, SA_RESTART, SIG_IGN));
@@ -82,9 +87,9 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         // The first replacement is undone; the unarmed guard touched nothing.
         CHILD_CHECK(actionOf(SIGUSR1).sa_handler == handlerA);
         CHILD_CHECK(actionOf(SIGUSR2).sa_handler == handlerB);
-        CHILD_CHECK(log.err("sigaddset [0]: Invalid argument") == 1 &&
-                    log.err("sigaction [9]: Invalid argument") == 1 &&
-                    log.err("failed to set signal handler: original signum [10]") == 1);
+        CHILD_CHECK_EQ(1, log.err("sigaddset [0]: Invalid argument"));
+        CHILD_CHECK_EQ(1, log.err("sigaction [9]: Invalid argument"));
+        CHILD_CHECK_EQ(1, log.err("failed to set signal handler: original signum [10]"));
         CHILD_CHECK_EQ(3u, log.size());
     });
 }

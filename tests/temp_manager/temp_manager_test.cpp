@@ -58,7 +58,8 @@ TEST_F(Temporaries, TemplatesModesAndRemoval) {
         EXPECT_TRUE(generated(dir.file("name."), named.getPath()));
         EXPECT_TRUE(generated(dir.file("name"), suffixed.getPath()));
         EXPECT_TRUE(generated(dir.file("d."), folder.getPath()));
-        EXPECT_TRUE(fileMode(named.getPath()) == 0600 && fileMode(folder.getPath()) == 0700);
+        EXPECT_EQ(0600, fileMode(named.getPath()));
+        EXPECT_EQ(0700, fileMode(folder.getPath()));
         EXPECT_EQ(-1, named.getFileDescripter());
         EXPECT_EQ(FD_CLOEXEC, fcntl(file.getFileDescripter(), F_GETFD) & FD_CLOEXEC);
         // create() replaces what was owned; unlink() gives up ownership.
@@ -132,7 +133,9 @@ TEST_F(Temporaries, RenameRefusesANameThatIsNoLongerTheTemporary) {
     }
     ScopedTempFile closed(dir.file("t"), true);
     ASSERT_EQ(0, link(closed.getPath().c_str(), dir.file("second").c_str()));
-    EXPECT_FALSE(closed.rename(planted) || errno != ESTALE || closed.isValid());
+    EXPECT_FALSE(closed.rename(planted));
+    EXPECT_EQ(ESTALE, errno);
+    EXPECT_FALSE(closed.isValid());
     EXPECT_FALSE(exists(planted));
     // Only the move with the mode logs, as renameWithMode's failed rename.
     EXPECT_EQ(1, log.count(LOG_ERR, "<any>rename failed Stale file handle, [" + planted + "]"));
@@ -165,9 +168,12 @@ TEST(TempFolderDepth, TenThousandLevelsWithFewDescriptors) {
         SyslogCapture log;
         CHILD_CHECK(limitNewDescriptors(24));
         CHILD_CHECK_EQ(0, folder.unlink());
-        CHILD_CHECK(!exists(root) && log.size() == 0);
-        CHILD_CHECK(folder.create(templ) && rmdir(folder.getPath().c_str()) == 0);
-        CHILD_CHECK(folder.unlink() == -1 && errno == ENOENT);
+        CHILD_CHECK(!exists(root));
+        CHILD_CHECK(log.size() == 0);
+        CHILD_CHECK(folder.create(templ));
+        CHILD_CHECK(rmdir(folder.getPath().c_str()) == 0);
+        CHILD_CHECK_EQ(-1, folder.unlink());
+        CHILD_CHECK_EQ(ENOENT, errno);
     };
     // On a memory-backed /tmp where the machine allows one: deep trees are slow to make on disk.
     ChildResult result =
@@ -182,7 +188,8 @@ TEST_F(Temporaries, OnTheChosenVolume) {
         {
             ScopedVolumeTempFile file(largest(), "", false);
             CHILD_CHECK(generated(tmp + "/scoped_volume_temp_file.", file.getPath()));
-            CHILD_CHECK(file.getFileDescripter() >= 0 && fileMode(file.getPath()) == 0600);
+            CHILD_CHECK(file.getFileDescripter() >= 0);
+            CHILD_CHECK(fileMode(file.getPath()) == 0600);
             ScopedVolumeTempFolder folder(largest(), "");
             CHILD_CHECK(generated(tmp + "/scoped_volume_temp_folder.", folder.getPath()));
             CHILD_CHECK_EQ(0700, fileMode(folder.getPath()));
@@ -196,7 +203,8 @@ TEST_F(Temporaries, OnTheChosenVolume) {
         }
         // Destroyed objects remove what they still own, nothing else.
         CHILD_CHECK_EQ(2u, listDir(tmp).size());
-        CHILD_CHECK(exists(keptFile) && exists(keptFolder));
+        CHILD_CHECK(exists(keptFile));
+        CHILD_CHECK(exists(keptFolder));
         // Without any volume, a filter with the fallback places it in /tmp.
         fakeplatform::outcomes().volumes.clear();
         ScopedVolumeTempFile fallback(TempManager::maxVolume(true), "", true);
@@ -209,38 +217,25 @@ TEST_F(Temporaries, BadFilterNameOrDirectoryLeaveNothing) {
     EXPECT_CHILD_OK([this] {
         ScopedVolumeTempFile nullFilter(nullptr, "x", false);
         ScopedVolumeTempFolder nullFolder(nullptr, "x");
-        CHILD_CHECK(!nullFilter.isValid() && !nullFolder.isValid());
+        CHILD_CHECK(!nullFilter.isValid());
+        CHILD_CHECK(!nullFolder.isValid());
         CHILD_CHECK_EQ(2, log.err("volume temp filter is null!"));
         ScopedVolumeTempFile slash(largest(), "a/b", false);
         ScopedVolumeTempFile dot(largest(), ".", false);
         ScopedVolumeTempFolder dots(largest(), "..");
-        CHILD_CHECK(!slash.isValid() && !dot.isValid() && !dots.isValid());
+        CHILD_CHECK(!slash.isValid());
+        CHILD_CHECK(!dot.isValid());
+        CHILD_CHECK(!dots.isValid());
         CHILD_CHECK_EQ(1, log.err("name[a/b] is invalid!"));
         CHILD_CHECK_EQ(3, log.err("name[<any>] is invalid!"));
         CHILD_CHECK_EQ(Names{".tmp"}, listDir(dir.file("vol")));
         // No directory for the filter: silently nothing.
         fakeplatform::outcomes().volumes.clear();
         ScopedVolumeTempFile none(TempManager::maxExtVolume(1, 2, false), "x", false);
-        CHILD_CHECK(!none.isValid() && listDir(tmp).empty());
+        CHILD_CHECK(!none.isValid());
+        CHILD_CHECK(listDir(tmp).empty());
         CHILD_CHECK_EQ(size_t(5), log.size());
     });
-}
-
-TEST(TempManagerFactories, MakeTheFiltersTheirArgumentsDescribe) {
-    fakeplatform::reset();
-    fakeplatform::outcomes().volumeLocation = 5;
-    fakeplatform::outcomes().volumeOfPath["/v/x"] = "/v";
-    const std::pair<std::shared_ptr<FilterVolume>, const char *> cases[] = {
-        {TempManager::maxVolume(), "FilterMaxVolume:5:2:0"},
-        {TempManager::maxVolume(true), "FilterMaxVolume:5:2:1"},
-        {TempManager::maxVolume(1, 3, false), "FilterMaxVolume:1:3:0"},
-        {TempManager::maxExtVolume(), "FilterMaxExtVolume:5:2:0"},
-        {TempManager::maxExtVolume(true), "FilterMaxExtVolume:5:2:1"},
-        {TempManager::maxExtBtrfsVolume(), "FilterMaxExtBtrfsVolume:5:2:0"},
-        {TempManager::maxExtBtrfsVolume(true), "FilterMaxExtBtrfsVolume:5:2:1"},
-        {TempManager::sameVolume("/v/x"), "FilterSameVolume:/v"},
-    };
-    for (const auto &c : cases) EXPECT_EQ(c.second, c.first->getSignature());
 }
 
 // Temporaries returned from a function and moved on: one owner at a time, the moved-from object
@@ -250,7 +245,8 @@ TEST_F(Temporaries, MovedToOneOwnerAtATime) {
     ScopedTempFile file = makeFile();
     std::string first = file.getPath();
     int fd = file.getFileDescripter();
-    ASSERT_TRUE(file.isValid() && fd >= 0);
+    ASSERT_TRUE(file.isValid());
+    ASSERT_GE(fd, 0);
     ScopedTempFile taker(std::move(file));
     EXPECT_FALSE(file.isValid());
     EXPECT_EQ(-1, file.getFileDescripter());
@@ -277,8 +273,10 @@ TEST_F(Temporaries, MovedToOneOwnerAtATime) {
     ScopedVolumeTempFile volumeTaker(std::move(onVolume));
     ScopedVolumeTempFolder onVolumeDir(largest(), "w");
     ScopedVolumeTempFolder dirTaker(std::move(onVolumeDir));
-    EXPECT_TRUE(!onVolume.isValid() && volumeTaker.getPath() == fourth);
-    EXPECT_TRUE(!onVolumeDir.isValid() && dirTaker.isValid());
+    EXPECT_FALSE(onVolume.isValid());
+    EXPECT_EQ(fourth, volumeTaker.getPath());
+    EXPECT_FALSE(onVolumeDir.isValid());
+    EXPECT_TRUE(dirTaker.isValid());
     std::string fifth = dirTaker.getPath();
     {
         ScopedTempFile last(std::move(taker));
@@ -286,6 +284,6 @@ TEST_F(Temporaries, MovedToOneOwnerAtATime) {
         ScopedVolumeTempFile lastVolume(std::move(volumeTaker));
         ScopedVolumeTempFolder lastVolumeDir(std::move(dirTaker));
     }
-    EXPECT_FALSE(exists(second) || exists(fourth) || exists(fifth));
+    for (const std::string &gone : {second, fourth, fifth}) EXPECT_FALSE(exists(gone)) << gone;
     EXPECT_EQ(Names{}, listDir(tmp));
 }

@@ -71,13 +71,18 @@ TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
 
 TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
     EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    // An explicit location is not asked of the platform (the factories' test covers the default).
+    // An explicit location is not asked of the platform; the default is, with mode 2.
     EXPECT_EQ(0, calls("TELOVolumeSupportLocGet"));
+    fakeplatform::outcomes().volumeLocation = 5;
+    EXPECT_EQ("FilterMaxExtBtrfsVolume:5:2:1", FilterMaxExtBtrfsVolume(true).getSignature());
+    EXPECT_EQ(1, calls("TELOVolumeSupportLocGet"));
     // No location: both stay 0.
     fakeplatform::outcomes().volumeLocation = 0;
     FilterMaxVolume none;
     int location = -1, mode = -1;
-    EXPECT_TRUE(none.getVolumeEnumParameter(location, mode) && location == 0 && mode == 0);
+    EXPECT_TRUE(none.getVolumeEnumParameter(location, mode));
+    EXPECT_EQ(0, location);
+    EXPECT_EQ(0, mode);
     EXPECT_EQ("FilterMaxVolume:0:0:0", none.getSignature());
     EXPECT_EQ("", none.defaultPath());
     EXPECT_EQ("/tmp", FilterMaxVolume(true).defaultPath());
@@ -95,7 +100,8 @@ TEST_F(VolumeFilters, SameVolumeFilter) {
     EXPECT_EQ(0u, log.size());
 
     FilterSameVolume unknown("/elsewhere");
-    EXPECT_TRUE(unknown.getSignature() == "FilterSameVolume:" && unknown.defaultPath().empty());
+    EXPECT_EQ("FilterSameVolume:", unknown.getSignature());
+    EXPECT_TRUE(unknown.defaultPath().empty());
     EXPECT_EQ(1,
               log.err("TELOMountVolInfoGet(/elsewhere) failed, [0x0002 fake_platform.cpp:<line>]"))
         << log.dump();
@@ -130,11 +136,14 @@ TEST_F(VolumeManager, ChoosesTheLargestUsableWritableVolumeAndCachesIt) {
     EXPECT_CHILD_OK([this] {
         VolumePathManager &manager = VolumePathManager::getInstance();
         std::string out = "stale";
-        CHILD_CHECK(manager.getVolumePath(maxFilter(false), out) && out == dir.file("best-tmp"));
-        CHILD_CHECK(calls("TELOMountVolAllEnum") == 1 && calls("TELOMountVolInfoFree") == 1);
+        CHILD_CHECK(manager.getVolumePath(maxFilter(false), out));
+        CHILD_CHECK(out == dir.file("best-tmp"));
+        CHILD_CHECK(calls("TELOMountVolAllEnum") == 1);
+        CHILD_CHECK(calls("TELOMountVolInfoFree") == 1);
         // The same signature from a new object is answered from the cache; another enumerates.
         out.clear();
-        CHILD_CHECK(manager.getVolumePath(maxFilter(false), out) && out == dir.file("best-tmp"));
+        CHILD_CHECK(manager.getVolumePath(maxFilter(false), out));
+        CHILD_CHECK(out == dir.file("best-tmp"));
         CHILD_CHECK_EQ(1, calls("TELOMountVolAllEnum"));
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
         CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
@@ -163,24 +172,29 @@ TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
         SyslogCapture childLog{kSource};
         VolumePathManager &manager = VolumePathManager::getInstance();
         std::string out = "stale";
-        CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out) && out.empty());
+        CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out));
+        CHILD_CHECK(out.empty());
         CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out));
         CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
         CHILD_CHECK_EQ(4, childLog.err("TELOShareTmpPathGet(<any>) fail, [0x0004 <any>]"));
-        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out) && out == "/tmp");
-        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out) && out == "/tmp");
+        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
+        CHILD_CHECK(out == "/tmp");
+        CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
+        CHILD_CHECK(out == "/tmp");
         CHILD_CHECK_EQ(3, calls("TELOMountVolAllEnum"));
 
         fakeplatform::setFail("TELOMountVolAllEnum");
         auto ext = [](bool fallback) {
             return std::make_shared<FilterMaxExtVolume>(1, 2, fallback);
         };
-        CHILD_CHECK(manager.getVolumePath(ext(true), out) && out == "/tmp");
+        CHILD_CHECK(manager.getVolumePath(ext(true), out));
+        CHILD_CHECK(out == "/tmp");
         CHILD_CHECK(!manager.getVolumePath(ext(false), out));
         CHILD_CHECK_EQ(3, calls("TELOMountVolInfoFree"));  // nothing to free after a failure
         // A null filter leaves the output alone.
         out = "untouched";
-        CHILD_CHECK(!manager.getVolumePath(nullptr, out) && out == "untouched");
+        CHILD_CHECK(!manager.getVolumePath(nullptr, out));
+        CHILD_CHECK(out == "untouched");
     });
 }
 

@@ -1,0 +1,41 @@
+// The util library over the real platform, reading the machine's configuration files: a share
+// name from the shares file, an address from a private hosts file, and the error logged when a
+// name resolves to nothing.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <syslog.h>
+
+#include <cstdlib>
+
+#include "support/child.h"
+#include "support/syslog_capture.h"
+#include "support/temp_dir.h"
+#include "telobackup/network/network.h"
+#include "telobackup/path/path_util.h"
+
+using namespace testsupport;
+
+TEST(UtilOverPlatform, ShareNameAndAddressLookup) {
+    TempDir dir;
+    writeFile(dir.file("shares.conf"), "[photos]\npath=\"/srv/photos\"\n");
+    writeFile(dir.file("hosts"), "127.0.0.1 dual.test\n::1 dual.test\n");
+    writeFile(dir.file("nsswitch.conf"), "hosts: files\n");
+    EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [&] {
+        setenv("TELO_SHARES_CONF", dir.file("shares.conf").c_str(), 1);
+        setenv("TELO_SMB_CONF", dir.file("no-smb.conf").c_str(), 1);
+        CHILD_CHECK_EQ(std::string("photos"), TELO::Backup::Path::getShareName("/srv/photos/a"));
+        CHILD_CHECK_EQ(std::string(""), TELO::Backup::Path::getShareName("/nowhere/a"));
+        if (mount(dir.file("hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0 ||
+            mount(dir.file("nsswitch.conf").c_str(), "/etc/nsswitch.conf", nullptr, MS_BIND,
+                  nullptr) != 0) {
+            return std::string("cannot bind the resolver fixtures");
+        }
+        SyslogCapture log;
+        CHILD_CHECK_EQ(std::string("127.0.0.1"), TELO::Backup::Net::getIpFromAddr("dual.test"));
+        CHILD_CHECK_EQ(-1, TELO::Backup::Net::testIpAndPortConnect("missing.test", 80, 1));
+        CHILD_CHECK(log.has(LOG_ERR,
+                            "network/network:<line> [missing.test:80] getaddrinfo() "
+                            "error, <any>"));
+        return std::string();
+    });
+}
