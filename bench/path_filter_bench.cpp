@@ -7,7 +7,7 @@
 //   path_filter_bench [--corpus=FILE] [--patterns=FILE] [benchmark flags]
 //
 // Without --corpus the corpus is generated with gen_paths.py (1000000 paths, seed 42) from the
-// shared benchmark directory beside the source tree; --patterns defaults to its
+// bench/data of the source tree; --patterns defaults to its
 // filter_patterns.txt (lines "KIND<TAB>PATTERN", KIND prior, include or exclude).
 #include <fnmatch.h>
 #include <malloc.h>
@@ -30,8 +30,8 @@
 #include "support/ratio_reporter.h"
 #include "telobackup/path/path_filter.h"
 
-#ifndef TELO_BENCH_SHARED_DIR
-#define TELO_BENCH_SHARED_DIR "../shared/bench"
+#ifndef TELO_BENCH_DATA_DIR
+#define TELO_BENCH_DATA_DIR "bench/data"
 #endif
 
 using TELO::Backup::PathFilter;
@@ -430,15 +430,15 @@ bool checkAgreement() {
 }  // namespace
 
 int main(int argc, char **argv) {
-    std::string shared = TELO_BENCH_SHARED_DIR;
+    std::string data = TELO_BENCH_DATA_DIR;
     std::string corpusFile = takeOption(&argc, argv, "corpus", "");
-    std::string patternFile = takeOption(&argc, argv, "patterns", shared + "/filter_patterns.txt");
+    std::string patternFile = takeOption(&argc, argv, "patterns", data + "/filter_patterns.txt");
     if (!loadPatterns(patternFile)) {
         fprintf(stderr, "no patterns in %s\n", patternFile.c_str());
         return 1;
     }
     FILE *in = corpusFile.empty()
-                   ? popen(("python3 '" + shared + "/gen_paths.py' 1000000 42").c_str(), "r")
+                   ? popen(("python3 '" + data + "/gen_paths.py' 1000000 42").c_str(), "r")
                    : fopen(corpusFile.c_str(), "r");
     if (in == nullptr || !loadLines(in, corpus)) {
         fprintf(stderr, "cannot read the corpus\n");

@@ -1,60 +1,95 @@
 #include "telobackup/log.h"
 
+#include <fcntl.h>
+#include <limits.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <mutex>
 #include <string>
 
+#include "internal/eintr.h"
 #include "telobackup/path/path_util.h"
+
+using TELO::Backup::internal::writeFull;
 
 namespace {
 
-// The stream, once opened, is kept for the life of the process and never closed.
-FILE *logStream = nullptr;
+// The descriptor, once opened, is kept for the life of the process; filelogReopen only replaces
+// the file behind it (dup3), so a writer that loaded it never writes to a closed number.
+std::atomic<int> logFd{-1};
+// The path it was opened from, written before logFd is published and read by filelogReopen,
+// which may run in a signal handler and so cannot build it again.
+char logPath[PATH_MAX];
+std::mutex openMutex;
 
-FILE *acquireLogStream() {
-    if (logStream != nullptr) return logStream;
+constexpr int kOpenFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_LARGEFILE;
+
+int acquireLogFd() {
+    int fd = logFd.load(std::memory_order_acquire);
+    if (fd >= 0) return fd;
+    std::lock_guard<std::mutex> lock(openMutex);
+    fd = logFd.load(std::memory_order_acquire);
+    if (fd >= 0) return fd;
     std::string path = TELO::Backup::Path::getLogPath();
     if (path == "stderr") {
-        logStream = stderr;
+        fd = STDERR_FILENO;
     } else if (!path.empty()) {
-        logStream = fopen64(path.c_str(), "a+e");
+        if (path.size() >= sizeof(logPath)) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        fd = TELO::Backup::internal::retryOnEintr(
+            [&] { return open(path.c_str(), kOpenFlags, 0666); });
+        if (fd < 0) return -1;
+        memcpy(logPath, path.c_str(), path.size() + 1);
     }
-    return logStream;
+    if (fd >= 0) logFd.store(fd, std::memory_order_release);
+    return fd;
 }
 
-// Flushes the stream and forces it to storage. A stream that cannot be synced (a terminal, a
-// pipe, a device) is no failure; a failed flush or sync of a file is (-1 with errno).
-int syncStream(FILE *stream) {
-    if (fflush(stream) != 0) return -1;
-    int fd = fileno(stream);
+// Forces what was written to storage. A descriptor that cannot be synced (a terminal, a pipe,
+// a device) is no failure; a failed sync of a file is (-1 with errno).
+int syncFd(int fd) {
     if (fdatasync(fd) == 0) return 0;
     if (errno == EOPNOTSUPP && fsync(fd) == 0) return 0;
     return errno == EINVAL || errno == EROFS || errno == EOPNOTSUPP ? 0 : -1;
 }
 
-// Writes one timestamped line; 0, or -1 with errno when a write, the flush or the sync failed.
-int writeLine(FILE *stream, const char *format, va_list ap) {
-    clearerr(stream);
+// Writes one timestamped line with a single write(2), so lines of other threads and processes
+// appending to the same file never land inside it; 0, or -1 with errno.
+int writeLine(int fd, const char *format, va_list ap) {
+    char small[1024];
+    size_t length = 0;
     time_t now = time(nullptr);
     struct tm local = {};
     if (localtime_r(&now, &local) != nullptr) {
-        char prefix[32] = {};
-        size_t length = strftime(prefix, sizeof(prefix), "%Y-%m-%dT%H:%M:%S ", &local);
-        fwrite(prefix, 1, length, stream);
+        length = strftime(small, sizeof(small), "%Y-%m-%dT%H:%M:%S ", &local);
     }
-    vfprintf(stream, format, ap);
-    fputc('\n', stream);
-    if (ferror(stream)) {
-        int saved = errno != 0 ? errno : EIO;
-        fflush(stream);  // drops what the failed write left in the buffer
-        clearerr(stream);
-        errno = saved;
-        return -1;
+    va_list copy;
+    va_copy(copy, ap);
+    int formatted = vsnprintf(small + length, sizeof(small) - length, format, copy);
+    va_end(copy);
+    if (formatted < 0) return -1;
+    std::string large;
+    const char *line = small;
+    if (length + static_cast<size_t>(formatted) + 1 < sizeof(small)) {
+        length += static_cast<size_t>(formatted);
+        small[length++] = '\n';
+    } else {
+        large.assign(small, length);
+        large.resize(length + static_cast<size_t>(formatted) + 1);
+        vsnprintf(&large[length], static_cast<size_t>(formatted) + 1, format, ap);
+        large.back() = '\n';
+        line = large.data();
+        length = large.size();
     }
-    return syncStream(stream);
+    if (!writeFull(fd, line, length)) return -1;
+    return syncFd(fd);
 }
 
 }  // namespace
@@ -63,9 +98,9 @@ extern "C" {
 
 void vfilelog(int /*level*/, const char *format, va_list ap) {
     if (format == nullptr) return;
-    FILE *stream = acquireLogStream();
-    if (stream == nullptr) return;
-    writeLine(stream, format, ap);
+    int fd = acquireLogFd();
+    if (fd < 0) return;
+    writeLine(fd, format, ap);
 }
 
 int filelogChecked(int /*level*/, const char *format, ...) {
@@ -74,8 +109,8 @@ int filelogChecked(int /*level*/, const char *format, ...) {
         return -1;
     }
     errno = 0;
-    FILE *stream = acquireLogStream();
-    if (stream == nullptr) {
+    int fd = acquireLogFd();
+    if (fd < 0) {
         int saved = errno;
         if (TELO::Backup::Path::getLogPath().empty()) return 0;  // turned off
         errno = saved != 0 ? saved : ENOENT;
@@ -83,17 +118,33 @@ int filelogChecked(int /*level*/, const char *format, ...) {
     }
     va_list ap;
     va_start(ap, format);
-    int result = writeLine(stream, format, ap);
+    int result = writeLine(fd, format, ap);
     va_end(ap);
     return result;
 }
 
 void filelog(int level, const char *format, ...) {
-    if (format == nullptr || acquireLogStream() == nullptr) return;
+    if (format == nullptr || acquireLogFd() < 0) return;
     va_list ap;
     va_start(ap, format);
     vfilelog(level, format, ap);
     va_end(ap);
+}
+
+int filelogReopen(void) {
+    int fd = logFd.load(std::memory_order_acquire);
+    if (fd < 0 || fd == STDERR_FILENO) return 0;
+    int fresh;
+    do {
+        fresh = open(logPath, kOpenFlags, 0666);
+    } while (fresh < 0 && errno == EINTR);
+    if (fresh < 0) return -1;
+    int result = 0;
+    if (dup3(fresh, fd, O_CLOEXEC) < 0) result = -1;
+    int saved = errno;
+    close(fresh);
+    errno = saved;
+    return result;
 }
 
 }  // extern "C"

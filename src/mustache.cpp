@@ -1,5 +1,7 @@
 #include "telobackup/mustache.h"
 
+#include <algorithm>
+
 #include "telobackup/json_text.h"
 
 namespace TELO {
@@ -79,6 +81,30 @@ std::string replaceMustache(const std::string &tmpl,
 
 std::string replaceMustache(const std::string &tmpl, const Json::Value &vars, bool jsonStrings) {
     return replaceMustache(tmpl, VarsMapper(VarsMapperJson(vars, jsonStrings)));
+}
+
+std::string replaceMustache(const std::string &tmpl, VarsMapper mapper,
+                            std::vector<std::string> &missing) {
+    missing.clear();
+    // An empty mapper still throws at the first tag, as in the plain form.
+    auto recording = [&mapper, &missing](const std::string &name, std::string &out) {
+        if (mapper(name, out)) return true;
+        if (std::find(missing.begin(), missing.end(), name) == missing.end()) {
+            missing.push_back(name);
+        }
+        return false;
+    };
+    return replaceMustache(tmpl, VarsMapper(recording));
+}
+
+std::string replaceMustache(const std::string &tmpl, const std::map<std::string, std::string> &vars,
+                            std::vector<std::string> &missing) {
+    return replaceMustache(tmpl, VarsMapper(VarsMapperMapString(vars)), missing);
+}
+
+std::string replaceMustache(const std::string &tmpl, const Json::Value &vars, bool jsonStrings,
+                            std::vector<std::string> &missing) {
+    return replaceMustache(tmpl, VarsMapper(VarsMapperJson(vars, jsonStrings)), missing);
 }
 
 }  // namespace Backup

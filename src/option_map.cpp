@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdio_ext.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,8 @@
 
 #include "internal/eintr.h"
 #include "internal/safe_open.h"
+#include "internal/section_rewrite.h"
+#include "internal/stale_temporaries.h"
 #include "internal/syslog.h"
 #include "telo/platform.h"
 #include "telobackup/json_text.h"
@@ -36,33 +39,55 @@ struct FreeDeleter {
 };
 using Buffer = std::unique_ptr<char, FreeDeleter>;
 
-std::string encryptSecret(const std::string &plain) {
+// The platform's ciphertext of `plain` into `out`; false after logging when encryption fails,
+// with the platform error and errno as the failing step left them.
+bool encryptSecret(const std::string &plain, std::string &out) {
     size_t size = (strlen(plain.c_str()) + 2) * 2;
     Buffer buffer(static_cast<char *>(calloc(size, 1)));
     if (!buffer) {
         TELO_LOG_ERR("calloc: %m");
-        return std::string();
+        return false;
     }
     if (TLIBCCryptSzEncrypt(plain.c_str(), buffer.get(), size) == 0) {
         TELO_LOG_ERR("TLIBCCryptSzEncrypt: " TELO_PLATFORM_ERR_FMT, TELO_PLATFORM_ERR_ARGS);
-        return std::string();
+        return false;
     }
-    return std::string(buffer.get());
+    out = buffer.get();
+    return true;
 }
 
-std::string decryptSecret(const std::string &stored) {
-    if (stored.empty()) return std::string();
+std::string encryptSecret(const std::string &plain) {
+    std::string cipher;
+    encryptSecret(plain, cipher);
+    return cipher;
+}
+
+// The plain text of `stored` into `out`; false after logging when decryption fails. An empty
+// text is "" without asking the platform unless `checked`: no encryption makes it, so the
+// checked getter lets the platform refuse it.
+bool decryptSecret(const std::string &stored, std::string &out, bool checked) {
+    if (stored.empty() && !checked) {
+        out.clear();
+        return true;
+    }
     size_t size = std::max<size_t>(strlen(stored.c_str()), 10);
     Buffer buffer(static_cast<char *>(calloc(size, 1)));
     if (!buffer) {
         TELO_LOG_ERR("calloc: %m");
-        return std::string();
+        return false;
     }
     if (TLIBCCryptSzDecrypt(stored.c_str(), buffer.get(), size) == 0) {
         TELO_LOG_ERR("TLIBCCryptSzDecrypt: " TELO_PLATFORM_ERR_FMT, TELO_PLATFORM_ERR_ARGS);
-        return std::string();
+        return false;
     }
-    return std::string(buffer.get());
+    out = buffer.get();
+    return true;
+}
+
+std::string decryptSecret(const std::string &stored) {
+    std::string plain;
+    decryptSecret(stored, plain, false);
+    return plain;
 }
 
 // The number of `name` for `prefix`, or false when the name is not one of the prefix's.
@@ -101,12 +126,24 @@ bool appendHeader(const std::string &file, const std::string &name) {
         TELO_LOG_ERR("fopen: %m");
         return false;
     }
-    opened.fd.release();
+    int fd = opened.fd.release();
     __fsetlocking(stream, FSETLOCKING_BYCALLER);
-    // A last line without its "\n" would swallow the header (and the value it ends).
-    bool unterminated = fseeko64(stream, -1, SEEK_END) == 0 && fgetc(stream) != '\n';
-    fseeko64(stream, 0, SEEK_END);
-    bool written = (!unterminated || fputc('\n', stream) != EOF) &&
+    // A last line without its "\n" would swallow the header (and the value it ends). A last
+    // byte that cannot be read fails the append: guessing would add a blank line, or worse.
+    struct stat64 st;
+    char last = '\n';
+    ssize_t got = fstat64(fd, &st) != 0 ? -1 : st.st_size == 0 ? 1 : retryOnEintr([&] {
+        return pread64(fd, &last, 1, st.st_size - 1);
+    });
+    if (got != 1) {
+        if (got == 0) errno = EIO;  // shorter than it said a moment ago
+        TELO_LOG_ERR("read last byte failed, %m");
+        int saved = errno;
+        fclose(stream);
+        errno = saved;
+        return false;
+    }
+    bool written = (last == '\n' || fputc('\n', stream) != EOF) &&
                    SectionConfig::writeSectionName(stream, name);
     // The header reaches the file only when the stream is flushed.
     if (fclose(stream) != 0) written = false;
@@ -119,6 +156,14 @@ int nextNumber(int largest, const std::string &prefix) {
     errno = EOVERFLOW;
     TELO_LOG_ERR("no id left for [%s]", prefix.c_str());
     return -1;
+}
+
+// Releases the lock after a failed locked step, keeping that step's errno; always false.
+bool unlockAfterFailure(OptionMap &map) {
+    int saved = errno;
+    map.unlock();
+    errno = saved;
+    return false;
 }
 
 }  // namespace
@@ -260,6 +305,25 @@ bool OptionMap::optSet(const std::string &key, const std::string &value, bool se
     return true;
 }
 
+bool OptionMap::optSetSecretChecked(const std::string &key, const std::string &value) {
+    std::string cipher;
+    if (!encryptSecret(value, cipher)) return false;
+    d_->values[key] = cipher;
+    return true;
+}
+
+bool OptionMap::optGetSecretChecked(const std::string &key, std::string &out) const {
+    const Json::Value *value = d_->findAs(key, Json::stringValue);
+    if (value == nullptr) {
+        errno = ENOENT;
+        return false;
+    }
+    std::string plain;
+    if (!decryptSecret(value->asString(), plain, true)) return false;
+    out.swap(plain);
+    return true;
+}
+
 bool OptionMap::optSet(const std::string &key, const char *value, bool secret) {
     return optSet(key, std::string(value != nullptr ? value : ""), secret);
 }
@@ -370,11 +434,9 @@ bool OptionMap::optSectionSave() {
         return false;
     }
     if (!lock()) return false;
+    tidyUnderLock(d_->file);
     if (optSectionExport(d_->file, d_->section, false)) return unlock();
-    int saved = errno;
-    unlock();
-    errno = saved;
-    return false;
+    return unlockAfterFailure(*this);
 }
 
 bool OptionMap::optSectionRemove() {
@@ -383,12 +445,10 @@ bool OptionMap::optSectionRemove() {
         return false;
     }
     if (!lock()) return false;
+    tidyUnderLock(d_->file);
     if (SectionConfig::removeSection(d_->file, d_->section)) return unlock();
     TELO_LOG_ERR("remove sec failed, %m");
-    int saved = errno;
-    unlock();
-    errno = saved;
-    return false;
+    return unlockAfterFailure(*this);
 }
 
 bool OptionMap::optSectionListName(const std::string &file, std::list<std::string> &names) {
@@ -437,6 +497,11 @@ bool OptionMap::lock() {
     return true;
 }
 
+void OptionMap::tidyUnderLock(const std::string &file) const {
+    // Without a token nothing is held, and a live rewrite of another writer may be under way.
+    if (d_->lockFd >= 0) internal::removeStaleTemporaries(file);
+}
+
 bool OptionMap::unlock() {
     if (d_->lockToken.empty()) return true;
     if (d_->lockFd < 0) {
@@ -451,6 +516,35 @@ bool OptionMap::unlock() {
     close(fd);
     d_->lockFd = -1;
     return true;
+}
+
+OptionMap::ScopedLock::ScopedLock(OptionMap &map) : map_(map.lock() ? &map : nullptr) {}
+
+OptionMap::ScopedLock::ScopedLock(ScopedLock &&other) noexcept : map_(other.map_) {
+    other.map_ = nullptr;
+}
+
+OptionMap::ScopedLock &OptionMap::ScopedLock::operator=(ScopedLock &&other) noexcept {
+    if (&other != this) {
+        unlock();
+        map_ = other.map_;
+        other.map_ = nullptr;
+    }
+    return *this;
+}
+
+OptionMap::ScopedLock::~ScopedLock() {
+    // A scope left after a failure keeps the errno that failure set.
+    int saved = errno;
+    unlock();
+    errno = saved;
+}
+
+bool OptionMap::ScopedLock::unlock() {
+    if (map_ == nullptr) return true;
+    OptionMap *map = map_;
+    map_ = nullptr;
+    return map->unlock();
 }
 
 // ---- Numbered sections ------------------------------------------------------------------------
@@ -533,6 +627,7 @@ int OptionMap::optSectionGetIncreaseId(const std::string &file, const std::strin
 bool OptionMap::createLocked(const std::string &file, const std::string &name, int id, int mode) {
     if (d_->loaded || file.empty() || name.empty()) return false;
     if (!lock()) return false;
+    tidyUnderLock(file);
     bool created;
     switch (mode) {
         case kWithUniqueId:
@@ -552,10 +647,7 @@ bool OptionMap::createLocked(const std::string &file, const std::string &name, i
             break;
     }
     if (!created) {
-        int saved = errno;
-        unlock();
-        errno = saved;
-        return false;
+        return unlockAfterFailure(*this);
     }
     if (!unlock()) return false;
     d_->file = file;
@@ -575,6 +667,68 @@ bool OptionMap::optSectionCreate(const std::string &file, const std::string &pre
 
 bool OptionMap::optSectionCreateIncreaseId(const std::string &file, const std::string &prefix) {
     return createLocked(file, prefix, -1, kWithIncreaseId);
+}
+
+bool OptionMap::optSectionCreateAndSave(const std::string &file, const std::string &prefix,
+                                        bool increasing) {
+    if (d_->loaded || file.empty() || prefix.empty()) {
+        errno = EINVAL;
+        return false;
+    }
+    if (!lock()) return false;
+    tidyUnderLock(file);
+    int id = writeNewSection(file, prefix, increasing);
+    if (id < 0) {
+        return unlockAfterFailure(*this);
+    }
+    if (!unlock()) return false;
+    d_->file = file;
+    d_->sectionId = id;
+    d_->section = prefix + std::to_string(id);
+    return true;
+}
+
+int OptionMap::writeNewSection(const std::string &file, const std::string &prefix,
+                               bool increasing) const {
+    std::list<std::string> names;
+    int largest = 0;
+    if (SectionConfig::listSection(file, names)) {
+        largest = largestNumber(names, prefix, 0);
+    } else if (errno != ENOENT) {
+        TELO_LOG_ERR("open[%s] failed, %m", file.c_str());
+        return -1;
+    }
+    const std::string global = SZK_SEC_GLOBAL;
+    const std::string counterKey = prefix + SZK_ID_MAX_SUBFIX;
+    Json::Value counters;
+    if (increasing) {
+        if (SectionConfig::loadSection(file, global, counters)) {
+            // As optInt reads it: a counter that is no int counts as 0.
+            const Json::Value *counter =
+                counters.find(counterKey.data(), counterKey.data() + counterKey.size());
+            if (counter != nullptr && counter->isConvertibleTo(Json::intValue)) {
+                largest = std::max(largest, counter->asInt());
+            }
+        } else if (errno != ENOENT) {
+            TELO_LOG_ERR("open[%s] failed, %m", file.c_str());
+            return -1;
+        }
+    }
+    int id = nextNumber(largest, prefix);
+    if (id < 0) return -1;
+    // The section, its values and the counter reach the file in one rename.
+    const std::string section = prefix + std::to_string(id);
+    std::vector<internal::SectionUpdate> updates;
+    if (increasing) {
+        counters[counterKey] = id;
+        updates.push_back({&global, &counters});
+    }
+    updates.push_back({&section, &d_->values});
+    if (!internal::updateSections(file, updates, true)) {
+        TELO_LOG_ERR("update section failed, %m");
+        return -1;
+    }
+    return id;
 }
 
 }  // namespace Backup

@@ -17,6 +17,7 @@
 #include "internal/eintr.h"
 #include "internal/held_rename.h"
 #include "internal/safe_open.h"
+#include "internal/section_rewrite.h"
 #include "internal/syslog.h"
 #include "internal/test_hook.h"
 #include "internal/unique_fd.h"
@@ -257,10 +258,11 @@ enum class LineAction { kCopy, kDrop, kCopyThenMembers };
 // in one write; only other lines are classified in place and written back normalised.
 class Rewriter {
   public:
-    Rewriter(FILE *in, FILE *out, const std::string &section)
-        : in_(in), out_(out), section_(section) {}
+    Rewriter(FILE *in, FILE *out, std::vector<const std::string *> sections)
+        : in_(in), out_(out), sections_(std::move(sections)) {}
 
-    // Calls decide(type, isWantedHeader) for every line and carries out the action. A write
+    // Calls decide(type, wanted) for every line and carries out the action; `wanted` is the
+    // index of a header's name among the sections given, else -1. A write
     // failure of a copied run makes the result false only with `strict`. `onHeaderFailed`
     // and `onMembersFailed` are called (to log) when a header or the members cannot be written.
     template <typename Decide, typename Members, typename Failed>
@@ -280,14 +282,15 @@ class Rewriter {
         while (!stop && reader.next(raw, length, newline, flushRun)) {
             int type;
             bool verbatim = newline && quickKind(raw, length, reader.mayHoldNul(), type);
-            bool wanted;
+            int wanted = -1;
             if (verbatim) {
-                wanted = type == SectionConfig::LINE_SECTION && length - 2 == section_.size() &&
-                         memcmp(raw + 1, section_.data(), section_.size()) == 0;
+                if (type == SectionConfig::LINE_SECTION) wanted = indexOf(raw + 1, length - 2);
             } else {
                 classify(raw, length, reader.mayHoldNul(), info);
                 type = info.type;
-                wanted = type == SectionConfig::LINE_SECTION && info.sectionName == section_;
+                if (type == SectionConfig::LINE_SECTION) {
+                    wanted = indexOf(info.sectionName.data(), info.sectionName.size());
+                }
             }
             LineAction action = decide(type, wanted);
             if (action == LineAction::kDrop) {
@@ -329,6 +332,16 @@ class Rewriter {
     }
 
   private:
+    int indexOf(const char *name, size_t size) const {
+        for (size_t i = 0; i < sections_.size(); ++i) {
+            const std::string &section = *sections_[i];
+            if (section.size() == size && memcmp(section.data(), name, size) == 0) {
+                return static_cast<int>(i);
+            }
+        }
+        return -1;
+    }
+
     // The kind of a line if it can be copied as it is; false when it must be normalised.
     static bool quickKind(const char *raw, size_t length, bool mayHoldNul, int &type) {
         if (length == 0) {
@@ -356,7 +369,7 @@ class Rewriter {
 
     FILE *in_;
     FILE *out_;
-    const std::string &section_;
+    std::vector<const std::string *> sections_;
     const char *runBegin_ = nullptr;
     size_t runSize_ = 0;
 };
@@ -481,10 +494,10 @@ struct TempOutput {
         source.srcName = Path::basename(source.src);
         source.dst = target.path;
         source.dstName = target.name;
-        bool swapped = false;
-        bool moved = internal::renameHeldWithMode(source, swapped);
+        bool nameGone = false;
+        bool moved = internal::renameHeldWithMode(source, nameGone);
         // Moved, or the name is no longer ours: either way nothing is left to remove.
-        if (moved || swapped) temp.preserve();
+        if (moved || nameGone) temp.preserve();
         if (moved) syncDirectory(target.dir.get());
         return moved;
     }
@@ -498,12 +511,14 @@ struct TempOutput {
     // The temporary was made by path: a directory swapped on the way would have put it
     // elsewhere.
     bool inTargetDirectory() {
+        // A failing call says why; a name missing there, or another file, means elsewhere.
         struct stat held, named;
-        if (fstat(temp.getFileDescripter(), &held) == 0 &&
-            fstatat(target.dir.get(), Path::basename(temp.getPath()).c_str(), &named,
-                    AT_SYMLINK_NOFOLLOW) == 0 &&
-            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
-            return true;
+        if (fstat(temp.getFileDescripter(), &held) != 0) return false;
+        if (fstatat(target.dir.get(), Path::basename(temp.getPath()).c_str(), &named,
+                    AT_SYMLINK_NOFOLLOW) == 0) {
+            if (held.st_dev == named.st_dev && held.st_ino == named.st_ino) return true;
+        } else if (errno != ENOENT) {
+            return false;
         }
         errno = ESTALE;
         return false;
@@ -585,8 +600,21 @@ bool SectionConfig::listSection(const std::string &file, std::list<std::string> 
 
 bool SectionConfig::updateSection(const std::string &path, const std::string &section,
                                   const Json::Value &values, bool create) {
-    std::vector<std::pair<std::string, std::string>> members;
-    if (!renderMembers(section, values, members)) return false;
+    return internal::updateSections(path, {{&section, &values}}, create);
+}
+
+namespace internal {
+
+bool updateSections(const std::string &path, const std::vector<SectionUpdate> &updates,
+                    bool create) {
+    const int LINE_SECTION = SectionConfig::LINE_SECTION;
+    const int LINE_KEY_VALUE = SectionConfig::LINE_KEY_VALUE;
+    std::vector<std::vector<std::pair<std::string, std::string>>> members(updates.size());
+    std::vector<const std::string *> names;
+    for (size_t i = 0; i < updates.size(); ++i) {
+        if (!renderMembers(*updates[i].section, *updates[i].values, members[i])) return false;
+        names.push_back(updates[i].section);
+    }
     // Opened for update so that a file that cannot be written fails here.
     ConfigFile target;
     FilePtr in(openConfig(path, O_RDWR, "r+b", target));
@@ -608,48 +636,50 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
     TempOutput out(target);
     if (!out.open("temp.getFile")) return false;
     FILE *output = out.stream.get();
-    auto writeMembers = [&members, output] {
-        for (const auto &member : members) {
+    auto writeMembers = [&members, output](size_t index) {
+        for (const auto &member : members[index]) {
             if (!putKeyValue(output, member.first.c_str(), member.second.c_str())) return false;
         }
         return true;
     };
 
-    bool found = false;
+    std::vector<bool> found(updates.size(), false);
     if (in) {
-        bool inSection = false;
-        // Comments, blank and invalid lines inside the section stay; its keys are replaced.
-        auto decide = [&](int type, bool wanted) {
+        int inSection = -1;
+        // Comments, blank and invalid lines inside a section stay; its keys are replaced.
+        auto decide = [&](int type, int wanted) {
             if (type == LINE_SECTION) {
-                // Every copy of the section gets the new members, adjacent copies too.
+                // Every copy of a section gets the new members, adjacent copies too.
                 inSection = wanted;
-                found = found || wanted;
-                return wanted ? LineAction::kCopyThenMembers : LineAction::kCopy;
+                if (wanted < 0) return LineAction::kCopy;
+                found[wanted] = true;
+                return LineAction::kCopyThenMembers;
             }
-            return inSection && type == LINE_KEY_VALUE ? LineAction::kDrop : LineAction::kCopy;
+            return inSection >= 0 && type == LINE_KEY_VALUE ? LineAction::kDrop : LineAction::kCopy;
         };
-        auto members = [&] {
-            if (writeMembers()) return true;
+        auto sectionMembers = [&] {
+            if (writeMembers(static_cast<size_t>(inSection))) return true;
             TELO_LOG_ERR("write key-value failed, %m");
             return false;
         };
         auto headerFailed = [] { TELO_LOG_ERR("write section name failed, %m"); };
-        Rewriter rewriter(in.get(), output, section);
-        if (!rewriter.run(decide, members, false, headerFailed)) {
+        Rewriter rewriter(in.get(), output, names);
+        if (!rewriter.run(decide, sectionMembers, false, headerFailed)) {
             TELO_LOG_ERR("parse failed, %m");
             return false;
         }
     }
-    if (!found) {
+    for (size_t i = 0; i < updates.size(); ++i) {
+        if (found[i]) continue;
         if (!create) {
             errno = ENOENT;
             return false;
         }
-        if (!putSectionName(output, section.c_str())) {
+        if (!putSectionName(output, updates[i].section->c_str())) {
             TELO_LOG_ERR("failed to write section name, %m");
             return false;
         }
-        if (!writeMembers()) {
+        if (!writeMembers(i)) {
             TELO_LOG_ERR("failed to write key-value, %m");
             return false;
         }
@@ -657,6 +687,8 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
     if (!finishTemp(out.stream) || !closeInput(in)) return false;
     return out.install();
 }
+
+}  // namespace internal
 
 bool SectionConfig::removeSection(const std::string &path, const std::string &section) {
     ConfigFile target;
@@ -671,14 +703,14 @@ bool SectionConfig::removeSection(const std::string &path, const std::string &se
 
     // Every copy of the section goes, with all its lines.
     bool inSection = false, found = false;
-    auto decide = [&](int type, bool wanted) {
+    auto decide = [&](int type, int wanted) {
         if (type == LINE_SECTION) {
-            inSection = wanted;
-            found = found || wanted;
+            inSection = wanted >= 0;
+            found = found || inSection;
         }
         return inSection ? LineAction::kDrop : LineAction::kCopy;
     };
-    Rewriter rewriter(in.get(), output, section);
+    Rewriter rewriter(in.get(), output, {&section});
     bool scanned = rewriter.run(
         decide, [] { return true; }, true, [] {});
     if (!scanned) return false;

@@ -130,17 +130,29 @@ Session::Session() : d_(new Private) {}
 
 Session::~Session() = default;
 
+// A moved-from object has no record; the calls that bind make a fresh one, the others read it as
+// unbound.
+Session::Session(Session &&other) noexcept = default;
+Session &Session::operator=(Session &&other) noexcept = default;
+
+Session::Private &Session::record() {
+    if (!d_) d_.reset(new Private);
+    return *d_;
+}
+
 bool Session::create() {
-    if (!d_->id.empty()) {
-        TELO_LOG_ERR("session has already existed[%s][%s]", d_->id.c_str(), d_->path.c_str());
+    Private &s = record();
+    if (!s.id.empty()) {
+        TELO_LOG_ERR("session has already existed[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
     }
-    return createSession(sessionArea(), d_->id, d_->path);
+    return createSession(sessionArea(), s.id, s.path);
 }
 
 bool Session::create(std::shared_ptr<FilterVolume> filter) {
-    if (!d_->id.empty()) {
-        TELO_LOG_ERR("session has already existed[%s][%s]", d_->id.c_str(), d_->path.c_str());
+    Private &s = record();
+    if (!s.id.empty()) {
+        TELO_LOG_ERR("session has already existed[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
     }
     std::string target;
@@ -148,12 +160,13 @@ bool Session::create(std::shared_ptr<FilterVolume> filter) {
         TELO_LOG_ERR("failed to getVolumePath()");
         target.clear();
     }
-    return createSession(target, d_->id, d_->path);
+    return createSession(target, s.id, s.path);
 }
 
 bool Session::load(const std::string &id) {
-    if (!d_->id.empty()) {
-        TELO_LOG_ERR("session has been loaded[%s][%s]", d_->id.c_str(), d_->path.c_str());
+    Private &s = record();
+    if (!s.id.empty()) {
+        TELO_LOG_ERR("session has been loaded[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
     }
     if (id.empty()) return false;
@@ -171,15 +184,16 @@ bool Session::load(const std::string &id) {
         TELO_LOG_ERR("failed to touch session[%s]", path.c_str());
         return false;
     }
-    d_->id = id;
-    d_->path = path;
+    s.id = id;
+    s.path = path;
     return true;
 }
 
 bool Session::destroy() {
-    bool ok = removeSession(d_->id, d_->path);
-    d_->id.clear();
-    d_->path.clear();
+    Private &s = record();
+    bool ok = removeSession(s.id, s.path);
+    s.id.clear();
+    s.path.clear();
     return ok;
 }
 
@@ -216,11 +230,11 @@ std::string Session::getPathById(const std::string &id) {
 }
 
 std::string Session::getId() const {
-    return d_->id;
+    return d_ ? d_->id : std::string();
 }
 
 std::string Session::getPath() const {
-    return d_->path;
+    return d_ ? d_->path : std::string();
 }
 
 }  // namespace Backup

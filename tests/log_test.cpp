@@ -4,13 +4,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <ctime>
+#include <map>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "support/child.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 #include "telobackup/path/path_util.h"
 
@@ -157,4 +162,114 @@ TEST(FileLog, DefaultsToTheExecutablesDirectory) {
     });
     unlink(beside.c_str());
     EXPECT_TRUE(result.ok()) << result.message;
+}
+
+// After the file is renamed away (as logrotate does), lines go on into it until the log is
+// reopened; then a new file of the old name takes them, under the same descriptor.
+TEST(FileLog, ReopenFollowsRotation) {
+    TempDir dir;
+    std::string path = dir.file("app.log"), rotated = dir.file("app.log.1");
+    EXPECT_CHILD_OK([path, rotated] {
+        time_t from = time(nullptr);
+        CHILD_CHECK_EQ(0, filelogReopen());  // nothing open yet: nothing to do
+        CHILD_CHECK(!exists(path));
+        setenv("TELO_LOGFILE", path.c_str(), 1);
+        filelog(3, "first");
+        std::set<int> fds = openFds();
+        int logFd = -1;
+        for (int fd : fds) {
+            char target[4096] = {};
+            if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, 4095) > 0 &&
+                path == target) {
+                logFd = fd;
+            }
+        }
+        CHILD_CHECK(logFd > 2);
+        CHILD_CHECK(rename(path.c_str(), rotated.c_str()) == 0);
+        filelog(3, "still old");
+        CHILD_CHECK_EQ(0, filelogReopen());
+        filelog(3, "new");
+        CHILD_CHECK_EQ(std::string("first\nstill old\n"), messages(readFile(rotated), from));
+        CHILD_CHECK_EQ(std::string("new\n"), messages(readFile(path), from));
+        CHILD_CHECK(fds == openFds());
+        struct stat held, named;
+        CHILD_CHECK(fstat(logFd, &held) == 0 && stat(path.c_str(), &named) == 0 &&
+                    held.st_ino == named.st_ino);
+        CHILD_CHECK(fcntl(logFd, F_GETFD) & FD_CLOEXEC);
+
+        // A file that cannot be opened keeps the old one in use.
+        CHILD_CHECK(rename(path.c_str(), rotated.c_str()) == 0 && mkdir(path.c_str(), 0700) == 0);
+        CHILD_CHECK(filelogReopen() == -1 && errno == EISDIR);
+        filelog(3, "kept");
+        CHILD_CHECK_EQ(std::string("new\nkept\n"), messages(readFile(rotated), from));
+
+        // From a signal handler, as a daemon's SIGHUP would.
+        CHILD_CHECK(rmdir(path.c_str()) == 0);
+        struct sigaction action = {};
+        action.sa_handler = [](int) {
+            int saved = errno;
+            filelogReopen();
+            errno = saved;
+        };
+        sigaction(SIGHUP, &action, nullptr);
+        raise(SIGHUP);
+        filelog(3, "after hangup");
+        CHILD_CHECK_EQ(std::string("after hangup\n"), messages(readFile(path), from));
+    });
+    // Standard error is never reopened.
+    EXPECT_CHILD_OK([] {
+        setenv("TELO_LOGFILE", "stderr", 1);
+        int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        CHILD_CHECK(dup2(devNull, 2) == 2);
+        filelog(3, "x");
+        CHILD_CHECK_EQ(0, filelogReopen());
+        CHILD_CHECK(fcntl(2, F_GETFD) == 0);
+    });
+}
+
+// Threads (and another process) writing long and short lines at once while the log is rotated
+// and reopened: every line of both files is one writer's whole line.
+TEST(FileLog, ConcurrentLinesNeverInterleave) {
+    TempDir dir;
+    std::string path = dir.file("busy.log");
+    EXPECT_CHILD_OK([&dir, path] {
+        setenv("TELO_LOGFILE", path.c_str(), 1);
+        filelog(3, "start");
+        const int kLines = 400;
+        auto writer = [](char c) {
+            std::string longText(9000, c), shortText(40, c);
+            for (int i = 0; i < kLines; ++i) {
+                filelog(3, "%s|%s", (i % 2 != 0 ? longText : shortText).c_str(), "end");
+            }
+        };
+        pid_t other = fork();
+        if (other == 0) {
+            writer('p');
+            _exit(0);
+        }
+        std::thread a(writer, 'a'), b(writer, 'b');
+        std::thread rotator([path] {
+            for (int i = 0; i < 20; ++i) {
+                rename(path.c_str(), (path + "." + std::to_string(i)).c_str());
+                filelogReopen();
+            }
+        });
+        a.join();
+        b.join();
+        rotator.join();
+        CHILD_CHECK_EQ(0, waitExitCode(other));
+        std::map<char, int> counts;
+        for (const std::string &name : listDir(dir.path())) {
+            std::istringstream in(readFile(dir.file(name)));
+            for (std::string line; std::getline(in, line);) {
+                std::string text = line.substr(std::min<size_t>(20, line.size()));
+                if (text == "start") continue;
+                size_t bar = text.find('|');
+                CHILD_CHECK(bar == 40 || bar == 9000);
+                CHILD_CHECK(text.substr(bar) == "|end" && text.find_first_not_of(text[0]) == bar);
+                ++counts[text[0]];
+            }
+        }
+        CHILD_CHECK(counts['a'] == kLines && counts['b'] == kLines && counts['p'] == kLines);
+    });
 }

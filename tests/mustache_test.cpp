@@ -85,3 +85,33 @@ TEST(Mustache, JsonFormWritesDeepMembers) {
     EXPECT_EQ(expected, replaceMustache("<{{e}}>", vars, false));
     EXPECT_EQ(expected, replaceMustache("<{{e}}>", vars, true));
 }
+
+// The strict forms fill as the plain ones and name each tag without a value once, in order.
+TEST(Mustache, StrictFormsNameTheHoles) {
+    Json::Value vars;
+    vars["task"] = "nightly";
+    vars["z"] = Json::nullValue;
+    vars["n"] = 3;
+    std::vector<std::string> missing{"stale"};
+    const std::string tmpl = "{{host}}: {{task}} {{z}}{{n}} {{ task }} {{host}} {{}}{{a {{b";
+    EXPECT_EQ(replaceMustache(tmpl, vars, true), replaceMustache(tmpl, vars, true, missing));
+    EXPECT_EQ((std::vector<std::string>{"host", " task ", ""}), missing);
+    EXPECT_EQ("\"nightly\"", replaceMustache("{{task}}", vars, true, missing));
+    EXPECT_TRUE(missing.empty());
+    // Variables that are not an object leave every tag missing.
+    replaceMustache("{{0}}", Json::Value(Json::arrayValue), false, missing);
+    EXPECT_EQ((std::vector<std::string>{"0"}), missing);
+
+    std::map<std::string, std::string> map{{"a", "A"}};
+    EXPECT_EQ("A-", replaceMustache("{{a}}-{{b}}", map, missing));
+    EXPECT_EQ((std::vector<std::string>{"b"}), missing);
+
+    auto mapper = [](const std::string &name, std::string &out) {
+        out = name;
+        return name != "no";
+    };
+    EXPECT_EQ("yes,,", replaceMustache("{{yes}},{{no}},{{no}}", mapper, missing));
+    EXPECT_EQ((std::vector<std::string>{"no"}), missing);
+    std::function<bool(const std::string &, std::string &)> empty;
+    EXPECT_THROW(replaceMustache("{{a}}", empty, missing), std::bad_function_call);
+}

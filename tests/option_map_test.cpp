@@ -5,8 +5,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <set>
 #include <sstream>
 
@@ -159,6 +166,39 @@ TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
 }
 
+// The checked variants fail where the plain ones store or read "", and leave the reason.
+TEST_F(OptionMapTest, CheckedSecretsSayWhenTheyFail) {
+    OptionMap map;
+    ASSERT_TRUE(map.optSetSecretChecked("p", "pw"));
+    EXPECT_EQ("2a2d", map.optString("p", ""));
+    std::string out = "keep";
+    EXPECT_TRUE(map.optGetSecretChecked("p", out) && out == "pw");
+
+    fakeplatform::setFail("TLIBCCryptSzEncrypt", TELO_ERR_KEY_MODE);
+    EXPECT_FALSE(map.optSetSecretChecked("p", "new"));
+    EXPECT_FALSE(map.optSetSecretChecked("q", ""));
+    EXPECT_EQ(TELO_ERR_KEY_MODE, TLIBCErrGet());
+    EXPECT_EQ("2a2d", map.optString("p", ""));  // the old secret stays
+    EXPECT_EQ("absent", map.optString("q", "absent"));
+    EXPECT_EQ(2, log.err("TLIBCCryptSzEncrypt: [<any> fake_platform.cpp:<line>]"));
+
+    // What the plain setter leaves after a failure, garbage and a non-text value all fail.
+    map.optSet("empty", "x", true);
+    map.optSet("bad", "zzz");
+    map.optSet("obj", Json::Value(Json::objectValue));
+    for (const char *key : {"empty", "bad"}) {
+        errno = 0;
+        EXPECT_FALSE(map.optGetSecretChecked(key, out)) << key;
+        EXPECT_EQ(TELO_ERR_CRYPTO, TLIBCErrGet()) << key;
+    }
+    EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
+    EXPECT_FALSE(map.optGetSecretChecked("obj", out) || errno != ENOENT);
+    EXPECT_FALSE(map.optGetSecretChecked("missing", out) || errno != ENOENT);
+    EXPECT_EQ("pw", out);
+    EXPECT_EQ(3, log.err("TLIBCCryptSzEncrypt: [<any> fake_platform.cpp:<line>]"));
+    EXPECT_EQ(5u, log.size()) << log.dump();
+}
+
 TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
     writeFile(file, "[job3]\nname=\"n\"\n[other]\nk=1\n");
     OptionMap map;
@@ -215,6 +255,61 @@ TEST_F(OptionMapTest, LockAndUnlock) {
         CHILD_CHECK(!map.unlock());  // its descriptor was closed through the copy
         CHILD_CHECK_EQ(1, childLog.err("lock: file locked already. fd: [<any>]."));
         CHILD_CHECK_EQ(1, childLog.err("lock: file released already. fd: [-1]."));
+    });
+}
+
+// The guard releases on every way out of its scope, moves its hold, and never unlocks twice.
+TEST_F(OptionMapTest, ScopedLockReleasesItsHold) {
+    EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
+        SyslogCapture childLog{"option_map"};
+        auto holderOf = [] { return runCommand(helperCommand("trylock", {"tok"})).exitCode; };
+        OptionMap map, other;
+        CHILD_CHECK(map.setLockToken("tok") && other.setLockToken("tok2"));
+        {
+            OptionMap::ScopedLock guard(map);
+            CHILD_CHECK(guard.owns() && static_cast<bool>(guard));
+            CHILD_CHECK_EQ(42, holderOf());
+            // A second guard on the same map fails as a second lock() does, and leaves the
+            // first hold alone when it goes.
+            {
+                OptionMap::ScopedLock twice(map);
+                CHILD_CHECK(!twice);
+            }
+            CHILD_CHECK_EQ(42, holderOf());
+            OptionMap::ScopedLock moved(std::move(guard));
+            CHILD_CHECK(!guard.owns() && moved.owns());
+            OptionMap::ScopedLock assigned(other);
+            errno = EIO;
+            assigned = std::move(moved);  // releases tok2's hold, takes over tok's
+            CHILD_CHECK(assigned.owns() && !moved.owns());
+            CHILD_CHECK_EQ(42, holderOf());
+            CHILD_CHECK(other.lock() && other.unlock());  // tok2 was released
+        }
+        CHILD_CHECK_EQ(0, holderOf());
+        CHILD_CHECK(map.lock() && map.unlock());
+
+        // Released early, then not again; errno set before the scope ends survives it.
+        {
+            OptionMap::ScopedLock guard(map);
+            CHILD_CHECK(guard.unlock() && !guard.owns() && guard.unlock());
+            CHILD_CHECK_EQ(0, holderOf());
+            CHILD_CHECK(map.lock());
+            errno = ENOSPC;
+        }
+        CHILD_CHECK_EQ(ENOSPC, errno);
+        CHILD_CHECK_EQ(42, holderOf());  // the guard let go of its own hold only
+        CHILD_CHECK(map.unlock());
+        CHILD_CHECK_EQ(1, childLog.err("lock: file locked already. fd: [<any>]."));
+        CHILD_CHECK_EQ(0, childLog.err("lock: file released already. fd: [-1]."));
+
+        // Without a token the guard succeeds and holds nothing; a lock that cannot be had
+        // (a token that would leave the lock directory) makes the guard say so.
+        OptionMap plain;
+        CHILD_CHECK(OptionMap::ScopedLock(plain).owns());
+        OptionMap blocked;
+        CHILD_CHECK(blocked.setLockToken("../x"));
+        CHILD_CHECK(!OptionMap::ScopedLock(blocked) && errno == EXDEV);
+        CHILD_CHECK_EQ(1, childLog.err("lock: open lock token failed."));
     });
 }
 
@@ -290,5 +385,296 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
         OptionMap counters;
         CHILD_CHECK(counters.optSectionLoad(file, OptionMap::SZK_SEC_GLOBAL, -1));
         CHILD_CHECK_EQ(2000, counters.optInt("jobid_max", 0));
+    });
+}
+
+// ---- Creation in one step ---------------------------------------------------------------------
+
+namespace {
+
+// Runs `body` in a child with a private /tmp, where the lock tokens it uses cannot meet another
+// run's, or else in a plain child. It is given a directory to work in: `dir`, or one in the
+// private /tmp, which hides `dir` when that lies in /tmp.
+void inChildWithOwnLocks(const TempDir &dir, const std::function<void(const std::string &)> &body) {
+    const std::string home = dir.path();
+    std::function<void()> run = [&] {
+        std::string work = home;
+        if (!exists(work)) {
+            work = "/tmp/work";
+            makeDir(work, 0755);
+        }
+        body(work);
+    };
+    ChildResult result = runInChild(ChildOptions{.privateTmp = true}, run);
+    if (result.skipped) result = runInChild(run);
+    EXPECT_TRUE(result.ok()) << result.message << " (status " << result.status << ")";
+}
+
+}  // namespace
+
+// The section, its values and the raised counter come in one rewrite; other sections, the
+// counter section's other keys and comments stay. A failure changes nothing and binds nothing.
+TEST_F(OptionMapTest, CreationInOneStep) {
+    OptionMap map;
+    map.optSet("k", 1);
+    ASSERT_TRUE(map.optSectionCreateAndSave(file, "job", false));
+    EXPECT_EQ("[job1]\nk=1\n", readFile(file));
+    EXPECT_TRUE(map.optSectionGetId() == 1 && map.optSectionGetName() == "job1");
+    EXPECT_FALSE(map.optIsLoaded());
+
+    writeFile(file, "#top\n[global]\nother=\"x\"\njobid_max=\"abc\"\n[job4]\ny=2\n[side]\ns=1");
+    OptionMap named;
+    named.optSet("name", "n");
+    ASSERT_TRUE(named.optSectionCreateAndSave(file, "job", true));
+    EXPECT_EQ("job5", named.optSectionGetName());
+    EXPECT_EQ("#top\n[global]\njobid_max=5\nother=\"x\"\n[job4]\ny=2\n[side]\ns=1\n[job5]\n"
+              "name=\"n\"\n",
+              readFile(file));
+    writeFile(file, "[global]\njobid_max=9\n[job3]\n");
+    OptionMap empty;
+    ASSERT_TRUE(empty.optSectionCreateAndSave(file, "job", true));
+    EXPECT_EQ("[global]\njobid_max=10\n[job3]\n[job10]\n", readFile(file));
+    const std::string fresh = dir.file("fresh.conf");
+    OptionMap unbound;
+    unbound.optSet("name", "n");
+    ASSERT_TRUE(unbound.optSectionCreateAndSave(fresh, "task", true));
+    EXPECT_EQ("[global]\ntaskid_max=1\n[task1]\nname=\"n\"\n", readFile(fresh));
+
+    // Failures: a loaded map, an empty prefix, no number left.
+    writeFile(file, "[job2147483647]\n");
+    OptionMap loaded;
+    ASSERT_TRUE(loaded.optSectionLoad(file, "job2147483647", -1));
+    EXPECT_FALSE(loaded.optSectionCreateAndSave(file, "job", true) || errno != EINVAL);
+    OptionMap other;
+    EXPECT_FALSE(other.optSectionCreateAndSave(file, "", false) || errno != EINVAL);
+    EXPECT_FALSE(other.optSectionCreateAndSave(file, "job", true) || errno != EOVERFLOW);
+    EXPECT_EQ(1, log.err("no id left for [job]"));
+    EXPECT_TRUE(other.optSectionGetName().empty());
+    EXPECT_EQ("[job2147483647]\n", readFile(file));
+    EXPECT_EQ((std::vector<std::string>{"c.conf", "fresh.conf"}), listDir(dir.path()));
+}
+
+// One snapshot of `file` (read through one descriptor): how many sections it holds, and how
+// many of them hold no key.
+struct Snapshot {
+    int sections = 0;
+    int empty = 0;
+};
+Snapshot readSnapshot(const std::string &file) {
+    Snapshot snapshot;
+    FILE *stream = fopen(file.c_str(), "re");
+    if (stream == nullptr) return snapshot;
+    struct State {
+        Snapshot *snapshot;
+        int keys = -1;  // of the current section; -1 before the first
+    } state{&snapshot};
+    TELO::Backup::SectionConfig::parseFile(
+        stream,
+        [](bool &, const TELO::Backup::SectionConfig::LineInfo &info, void *arg) {
+            auto *s = static_cast<State *>(arg);
+            if (info.type == TELO::Backup::SectionConfig::LINE_SECTION) {
+                if (s->keys == 0) ++s->snapshot->empty;
+                ++s->snapshot->sections;
+                s->keys = 0;
+            } else if (info.type == TELO::Backup::SectionConfig::LINE_KEY_VALUE && s->keys >= 0) {
+                ++s->keys;
+            }
+            return true;
+        },
+        &state);
+    if (state.keys == 0) ++snapshot.empty;
+    fclose(stream);
+    return snapshot;
+}
+
+// Readers beside 4 processes that create 50 sections each never see a section without its
+// values, nor the counter section without its counter.
+TEST_F(OptionMapTest, ReadersNeverSeeAnEmptySection) {
+    inChildWithOwnLocks(dir, [](const std::string &work) {
+        const std::string path = work + "/c.conf";
+        auto *stop = static_cast<std::atomic<int> *>(
+            mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                 MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        CHILD_CHECK(stop != MAP_FAILED);
+        new (stop) std::atomic<int>(0);
+        int report[2];
+        CHILD_CHECK(pipe2(report, O_CLOEXEC) == 0);
+        std::vector<pid_t> readers(2), writers(4);
+        for (pid_t &pid : readers) {
+            if ((pid = fork()) != 0) continue;
+            long snapshots = 0, empty = 0;
+            while (stop->load() == 0) {
+                Snapshot s = readSnapshot(path);
+                snapshots += s.sections > 0;
+                empty += s.empty;
+            }
+            std::string line = std::to_string(snapshots) + " " + std::to_string(empty) + "\n";
+            _exit(write(report[1], line.data(), line.size()) < 0 ? 2 : 0);
+        }
+        for (pid_t &pid : writers) {
+            if ((pid = fork()) != 0) continue;
+            for (int i = 0; i < 50; ++i) {
+                OptionMap map;
+                map.optSet("by", static_cast<int>(getpid()));
+                map.optSet("n", i);
+                if (!map.setLockToken("one-step") ||
+                    !map.optSectionCreateAndSave(path, "job", i % 2 == 0)) {
+                    _exit(1);
+                }
+            }
+            _exit(0);
+        }
+        int failedWriters = 0;
+        for (pid_t pid : writers) failedWriters += waitExitCode(pid) != 0;
+        stop->store(1);
+        close(report[1]);
+        for (pid_t pid : readers) CHILD_CHECK_EQ(0, waitExitCode(pid));
+        CHILD_CHECK_EQ(0, failedWriters);
+        std::string lines;
+        char buffer[256];
+        for (ssize_t n; (n = read(report[0], buffer, sizeof(buffer))) > 0;) lines.append(buffer, n);
+        std::istringstream counts(lines);
+        long snapshots, empty, total = 0;
+        while (counts >> snapshots >> empty) {
+            CHILD_CHECK_EQ(0, empty);
+            total += snapshots;
+        }
+        printf("[ readers  ] %ld snapshots beside 200 creations, none with an empty section\n",
+               total);
+        fflush(stdout);
+        CHILD_CHECK(total > 0);
+        Snapshot last = readSnapshot(path);
+        CHILD_CHECK(last.sections == 201 && last.empty == 0);
+    });
+}
+
+// A FIFO or device is refused at once by loading and by creation, before anything is written.
+TEST_F(OptionMapTest, OnlyRegularFilesAreRead) {
+    const std::string fifo = dir.file("fifo.conf"), zero = dir.file("zero.conf");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
+    ASSERT_EQ(0, symlink("/dev/zero", zero.c_str()));
+    EXPECT_CHILD_OK([&] {
+        alarm(20);  // a hang ends the child, not the run
+        for (const std::string &path : {fifo, zero}) {
+            OptionMap map;
+            CHILD_CHECK(!map.optSectionLoad(path, "s", -1) && errno == EINVAL);
+            map.optClear();
+            CHILD_CHECK(!map.optSectionCreateAndSave(path, "job", true) && errno == EINVAL);
+            CHILD_CHECK(!map.optSectionCreateIncreaseId(path, "job"));
+            CHILD_CHECK(OptionMap::optSectionGetUniqueId(path, "job") == -1 && errno == EINVAL);
+        }
+    });
+    EXPECT_EQ((std::vector<std::string>{"fifo.conf", "zero.conf"}), listDir(dir.path()));
+}
+
+// The header append reads the file's last byte to know whether the last line was ended; when
+// that read fails, the append fails instead of guessing.
+TEST_F(OptionMapTest, HeaderAppendFailsWhenTheLastByteCannotBeRead) {
+    writeFile(file, "[a]\nk=1");
+    const std::string path = file;
+    EXPECT_CHILD_OK([&path] {
+        SyslogCapture childLog{"option_map"};
+        if (!failSystemCall(__NR_pread64, EIO)) return std::string();  // no seccomp: nothing
+        CHILD_CHECK_EQ(-1, OptionMap::optSectionGetUniqueId(path, "job"));
+        CHILD_CHECK_EQ(EIO, errno);
+        CHILD_CHECK_EQ(1, childLog.err("read last byte failed, Input/output error"));
+        return std::string();
+    });
+    EXPECT_EQ("[a]\nk=1", readFile(file));
+}
+
+// ---- Temporaries that killed writers left ----------------------------------------------------
+
+namespace {
+
+bool isTemporaryOf(const std::string &name, const std::string &base) {
+    return name.size() == base.size() + 7 && name.compare(0, base.size() + 1, base + ".") == 0;
+}
+
+void setAge(const std::string &path, int seconds) {
+    struct timespec times[2];
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= seconds;
+    times[1] = times[0];
+    utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+}  // namespace
+
+// Writers killed while their temporary exists leave it behind; the next writer that holds the
+// lock removes those of the caller older than 10 minutes, and nothing else: not a young one, a
+// link, a directory, another user's file or a name of another shape. A writer without the
+// lock removes nothing.
+TEST_F(OptionMapTest, KilledWritersLeftoversGoAtTheNextLockedWrite) {
+    inChildWithOwnLocks(dir, [](const std::string &home) {
+        const std::string path = home + "/c.conf", base = "c.conf";
+        writeFile(path, "[s]\npad=\"" + std::string(4 << 20, 'p') + "\"\n");
+        std::vector<std::string> leftovers;
+        for (int kill = 0; kill < 3; ++kill) {
+            pid_t writer = fork();
+            if (writer == 0) {
+                OptionMap map;
+                if (!map.setLockToken("stale-test") || !map.optSectionLoad(path, "s", -1)) _exit(1);
+                for (int i = 0;; ++i) {
+                    map.optSet("n", i);
+                    if (!map.optSectionSave()) _exit(1);
+                }
+            }
+            // Killed while a temporary of its rewrite exists.
+            std::vector<std::string> seen;
+            int status;
+            while (seen.empty() && waitpid(writer, &status, WNOHANG) == 0) {
+                for (const std::string &name : listDir(home)) {
+                    bool known = std::find(leftovers.begin(), leftovers.end(), name) != leftovers.end();
+                    if (isTemporaryOf(name, base) && !known) seen.push_back(name);
+                }
+            }
+            ::kill(writer, SIGKILL);
+            CHILD_CHECK_EQ(128 + SIGKILL, waitExitCode(writer));
+            for (const std::string &name : listDir(home)) {
+                bool known = std::find(leftovers.begin(), leftovers.end(), name) != leftovers.end();
+                if (isTemporaryOf(name, base) && !known) leftovers.push_back(name);
+            }
+        }
+        CHILD_CHECK(!leftovers.empty());
+        for (const std::string &name : leftovers) setAge(home + "/" + name, 11 * 60);
+
+        // What must stay: young, of other shapes, not a regular file, another user's.
+        const std::vector<std::string> stay = {"c.conf.Young1", "c.conf.ab-de9", "c.conf.abcde",
+                                               "c.conf.abcdefg", "d.conf.abcdef", "c.conf.Link01",
+                                               "c.conf.Dir001"};
+        for (const std::string &name : stay) {
+            if (name != "c.conf.Link01" && name != "c.conf.Dir001") {
+                writeFile(home + "/" + name, "x", 0600);
+            }
+        }
+        writeFile(home + "/outside", "target", 0600);
+        CHILD_CHECK(symlink((home + "/outside").c_str(), (home + "/c.conf.Link01").c_str()) == 0);
+        CHILD_CHECK(mkdir((home + "/c.conf.Dir001").c_str(), 0700) == 0);
+        std::vector<std::string> expected = stay;
+        expected.insert(expected.end(), {"c.conf", "outside"});
+        if (canChangeOwner()) {
+            writeFile(home + "/c.conf.Nobody", "x", 0600);
+            CHILD_CHECK(chown((home + "/c.conf.Nobody").c_str(), 65534, 65534) == 0);
+            expected.push_back("c.conf.Nobody");
+        }
+        for (const std::string &name : expected) {
+            if (name != "c.conf.Young1") setAge(home + "/" + name, 11 * 60);
+        }
+        std::sort(expected.begin(), expected.end());
+
+        OptionMap unlocked;
+        CHILD_CHECK(unlocked.optSectionLoad(path, "s", -1));
+        unlocked.optSet("n", -1);
+        CHILD_CHECK(unlocked.optSectionSave());  // no token: nothing held, nothing removed
+        for (const std::string &name : leftovers) CHILD_CHECK(exists(home + "/" + name));
+
+        OptionMap locked = unlocked;
+        CHILD_CHECK(locked.setLockToken("stale-test") && locked.optSectionSave());
+        CHILD_CHECK(listDir(home) == expected);
+        CHILD_CHECK_EQ(std::string("target"), readFile(home + "/outside"));
+        printf("[ stale    ] %zu temporaries of killed writers removed by the next locked write\n",
+               leftovers.size());
+        fflush(stdout);
     });
 }

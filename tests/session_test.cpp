@@ -188,3 +188,29 @@ TEST_F(Sessions, ConcurrentVolumeSessionsGetDistinctIds) {
         CHILD_CHECK_EQ(80u, listDir(volume.path()).size());
     });
 }
+
+// A session made by a function and returned keeps its binding; the moved-from object is unbound
+// and can bind again, and assigning over a bound object leaves its directory in place.
+TEST_F(Sessions, MovedBindings) {
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        auto makeSession = [] {
+            Session session;
+            CHILD_CHECK(session.create());
+            return session;
+        };
+        Session first = makeSession();
+        std::string id = first.getId(), path = first.getPath();
+        Session taker(std::move(first));
+        CHILD_CHECK(first.getId().empty() && first.getPath().empty());
+        CHILD_CHECK(taker.getId() == id && taker.getPath() == path);
+        CHILD_CHECK(first.destroy());  // unbound: nothing to remove
+        CHILD_CHECK(exists(path));
+        CHILD_CHECK(first.create() && first.getId() != id);
+        std::string secondPath = first.getPath();
+        taker = std::move(first);
+        CHILD_CHECK(exists(path) && taker.getPath() == secondPath);
+        CHILD_CHECK(first.load(id) && first.getPath() == path);
+        CHILD_CHECK(taker.destroy() && first.destroy());
+        CHILD_CHECK(!exists(path) && !exists(secondPath));
+    });
+}

@@ -39,3 +39,23 @@ TEST(Stringf, EverySizeInAnyOrderComesOutWhole) {
     std::thread([&] { inThread = wrongSizes(); }).join();
     EXPECT_EQ("", inThread);
 }
+
+namespace {
+// Formats twice from one va_list: a vstringf that consumed `ap` would print garbage the second
+// time, and a long text takes the second pass, which must also work on its own copy.
+std::string twice(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string twice(const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    std::string first = TELO::Backup::vstringf(format, ap);
+    std::string second = TELO::Backup::vstringf(format, ap);
+    va_end(ap);
+    return first + "|" + second;
+}
+}  // namespace
+
+TEST(Stringf, VstringfLeavesTheListForTheNextCall) {
+    EXPECT_EQ("7 x|7 x", twice("%d %s", 7, "x"));
+    std::string longText(300, 'L');
+    EXPECT_EQ(longText + "9|" + longText + "9", twice("%s%d", longText.c_str(), 9));
+}

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "telobackup/export.h"
 
@@ -36,6 +37,24 @@ TELO_EXPORT std::string replaceMustache(const std::string &tmpl,
 // (jsonToString). A name that is not a member disappears.
 TELO_EXPORT std::string replaceMustache(const std::string &tmpl, const Json::Value &vars,
                                         bool jsonStrings);
+
+// ---- Strict forms ----
+// Each fills exactly as the form above with the same variables, and also replaces `missing`
+// with the name of every tag that had no value (the mapper returned false, the map has no such
+// key, the object no such member), once each, in the order of first appearance. A JSON member
+// that is null has a value (""), so it is not missing. An empty `missing` means the result has
+// no holes. Example, a notification that must be complete:
+//     std::vector<std::string> missing;
+//     std::string text = replaceMustache("{{task}} failed on {{host}}", vars, false, missing);
+//     if (!missing.empty()) return refuse("no value for " + missing.front());
+// With vars {"task": "nightly"}: text is "nightly failed on " and missing is {"host"}.
+TELO_EXPORT std::string replaceMustache(const std::string &tmpl, VarsMapper mapper,
+                                        std::vector<std::string> &missing);
+TELO_EXPORT std::string replaceMustache(const std::string &tmpl,
+                                        const std::map<std::string, std::string> &vars,
+                                        std::vector<std::string> &missing);
+TELO_EXPORT std::string replaceMustache(const std::string &tmpl, const Json::Value &vars,
+                                        bool jsonStrings, std::vector<std::string> &missing);
 
 }  // namespace Backup
 }  // namespace TELO

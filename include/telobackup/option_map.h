@@ -35,7 +35,9 @@ class TELO_EXPORT OptionMap {
     // A copy of every field, the lock descriptor as a number (see optCloneTo).
     OptionMap(const OptionMap &other);
     OptionMap &operator=(const OptionMap &other);
-    // Neither unlocks nor closes a held lock descriptor: the process's end releases it.
+    // Neither unlocks nor closes a held lock descriptor: a map destroyed while locked keeps
+    // every other holder of its token waiting until this process ends. Hold the lock through
+    // an OptionMap::ScopedLock (below) to have it released on every path out of a scope.
     ~OptionMap();
 
     // Copies values, binding, lock token and the lock descriptor number into `dst` (the
@@ -83,6 +85,30 @@ class TELO_EXPORT OptionMap {
     bool optSet(const std::string &key, bool value);
     bool optSet(const std::string &key, const std::list<std::string> &value);
     bool optSet(const std::string &key, const Json::Value &value);
+
+    // ---- Checked secrets ----
+    // optSet(key, text, true) stores "" when encryption fails and the secret getters read ""
+    // when decryption fails, both still returning true; these two say so instead.
+    //     if (!task.optSetSecretChecked("password", typed)) {
+    //         fprintf(stderr, "cannot encrypt: platform error 0x%04X\n", TLIBCErrGet());
+    //         return false;  // nothing was stored
+    //     }
+    //     std::string password;
+    //     if (!task.optGetSecretChecked("password", password)) return false;  // unset, unreadable
+
+    // Stores the platform's ciphertext of `value` as `key`, replacing it. Failure: false with
+    // the option left as it was (never stored as ""), after logging as optSet does
+    // ("TLIBCCryptSzEncrypt: [0x%04X %s:%d]" or "calloc: %m"); TLIBCErrGet, TLIBCErrorGetFile,
+    // TLIBCErrorGetLine and errno then describe the failure.
+    bool optSetSecretChecked(const std::string &key, const std::string &value);
+
+    // Decrypts the secret `key` into `out`. Failure: false, `out` untouched: errno ENOENT when
+    // `key` is not set or does not convert to text (see the getters), nothing logged; or
+    // decryption failed, logged as optSecret does, with the platform error and errno readable
+    // as above. The stored text always goes to the platform, "" included (what a failed
+    // optSet(key, text, true) leaves, and what the generic platform refuses), where optSecret
+    // reads "" without asking.
+    bool optGetSecretChecked(const std::string &key, std::string &out) const;
 
     // Removes `key`; true only when it held a value other than JSON null.
     bool optRemove(const std::string &key);
@@ -140,6 +166,12 @@ class TELO_EXPORT OptionMap {
     static bool optSectionListName(const std::string &file, std::list<std::string> &names);
 
     // ---- Locking ----
+    // lock() and unlock() pair by hand, and ~OptionMap releases nothing (see above); a
+    // ScopedLock pairs them for the caller.
+    // A writer that holds the lock (optSectionSave, optSectionRemove and the creating members,
+    // with a token set) first removes what rewrites of the file that were killed left beside
+    // it: "<file>.XXXXXX" temporaries (six characters of mkstemp's alphabet) that are regular
+    // files of the caller unchanged for 10 minutes. Links are not followed; nothing is logged.
 
     // Switches locking on with the lock file `token` (see Path::createIpcLockFile; a token
     // must not contain "/"). Failure: false after logging "setLockToken: invalid parameter."
@@ -158,14 +190,53 @@ class TELO_EXPORT OptionMap {
     // "unlock: flock(LOCK_UN) failed. %m" (the lock then still counts as held).
     bool unlock();
 
+    // Holds the map's lock for the life of the guard: lock() on construction, unlock() on
+    // destruction. Movable, not copyable; the map must outlive the guard and its lock must not
+    // be released through the map (or a copy of it) while a guard holds it.
+    //     OptionMap tasks;
+    //     tasks.setLockToken("tasks.conf");
+    //     {
+    //         OptionMap::ScopedLock guard(tasks);
+    //         if (!guard) return false;   // lock() failed and said why in the system log
+    //         ... read, change and export sections of tasks.conf ...
+    //     }                               // released here, also on an early return
+    class TELO_EXPORT ScopedLock {
+      public:
+        // Calls map.lock(); owns() tells whether it succeeded (logs and errno as lock()).
+        explicit ScopedLock(OptionMap &map);
+        // Takes over `other`'s hold; `other` then owns nothing.
+        ScopedLock(ScopedLock &&other) noexcept;
+        // Releases this guard's hold (as unlock() below), then takes over `other`'s.
+        ScopedLock &operator=(ScopedLock &&other) noexcept;
+        ScopedLock(const ScopedLock &) = delete;
+        ScopedLock &operator=(const ScopedLock &) = delete;
+        // Releases the hold, if any, through map.unlock(); a failure is only logged by it.
+        // errno is kept as it was, so a scope left after a failure reports that failure.
+        ~ScopedLock();
+
+        // True while the guard holds the map's lock (for a map without a token: while lock()
+        // has succeeded, though there is nothing to hold).
+        bool owns() const { return map_ != nullptr; }
+        explicit operator bool() const { return owns(); }
+
+        // Releases the hold early. Returns map.unlock()'s result (true when nothing is held);
+        // the guard owns nothing afterwards either way, so the destructor does not try again.
+        bool unlock();
+
+      private:
+        OptionMap *map_;  // the map whose lock is held, or null
+    };
+
     // ---- Numbered sections ----
     // A numbered section is named prefix + decimal number ("job12"). The number of a name is
     // read loosely with strtol after the prefix: "job12x" counts as 12, "jobx" as 0, "job-3" as
     // -3; names equal to the prefix or not starting with it are skipped. New headers are
     // appended to the file as "[name]\n" (the file is created when missing; a last line without
-    // its "\n" gets one first, so the header never joins it); a failed open
-    // logs "fopen: %m" (EPERM for a symbolic link SectionConfig would not follow), a name
-    // holding a newline or NUL is refused with errno EINVAL.
+    // its "\n" gets one first, so the header never joins it, and a last byte that cannot be read
+    // fails the append after logging "read last byte failed, %m"); a failed open
+    // logs "fopen: %m" (EPERM for a symbolic link SectionConfig would not follow, EINVAL or
+    // EISDIR for a file that is no regular file), a name holding a newline or NUL is refused
+    // with errno EINVAL.
     // The static allocators take no lock; the creating members run them under the map's lock.
 
     // Allocates one more than the largest number in use (1 when none or no file), appends its
@@ -205,8 +276,30 @@ class TELO_EXPORT OptionMap {
     // As optSectionCreate with `withId`, using optSectionGetIncreaseId.
     bool optSectionCreateIncreaseId(const std::string &file, const std::string &prefix);
 
+    // Creates a numbered section holding the map's values in one step, where optSectionCreate
+    // and optSectionSave take two: under the lock it takes the number as optSectionGetUniqueId
+    // does, or with `increasing` as optSectionGetIncreaseId does, and writes the section with
+    // its values, and the raised counter, in a single rewrite of `file` (made when missing).
+    // A reader never sees the section empty nor the counter behind it. Binds the map to the
+    // new section, keeping its values.
+    // Failure: false, the map left unbound and the file as it was: on a loaded map or an empty
+    // file or prefix (errno EINVAL), when the lock fails (logged as lock()), when the file
+    // cannot be read ("open[%s] failed, %m"; errno EINVAL or EISDIR when it is no regular
+    // file) or rewritten ("update section failed, %m", errno from the rewrite), or when no
+    // number is left (errno EOVERFLOW, "no id left for [%s]").
+    //     OptionMap task;
+    //     task.optSet("name", "nightly");
+    //     task.setLockToken("tasks.conf");
+    //     task.optSectionCreateAndSave("/etc/app/tasks.conf", "task", true);
+    //     // a new file now reads "[global]\ntaskid_max=1\n[task1]\nname=\"nightly\"\n"
+    bool optSectionCreateAndSave(const std::string &file, const std::string &prefix,
+                                 bool increasing);
+
   private:
     bool createLocked(const std::string &file, const std::string &name, int id, int mode);
+    int writeNewSection(const std::string &file, const std::string &prefix,
+                        bool increasing) const;
+    void tidyUnderLock(const std::string &file) const;
 
     std::unique_ptr<OptionMapPrivate> d_;
 };

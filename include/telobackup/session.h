@@ -26,6 +26,11 @@ class TELO_EXPORT Session {
     ~Session();
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
+    // Hands the binding over (the directory is untouched); the moved-from object is unbound and
+    // usable, as a new one. Assignment drops this object's binding without removing anything.
+    //     Session makeWorkArea() { Session s; s.create(); return s; }
+    Session(Session &&other) noexcept;
+    Session &operator=(Session &&other) noexcept;
 
     // Creates a local session and binds the object to it. Failure: false (the object stays
     // unbound, nothing is left on disk), after logging one of "session has already
@@ -75,6 +80,7 @@ class TELO_EXPORT Session {
 
   private:
     struct Private;
+    Private &record();
     std::unique_ptr<Private> d_;
 };
 

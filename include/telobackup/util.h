@@ -3,6 +3,7 @@
 #define TELOBACKUP_UTIL_H
 
 #include "telobackup/json_text.h"
+#include "telobackup/last_error.h"
 #include "telobackup/log.h"
 #include "telobackup/mustache.h"
 #include "telobackup/option_map.h"
@@ -10,6 +11,7 @@
 #include "telobackup/path/path_filter.h"
 #include "telobackup/path/path_telo.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/proc/conversation.h"
 #include "telobackup/proc/exec.h"
 #include "telobackup/proc/proc_util.h"
 #include "telobackup/proc/signal.h"

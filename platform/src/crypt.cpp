@@ -7,10 +7,12 @@
 // then to random salt (up to 16 bytes).
 #include <fcntl.h>
 #include <sodium.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -81,6 +83,22 @@ std::string keyFilePath() {
     return configured != nullptr && *configured != '\0' ? configured : kDefaultKeyFile;
 }
 
+// Fills `data` from the kernel's random source. Unlike the crypto library's own call, which
+// aborts the process when the source fails, this one fails with errno set.
+bool fillRandom(unsigned char *data, size_t size) {
+    while (size > 0) {
+        ssize_t n = getrandom(data, size, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 bool writeAll(int fd, const unsigned char *data, size_t size) {
     while (size > 0) {
         ssize_t n = write(fd, data, size);
@@ -104,9 +122,8 @@ bool createKey(const std::string &path) {
     Fd fd(mkostemp(temp.data(), O_CLOEXEC));
     if (fd.get() < 0) return false;
     unsigned char key[kKeyBytes];
-    randombytes_buf(key, sizeof(key));
-    bool ok =
-        fchmod(fd.get(), 0600) == 0 && writeAll(fd.get(), key, sizeof(key)) && fsync(fd.get()) == 0;
+    bool ok = fillRandom(key, sizeof(key)) && fchmod(fd.get(), 0600) == 0 &&
+              writeAll(fd.get(), key, sizeof(key)) && fsync(fd.get()) == 0;
     sodium_memzero(key, sizeof(key));
     bool placed = ok && link(temp.data(), path.c_str()) == 0;
     if (ok && !placed && errno != EEXIST) {
@@ -242,8 +259,35 @@ void applyStream(const Keys &keys, const Layout &layout, const unsigned char *ta
     crypto_stream_xchacha20_xor(out, in, layout.plain, nonce, keys.encrypt);
 }
 
+// The crypto library's random source, replaced before its start-up, since its own aborts the
+// process when the kernel's source fails. This code draws its keys and salt through fillRandom;
+// the library draws only at its start-up (a canary for memory this code does not use). A
+// failed draw is remembered: the process then never encrypts.
+std::atomic<bool> libraryDrawFailed{false};
+
+void libraryFill(void *const data, const size_t size) {
+    if (!fillRandom(static_cast<unsigned char *>(data), size)) {
+        memset(data, 0, size);
+        libraryDrawFailed = true;
+    }
+}
+
+uint32_t libraryWord() {
+    uint32_t word = 0;
+    libraryFill(&word, sizeof(word));
+    return word;
+}
+
+const char *libraryRandomName() {
+    return "getrandom, checked";
+}
+
+randombytes_implementation checkedRandom = {libraryRandomName, libraryWord, nullptr,
+                                            nullptr,           libraryFill, nullptr};
+
 bool ready() {
-    if (sodium_init() >= 0) return true;
+    static const bool replaced = randombytes_set_implementation(&checkedRandom) == 0;
+    if (replaced && sodium_init() >= 0 && !libraryDrawFailed) return true;
     errno = EIO;
     TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
     return false;
@@ -271,7 +315,10 @@ extern "C" int TLIBCCryptSzEncrypt(const char *plain, char *out, size_t outSize)
     unsigned char *salt = tag + layout.tag;
     unsigned char *body = salt + layout.salt;
     const unsigned char *text = reinterpret_cast<const unsigned char *>(plain);
-    randombytes_buf(salt, layout.salt);
+    if (!fillRandom(salt, layout.salt)) {
+        TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
+        return 0;
+    }
     computeTag(keys, layout, salt, text, tag);
     applyStream(keys, layout, tag, text, body);
     sodium_bin2base64(out, outSize, sealed.data(), sealed.size(), kBase64);

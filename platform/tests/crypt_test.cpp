@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "support/attacker.h"
+#include "support/child.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
@@ -115,6 +118,30 @@ TEST_F(Crypt, OnlyEncryptionMakesAKeyAndSaysSo) {
     EXPECT_TRUE(decrypt(cipher, back) && back == "secret");
     EXPECT_NE("", encrypt("again"));
     EXPECT_EQ(1u, log.size()) << log.dump();
+}
+
+// A failing random source fails what needs it, never aborting the process: a new key is not
+// made (nor a part of one left), a text long enough for salt is not encrypted; a short text,
+// sealed without salt, still is.
+TEST_F(Crypt, FailingRandomSourceFailsInsteadOfAborting) {
+    const std::string keyFile = key;
+    EXPECT_CHILD_OK([&keyFile] {
+        if (!failSystemCall(__NR_getrandom, EIO)) return std::string("no seccomp filter here");
+        CHILD_CHECK(encrypt("secret").empty());
+        CHILD_CHECK_EQ(TELO_ERR_KEY, TLIBCErrGet());
+        CHILD_CHECK(!exists(keyFile));
+        return std::string();
+    });
+    EXPECT_EQ(std::vector<std::string>{}, listDir(dir.file("keys")));
+    ASSERT_NE("", encrypt("made here"));
+    EXPECT_CHILD_OK([] {
+        if (!failSystemCall(__NR_getrandom, EIO)) return std::string("no seccomp filter here");
+        CHILD_CHECK(encrypt(std::string(60, 'x')).empty());
+        CHILD_CHECK_EQ(TELO_ERR_SYSTEM, TLIBCErrGet());
+        CHILD_CHECK_EQ(EIO, errno);
+        CHILD_CHECK(!encrypt("short").empty());
+        return std::string();
+    });
 }
 
 // A user who can write the key's directory plants their own key (whose bytes they know), then a

@@ -24,12 +24,14 @@ struct HeldSource {
 
 // Path::renameWithMode for a held source, with the same results, log lines and errno. Before the
 // rename the source's name must still be the held file (device and inode), and afterwards the
-// destination must be it; otherwise the call fails with errno ESTALE, logged as a failed rename,
-// and `swapped` is set: the name is no longer the caller's. Nothing is changed by path.
-bool renameHeldWithMode(const HeldSource &source, bool &swapped);
+// destination must be it; otherwise the call fails with errno ESTALE, logged as a failed rename.
+// `nameGone` is set whenever the source's name no longer holds the caller's file, so that it is
+// not the caller's to remove: swapped by another, or moved by a rename whose later step (the
+// check, a mode or owner change) failed. Nothing is changed by path.
+bool renameHeldWithMode(const HeldSource &source, bool &nameGone);
 
 // rename(2) of a held source, with the same two checks; nothing logged.
-bool renameHeld(const HeldSource &source, bool &swapped);
+bool renameHeld(const HeldSource &source, bool &nameGone);
 
 }  // namespace internal
 }  // namespace Backup

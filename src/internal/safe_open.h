@@ -35,9 +35,11 @@ struct ConfigFile {
 // uid, or by the owner of what it points at (the kernel's protected_symlinks rule, applied in
 // every directory); otherwise the call fails with EPERM before the file is opened for reading
 // or writing. With O_CREAT a missing file is created (`mode` less the umask), through a link
-// only when the link is root's or the caller's. Failure: false with errno; when only the file
-// itself is missing (ENOENT), `dir`, `name` and `path` are still filled in, so that a rewrite
-// can create it.
+// only when the link is root's or the caller's. Only a regular file is handed out: it is opened
+// non-blocking (so a FIFO cannot stall the open) and anything else fails with EISDIR (a
+// directory) or EINVAL, so that no FIFO or device is ever read as configuration. Failure: false
+// with errno; when only the file itself is missing (ENOENT), `dir`, `name` and `path` are still
+// filled in, so that a rewrite can create it.
 bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile &out);
 
 }  // namespace internal

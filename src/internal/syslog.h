@@ -12,9 +12,23 @@
 
 #include "telo/platform.h"
 
-// "(pid) [err] source:line message" at LOG_ERR.
-#define TELO_LOG_ERR(fmt, ...) \
-    ::syslog(LOG_ERR, "(%d) [err] %s:%d " fmt, ::getpid(), kLogSource, __LINE__, ##__VA_ARGS__)
+namespace TELO {
+namespace Backup {
+namespace internal {
+
+// Writes one line to the system log as syslog(priority, format, ...) would, and keeps a line at
+// LOG_ERR as the calling thread's last error text (see telobackup/last_error.h). errno is kept,
+// and "%m" reads it as syslog would.
+void logLine(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+}  // namespace internal
+}  // namespace Backup
+}  // namespace TELO
+
+// "(pid) [err] source:line message" at LOG_ERR, kept as the thread's last error text.
+#define TELO_LOG_ERR(fmt, ...)                                                                  \
+    ::TELO::Backup::internal::logLine(LOG_ERR, "(%d) [err] %s:%d " fmt, ::getpid(), kLogSource, \
+                                      __LINE__, ##__VA_ARGS__)
 
 // "(pid) [debug] source:line message" at LOG_DEBUG.
 #define TELO_LOG_DEBUG(fmt, ...) \
@@ -22,16 +36,16 @@
 
 // The same two lines on behalf of another process: a child that must not log itself has its
 // lines written by its parent under the child's pid.
-#define TELO_LOG_ERR_AS(pid, fmt, ...)                                                      \
-    ::syslog(LOG_ERR, "(%d) [err] %s:%d " fmt, static_cast<int>(pid), kLogSource, __LINE__, \
-             ##__VA_ARGS__)
+#define TELO_LOG_ERR_AS(pid, fmt, ...)                                                         \
+    ::TELO::Backup::internal::logLine(LOG_ERR, "(%d) [err] %s:%d " fmt, static_cast<int>(pid), \
+                                      kLogSource, __LINE__, ##__VA_ARGS__)
 #define TELO_LOG_DEBUG_AS(pid, fmt, ...)                                                        \
     ::syslog(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, static_cast<int>(pid), kLogSource, __LINE__, \
              ##__VA_ARGS__)
 
 // The short form "source:line message", at the given priority.
 #define TELO_LOG_SHORT(priority, fmt, ...) \
-    ::syslog((priority), "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)
+    ::TELO::Backup::internal::logLine((priority), "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)
 
 // The platform-error suffix and its three arguments, for messages about platform calls:
 //     TELO_LOG_ERR("lookup[%s] failed: " TELO_PLATFORM_ERR_FMT, host, TELO_PLATFORM_ERR_ARGS);

@@ -30,6 +30,20 @@ constexpr int kMinimumTrySeconds = 15;
 constexpr int kWaitCalls = 3;
 constexpr int kMaxPort = 65535;
 
+// The errno that stands for a getaddrinfo failure.
+int lookupErrno(int code) {
+    switch (code) {
+        case EAI_SYSTEM:
+            return errno;
+        case EAI_MEMORY:
+            return ENOMEM;
+        case EAI_AGAIN:
+            return EAGAIN;
+        default:
+            return ENOENT;  // the name or the port has no address
+    }
+}
+
 bool isIpLiteral(const std::string &addr) {
     return BlTLIBIsIpAddr(addr.c_str()) != 0 || BlTLIBIsv6IpAddrValid(addr.c_str()) != 0;
 }
@@ -77,14 +91,17 @@ int Net::testIpAndPortConnect(const char *host, int port, int timeoutSec) {
     if (host == nullptr || port < 0 || port > kMaxPort || timeoutSec < 0 ||
         printed >= static_cast<int>(sizeof(portText))) {
         TELO_LOG_SHORT(LOG_ERR, "bad parameter");
+        errno = EINVAL;
         return -1;
     }
     addrinfo hints;
     memset(&hints, 0, sizeof(hints));
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *found = nullptr;
-    if (getaddrinfo(host, portText, &hints, &found) != 0) {
+    int lookup = getaddrinfo(host, portText, &hints, &found);
+    if (lookup != 0) {
         TELO_LOG_SHORT(LOG_ERR, "[%s:%s] getaddrinfo() error, %m", host, portText);
+        errno = lookupErrno(lookup);
         return -1;
     }
     std::unique_ptr<addrinfo, void (*)(addrinfo *)> addresses(found, freeaddrinfo);
@@ -125,6 +142,7 @@ int Net::testIpAndPortConnect(const char *host, int port, int timeoutSec) {
     }
     if (ready == 0) {
         TELO_LOG_SHORT(LOG_ERR, "[%s:%s] select() timeout, %m", host, portText);
+        errno = ETIMEDOUT;
         return -2;
     }
     bool readable = (watch.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
@@ -132,6 +150,7 @@ int Net::testIpAndPortConnect(const char *host, int port, int timeoutSec) {
     if (!readable && !writable) {
         TELO_LOG_SHORT(LOG_ERR, "Could not get readable or writable socket");
         TELO_LOG_SHORT(LOG_ERR, "[%s:%s] isn't connected", host, portText);
+        errno = ENOTCONN;
         return -1;
     }
     int error = -1;
@@ -144,6 +163,7 @@ int Net::testIpAndPortConnect(const char *host, int port, int timeoutSec) {
     if (error != 0) {
         TELO_LOG_SHORT(LOG_ERR, "Socket error: %d, %s", error, strerror(error));
         TELO_LOG_SHORT(LOG_ERR, "[%s:%s] isn't connected", host, portText);
+        errno = error;
         return -1;
     }
     return 0;
@@ -158,6 +178,11 @@ std::string Net::getIpFromAddr(const std::string &addr) {
 
 int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
                         std::string &ip) {
+    return getAvailableIp(addr, port, timeoutSec, totalSec, ip, ProbeObserver());
+}
+
+int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
+                        std::string &ip, const ProbeObserver &observer) {
     timespec start;
     if (clock_gettime(CLOCK_MONOTONIC, &start) != 0) {
         TELO_LOG_SHORT(LOG_ERR, "clock_gettime failed [%m]");
@@ -167,12 +192,19 @@ int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int t
     if (isIpLiteral(addr)) {
         candidates.push_back(addr);
     } else if (!lookupAddresses(addr, candidates)) {
+        errno = ENOENT;
         return -3;
     }
     internal::ProbeBudget budget = internal::probeBudget(timeoutSec, totalSec, candidates.size());
     int result = -1;
     for (const std::string &candidate : candidates) {
+        if (observer.trying) observer.trying(candidate);
         result = testIpAndPortConnect(candidate.c_str(), port, budget.perTry);
+        if (observer.tried) {
+            int error = errno;
+            observer.tried(candidate, result, error);
+            errno = error;
+        }
         if (result == 0) {
             ip = candidate;
             return 0;

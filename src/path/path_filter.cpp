@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "path/path_filter_private.h"
@@ -332,6 +333,16 @@ PathFilter::~PathFilter() {
     delete d_;
 }
 
+PathFilter::PathFilter(PathFilter &&other) noexcept : d_(std::exchange(other.d_, nullptr)) {}
+
+PathFilter &PathFilter::operator=(PathFilter &&other) noexcept {
+    if (this != &other) {
+        delete d_;
+        d_ = std::exchange(other.d_, nullptr);
+    }
+    return *this;
+}
+
 bool PathFilter::addIncludePattern(const std::string &pattern) {
     d_->include_.add(pattern);
     return true;
@@ -362,19 +373,27 @@ bool PathFilter::addExcludePattern(std::list<std::string> &patterns) {
     return true;
 }
 
-bool PathFilter::filterOut(const std::string &path) {
+bool PathFilter::filterOut(const std::string &path) const {
     MatchSubject subject(path.c_str(), strlen(path.c_str()));
     if (d_->priorInclude_.anyMatches(subject)) return false;
     if (d_->include_.anyMatches(subject)) return false;
     return d_->exclude_.anyMatches(subject);
 }
 
-bool PathFilter::filterOutIncludeException(const std::string &path) {
+bool PathFilter::filterOutIncludeException(const std::string &path) const {
     MatchSubject subject(path.c_str(), strlen(path.c_str()));
     if (d_->priorInclude_.anyMatches(subject)) return false;
     if (d_->exclude_.anyMatches(subject)) return true;
     if (d_->include_.empty()) return true;
     return !d_->include_.anyMatches(subject);
+}
+
+bool PathFilter::filterOut(const std::string &path) {
+    return static_cast<const PathFilter *>(this)->filterOut(path);
+}
+
+bool PathFilter::filterOutIncludeException(const std::string &path) {
+    return static_cast<const PathFilter *>(this)->filterOutIncludeException(path);
 }
 
 void PathFilter::clear() {

@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "internal/access_attributes.h"
 #include "internal/held_rename.h"
 #include "internal/safe_open.h"
 #include "internal/syslog.h"
@@ -438,29 +439,31 @@ bool sameInode(const struct stat64 &a, const struct stat64 &b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// True when `name` in the source's directory is the held file.
-bool nameHoldsSource(const HeldSource &source, const std::string &name) {
+// 1 when `name` in the source's directory is the held file, 0 when it is another, -1 with errno
+// when either cannot be examined.
+int nameHoldsSource(const HeldSource &source, const std::string &name) {
     struct stat64 held, named;
-    return fstat64(source.fd, &held) == 0 &&
-           fstatat64(source.dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           sameInode(held, named);
+    if (fstat64(source.fd, &held) != 0 ||
+        fstatat64(source.dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        return -1;
+    }
+    return sameInode(held, named) ? 1 : 0;
 }
 
 // The rename itself, between the two checks of the held source: false with errno set (ESTALE
-// and `swapped` when the source's name, or afterwards the destination, is another file).
-bool checkedRename(const HeldSource &source, bool &swapped) {
-    swapped = false;
+// when the source's name, or afterwards the destination, is another file). `nameGone` is set
+// whenever the source's name no longer holds the caller's file: swapped, or moved.
+bool checkedRename(const HeldSource &source, bool &nameGone) {
+    nameGone = false;
     if (source.fd < 0) {
         errno = source.openErrno;
         return false;
     }
     internal::runTestHook(internal::HookPoint::kBeforeTempCheck, source.dst.c_str());
-    struct stat64 named;
-    if (fstatat64(source.dirFd, source.srcName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
-        return false;
-    }
-    if (!nameHoldsSource(source, source.srcName)) {
-        swapped = true;
+    int holds = nameHoldsSource(source, source.srcName);
+    if (holds < 0) return false;
+    if (holds == 0) {
+        nameGone = true;
         errno = ESTALE;
         return false;
     }
@@ -468,13 +471,25 @@ bool checkedRename(const HeldSource &source, bool &swapped) {
     if (renameat(source.dirFd, source.srcName.c_str(), source.dirFd, source.dstName.c_str()) != 0) {
         return false;
     }
-    // Swapped between the check and the rename: something else was moved into place.
-    if (!nameHoldsSource(source, source.dstName)) {
-        swapped = true;
-        errno = ESTALE;
-        return false;
-    }
-    return true;
+    nameGone = true;
+    // Swapped between the check and the rename: something else was moved into place. A check
+    // that cannot be made fails too, as nothing says what was installed.
+    holds = nameHoldsSource(source, source.dstName);
+    if (holds == 0) errno = ESTALE;
+    return holds == 1;
+}
+
+// The access ACL and user attributes of the file about to be replaced, read through a
+// descriptor of it; none when the name no longer holds the file examined as `old`.
+bool readReplacedAttributes(const HeldSource &source, const struct stat64 &old,
+                            internal::AccessAttributes &attributes) {
+    UniqueFd replaced(
+        openat(source.dirFd, source.dstName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat64 st;
+    if (!replaced) return errno == ENOENT;
+    if (fstat64(replaced.get(), &st) != 0) return false;
+    if (!sameInode(st, old)) return true;
+    return internal::readAccessAttributes(replaced.get(), attributes);
 }
 
 // Gives the source the owner and permission bits of the file it is about to replace, through
@@ -482,9 +497,19 @@ bool checkedRename(const HeldSource &source, bool &swapped) {
 // like the post-rename steps. A source of another kind is left to the rename, which reports it.
 bool takeOverAttributes(const HeldSource &source, const struct stat64 &old) {
     struct stat64 current;
-    if (source.fd < 0 || fstat64(source.fd, &current) != 0 ||
-        (current.st_mode & S_IFMT) != (old.st_mode & S_IFMT)) {
-        return true;
+    if (source.fd >= 0 && fstat64(source.fd, &current) != 0) {
+        TELO_LOG_ERR("lstat failed, %m [%s]", source.src.c_str());
+        return false;
+    }
+    if (source.fd < 0 || (current.st_mode & S_IFMT) != (old.st_mode & S_IFMT)) return true;
+    // The user attributes go first, while the source is still the writer's own to change; the
+    // ACL last, as it sets the group bits that the chmod would.
+    internal::AccessAttributes attributes;
+    if (!readReplacedAttributes(source, old, attributes) ||
+        !internal::writeUserAttributes(source.fd, attributes)) {
+        TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", source.dst.c_str(),
+                     source.src.c_str());
+        return false;
     }
     if ((current.st_uid != old.st_uid || current.st_gid != old.st_gid) &&
         chownHeld(source.fd, old.st_uid, old.st_gid) != 0) {
@@ -495,10 +520,15 @@ bool takeOverAttributes(const HeldSource &source, const struct stat64 &old) {
         TELO_LOG_ERR("chmod failed %m, [%s]", source.dst.c_str());
         return false;
     }
+    if (!internal::writeAcl(source.fd, attributes)) {
+        TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", source.dst.c_str(),
+                     source.src.c_str());
+        return false;
+    }
     return true;
 }
 
-bool replaceExisting(const HeldSource &source, const struct stat64 &old, bool &swapped) {
+bool replaceExisting(const HeldSource &source, const struct stat64 &old, bool &nameGone) {
     const char *dst = source.dst.c_str();
     if (TELOACLIsSupport(dst, -1, 2)) {
         if (TELOACLCopy(dst, source.src.c_str()) < 0 ||
@@ -506,14 +536,14 @@ bool replaceExisting(const HeldSource &source, const struct stat64 &old, bool &s
             TELO_LOG_ERR("Failed to copy ACL from [%s] to [%s]", dst, source.src.c_str());
             return false;
         }
-        if (!checkedRename(source, swapped)) {
+        if (!checkedRename(source, nameGone)) {
             TELO_LOG_ERR("rename failed, %m [%s]", dst);
             return false;
         }
         return true;
     }
     if (!takeOverAttributes(source, old)) return false;
-    if (!checkedRename(source, swapped)) {
+    if (!checkedRename(source, nameGone)) {
         TELO_LOG_ERR("rename failed, %m [%s]", dst);
         return false;
     }
@@ -535,7 +565,7 @@ bool replaceExisting(const HeldSource &source, const struct stat64 &old, bool &s
     return true;
 }
 
-bool placeNew(const HeldSource &source, bool &swapped) {
+bool placeNew(const HeldSource &source, bool &nameGone) {
     const char *dst = source.dst.c_str();
     std::string parent = Path::dirname(source.dst);
     if (parent.empty()) {
@@ -543,7 +573,7 @@ bool placeNew(const HeldSource &source, bool &swapped) {
         return false;
     }
     if (TELOACLIsSupport(parent.c_str(), -1, 2)) {
-        if (!checkedRename(source, swapped)) {
+        if (!checkedRename(source, nameGone)) {
             TELO_LOG_ERR("rename failed %m [%s]", dst);
             return false;
         }
@@ -551,7 +581,7 @@ bool placeNew(const HeldSource &source, bool &swapped) {
         TELO_LOG_ERR("reset acl inherit failed");
         return false;
     }
-    if (!checkedRename(source, swapped)) {
+    if (!checkedRename(source, nameGone)) {
         TELO_LOG_ERR("rename failed %m, [%s]", dst);
         return false;
     }
@@ -587,23 +617,23 @@ bool placeNew(const HeldSource &source, bool &swapped) {
 
 namespace internal {
 
-bool renameHeldWithMode(const HeldSource &source, bool &swapped) {
-    swapped = false;
+bool renameHeldWithMode(const HeldSource &source, bool &nameGone) {
+    nameGone = false;
     int entryErrno = errno;
     struct stat64 old;
     if (fstatat64(source.dirFd, source.dstName.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0) {
         // A symbolic link's own attributes mean nothing for what replaces it (its mode would
         // make the new file world-writable): it is replaced like a new name.
-        if (!S_ISLNK(old.st_mode)) return replaceExisting(source, old, swapped);
+        if (!S_ISLNK(old.st_mode)) return replaceExisting(source, old, nameGone);
     } else if (errno != ENOENT) {
         return false;
     }
     errno = entryErrno;
-    return placeNew(source, swapped);
+    return placeNew(source, nameGone);
 }
 
-bool renameHeld(const HeldSource &source, bool &swapped) {
-    return checkedRename(source, swapped);
+bool renameHeld(const HeldSource &source, bool &nameGone) {
+    return checkedRename(source, nameGone);
 }
 
 }  // namespace internal
@@ -618,8 +648,8 @@ bool Path::renameWithMode(const std::string &src, const std::string &dst) {
     errno = entryErrno;
     source.srcName = source.src = src;
     source.dstName = source.dst = dst;
-    bool swapped;
-    return internal::renameHeldWithMode(source, swapped);
+    bool nameGone;
+    return internal::renameHeldWithMode(source, nameGone);
 }
 
 // ---- Share-rooted paths -----------------------------------------------------------------------

@@ -249,7 +249,9 @@ int openBeneathByWalk(int dirFd, const std::string &name, int flags, mode_t mode
     return openat(current(), last.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
 }
 
-bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile &out) {
+namespace {
+
+bool openConfigFileAnyKind(const std::string &path, int flags, mode_t mode, ConfigFile &out) {
     out = ConfigFile();
     if (path.empty()) {
         errno = ENOENT;
@@ -278,6 +280,27 @@ bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile 
     }
     ConfigPathWalk walk(path, flags, mode);
     return walk.run(out);
+}
+
+}  // namespace
+
+bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile &out) {
+    // Non-blocking, so that opening a FIFO returns at once; it is refused below.
+    if (!openConfigFileAnyKind(path, flags | O_NONBLOCK, mode, out)) return false;
+    struct stat st;
+    int error = 0;
+    if (fstat(out.fd.get(), &st) != 0) {
+        error = errno;
+    } else if (!S_ISREG(st.st_mode)) {
+        error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    } else if ((flags & O_NONBLOCK) == 0) {
+        int now = fcntl(out.fd.get(), F_GETFL);
+        if (now < 0 || fcntl(out.fd.get(), F_SETFL, now & ~O_NONBLOCK) != 0) error = errno;
+    }
+    if (error == 0) return true;
+    out = ConfigFile();
+    errno = error;
+    return false;
 }
 
 }  // namespace internal

@@ -17,17 +17,6 @@ constexpr long kNanosecondsPerSecond = 1000 * 1000 * 1000;
 
 std::atomic<bool> napsOnlyFlag{false};
 
-int openPidfd(pid_t pid) {
-#ifdef SYS_pidfd_open
-    // Close-on-exec by definition.
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-#else
-    (void)pid;
-    errno = ENOSYS;
-    return -1;
-#endif
-}
-
 struct timespec now() {
     struct timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
@@ -40,6 +29,17 @@ long nanosecondsUntil(const struct timespec &deadline) {
 }
 
 }  // namespace
+
+int openPidfd(pid_t pid) {
+#ifdef SYS_pidfd_open
+    // Close-on-exec by definition.
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    errno = ENOSYS;
+    return -1;
+#endif
+}
 
 void setExitWaitByNaps(bool naps) {
     napsOnlyFlag.store(naps);

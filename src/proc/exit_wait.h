@@ -41,6 +41,10 @@ class ExitWait {
     int naps_ = 0;
 };
 
+// A pidfd of child `pid` (close-on-exec), or -1 with errno (ENOSYS where the kernel or the
+// headers have none).
+int openPidfd(pid_t pid);
+
 // Makes every later wait nap as it must where the kernel has no pidfds (tests and benchmarks
 // compare the two ways).
 void setExitWaitByNaps(bool naps);

@@ -144,6 +144,7 @@ struct ChildPlan {
 
     ChildReport report;
     ChildStarter *starter = nullptr;
+    bool observed = true;  // the report holds the child's events (the launch waited for them)
 };
 
 // ---- The child's side: system calls only ----------------------------------------------------
@@ -191,7 +192,7 @@ bool redirectStream(int target, const StreamPlan &stream, int nullFd, bool isInp
             return false;
         }
         if (!isInput && stream.mode != 0 && fchmod(fd, static_cast<mode_t>(stream.mode)) != 0) {
-            report.add(kFchmodFailed, errno);
+            report.add(kFchmodFailed, errno, target);
             closeKeepingErrno(fd);
             return false;
         }
@@ -404,6 +405,7 @@ bool inputMayWait(const ChildPlan &plan) {
 pid_t launch(ChildPlan &plan, int (*body)(void *)) {
     plan.prepareEnvironment();
     bool waitForExec = !inputMayWait(plan);
+    plan.observed = waitForExec;
     if (!waitForExec) plan.report.setImmediateSink(logEventNow, &plan);
     ChildStarter starter(body, &plan, plan.report, waitForExec);
     plan.starter = &starter;
@@ -412,6 +414,46 @@ pid_t launch(ChildPlan &plan, int (*body)(void *)) {
     for (int i = 0; i < plan.report.size(); ++i) logChildEvent(plan.report.at(i), plan);
     errno = savedErrno;
     return pid;
+}
+
+// The step that kept the program of a launch from running, from the events the child reported.
+LaunchFailure failureOf(const ChildPlan &plan) {
+    LaunchFailure failure;
+    if (!plan.observed) {
+        failure.step = LaunchFailure::kUnobserved;
+        return failure;
+    }
+    for (int i = 0; i < plan.report.size(); ++i) {
+        const ChildEvent &event = plan.report.at(i);
+        LaunchFailure::Step step;
+        switch (event.kind) {
+            case kDevNullFailed:
+                step = LaunchFailure::kDevNull;
+                break;
+            case kOpenFailed:
+                step = LaunchFailure::kOpenStream;
+                break;
+            case kFchmodFailed:
+                step = LaunchFailure::kModeStream;
+                break;
+            case kDup2Failed:
+                step = LaunchFailure::kDupStream;
+                break;
+            case kCallocFailed:
+                step = LaunchFailure::kArguments;
+                break;
+            case kExecvFailed:
+                step = LaunchFailure::kExec;
+                break;
+            default:
+                continue;  // not the end of the child (a trace, a failed chdir, a restatement)
+        }
+        bool onStream = step == LaunchFailure::kOpenStream || step == LaunchFailure::kModeStream ||
+                        step == LaunchFailure::kDupStream;
+        failure = {step, event.error, onStream ? event.arg : -1};
+        break;  // the first failure ends the child
+    }
+    return failure;
 }
 
 // State of call() that its SIGTERM handler reads; one per process.
@@ -461,6 +503,9 @@ SubProcess::SubProcess(std::vector<std::string> args) : d(new SubProcessPrivate)
 }
 
 SubProcess::~SubProcess() = default;
+
+SubProcess::SubProcess(SubProcess &&other) noexcept = default;
+SubProcess &SubProcess::operator=(SubProcess &&other) noexcept = default;
 
 void SubProcess::addArg(const std::string &arg) {
     d->args_.push_back(arg);
@@ -546,6 +591,12 @@ void restoreChildFlags(int flags) {
 }  // namespace
 
 int SubProcess::call() const {
+    LaunchFailure ignored;
+    return call(ignored);
+}
+
+int SubProcess::call(LaunchFailure &failure) const {
+    failure = LaunchFailure();
     int oldFlags = 0;
     if (!signalHandlerRemoveFlags(SIGCHLD, SA_NOCLDWAIT, oldFlags)) {
         TELO_LOG_ERR("remove SA_RESTART failed, %m");
@@ -556,10 +607,12 @@ int SubProcess::call() const {
     plan.childFlags = oldFlags;
     pid_t pid = launch(plan, childBody);
     if (pid < 0) {
+        failure = {LaunchFailure::kFork, errno, -1};
         TELO_LOG_ERR("fork failed, %m");
         restoreChildFlags(oldFlags);
         return -1;
     }
+    failure = failureOf(plan);
 
     terminationRequested = 0;
     struct sigaction action = {};
@@ -620,12 +673,19 @@ bool SubProcess::callBackground(bool newSession) const {
 }
 
 int SubProcess::callNoWait(const std::set<int> &keepFds) const {
+    LaunchFailure ignored;
+    return callNoWait(keepFds, ignored);
+}
+
+int SubProcess::callNoWait(const std::set<int> &keepFds, LaunchFailure &failure) const {
     ChildPlan plan(*d, keepFds);
     pid_t pid = launch(plan, childBody);
     if (pid < 0) {
+        failure = {LaunchFailure::kFork, errno, -1};
         TELO_LOG_ERR("fork failed, %m");
         return -1;
     }
+    failure = failureOf(plan);
     return pid;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "internal/held_rename.h"
@@ -117,6 +118,27 @@ ScopedTempFile::~ScopedTempFile() {
     errno = saved;
 }
 
+ScopedTempFile::ScopedTempFile(ScopedTempFile &&other) noexcept
+    : fd_(std::exchange(other.fd_, -1)),
+      path_(std::move(other.path_)),
+      hash_(std::exchange(other.hash_, 0)) {
+    other.path_.clear();
+}
+
+ScopedTempFile &ScopedTempFile::operator=(ScopedTempFile &&other) noexcept {
+    if (this != &other) {
+        int saved = errno;
+        close();
+        unlink();
+        errno = saved;
+        fd_ = std::exchange(other.fd_, -1);
+        path_ = std::move(other.path_);
+        other.path_.clear();
+        hash_ = std::exchange(other.hash_, 0);
+    }
+    return *this;
+}
+
 bool ScopedTempFile::create(const std::string &templ) {
     close();
     unlink();
@@ -223,11 +245,11 @@ bool ScopedTempFile::moveTo(const std::string &newPath, bool withMode) {
     }
     source.srcName = source.src = path_;
     source.dstName = source.dst = target;
-    bool swapped = false;
-    bool moved = withMode ? internal::renameHeldWithMode(source, swapped)
-                          : internal::renameHeld(source, swapped);
+    bool nameGone = false;
+    bool moved = withMode ? internal::renameHeldWithMode(source, nameGone)
+                          : internal::renameHeld(source, nameGone);
     // A name that no longer holds our file is not ours to remove either.
-    if (moved || swapped || foreign) {
+    if (moved || nameGone || foreign) {
         path_.clear();
         hash_ = 0;
     }
@@ -264,6 +286,23 @@ ScopedTempFolder::~ScopedTempFolder() {
     int saved = errno;
     unlink();
     errno = saved;
+}
+
+ScopedTempFolder::ScopedTempFolder(ScopedTempFolder &&other) noexcept
+    : path_(std::move(other.path_)), hash_(std::exchange(other.hash_, 0)) {
+    other.path_.clear();
+}
+
+ScopedTempFolder &ScopedTempFolder::operator=(ScopedTempFolder &&other) noexcept {
+    if (this != &other) {
+        int saved = errno;
+        unlink();
+        errno = saved;
+        path_ = std::move(other.path_);
+        other.path_.clear();
+        hash_ = std::exchange(other.hash_, 0);
+    }
+    return *this;
 }
 
 bool ScopedTempFolder::create(const std::string &templ) {

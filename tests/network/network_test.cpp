@@ -16,6 +16,7 @@
 #include "support/child.h"
 #include "support/fake_platform.h"
 #include "support/syslog_capture.h"
+#include "telobackup/last_error.h"
 
 using TELO::Backup::Net;
 using TELO::Backup::internal::UniqueFd;
@@ -71,25 +72,42 @@ double secondsSince(Clock::time_point start) {
 
 TEST(NetProbe, ConnectResults) {
     SyslogCapture log;
-    EXPECT_EQ(-1, Net::testIpAndPortConnect(nullptr, 80, 5));
-    EXPECT_EQ(-1, Net::testIpAndPortConnect("h", -1, 5));
-    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", 65536, 5));
-    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", 80, -1));
+    // Every failure leaves the reason in errno.
+    auto failsWith = [](int result, int expected) {
+        int error = errno;
+        EXPECT_EQ(expected, result);
+        return error;
+    };
+    errno = 0;
+    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect(nullptr, 80, 5), -1));
+    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect("h", -1, 5), -1));
+    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect("127.0.0.1", 65536, 5), -1));
+    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect("127.0.0.1", 80, -1), -1));
     EXPECT_EQ(4, log.count(LOG_ERR, "network/network:<line> bad parameter")) << log.dump();
+    // The empty name has no address, and getaddrinfo knows without asking anyone.
+    errno = 0;
+    EXPECT_EQ(ENOENT, failsWith(Net::testIpAndPortConnect("", 80, 5), -1));
+    EXPECT_TRUE(log.has(LOG_ERR, "network/network:<line> [:80] getaddrinfo() error, <any>"));
+    TELO::Backup::clearLastErrorText();
 
     UniqueFd open = tcpSocket("127.0.0.1", 0, 8), closed = tcpSocket("127.0.0.1", 0, -1);
     SilentListener silent;
     if (!silent.open("127.0.0.1")) GTEST_SKIP() << "the accept queue never filled";
     EXPECT_EQ(0, Net::testIpAndPortConnect("127.0.0.1", portOf(open), 5));
-    EXPECT_EQ(4u, log.size()) << log.dump();
+    EXPECT_EQ(5u, log.size()) << log.dump();
+    EXPECT_EQ("", TELO::Backup::lastErrorText());
     std::string refused = "network/network:<line> [127.0.0.1:" + std::to_string(portOf(closed));
-    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", portOf(closed), 5));
+    EXPECT_EQ(ECONNREFUSED,
+              failsWith(Net::testIpAndPortConnect("127.0.0.1", portOf(closed), 5), -1));
     EXPECT_TRUE(log.has(LOG_ERR, refused + "] isn't connected") ||
                 log.has(LOG_ERR, refused + "] connect() error, Connection refused"))
         << log.dump();
+    // The thread's last error line is the last one logged, as written.
+    EXPECT_EQ(log.lines().back().text, TELO::Backup::lastErrorText());
     // Timeout 0 polls once.
     Clock::time_point start = Clock::now();
-    EXPECT_EQ(-2, Net::testIpAndPortConnect("127.0.0.1", portOf(silent.listener), 0));
+    EXPECT_EQ(ETIMEDOUT,
+              failsWith(Net::testIpAndPortConnect("127.0.0.1", portOf(silent.listener), 0), -2));
     EXPECT_LT(secondsSince(start), 0.9);
     EXPECT_TRUE(
         log.has(LOG_ERR, "network/network:<line> [127.0.0.1:<any>] select() timeout, <any>"));
@@ -148,16 +166,55 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
     ip = "unchanged";
     Clock::time_point start = Clock::now();
     EXPECT_EQ(-2, Net::getAvailableIp("pair.test", portOf(second), 1, 0, ip));
+    EXPECT_EQ(ETIMEDOUT, errno);
     EXPECT_GE(secondsSince(start), 1.0);
     // A failed lookup.
     fakeplatform::setFail("TELONetLookupIP", TELO_ERR_LOOKUP);
+    errno = 0;
     EXPECT_EQ(-3, Net::getAvailableIp("nowhere.test", 1, 1, ip));
+    EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ("", Net::getIpFromAddr("nowhere.test"));
     EXPECT_EQ("unchanged", ip);
     EXPECT_EQ(2, log.count(LOG_ERR,
                            "(<pid>) [err] network/network:<line> lookup[nowhere.test] "
                            "failed: [0x000A fake_platform.cpp:<line>]"))
         << log.dump();
+    fakeplatform::reset();
+}
+
+// The observer sees every try in order with its result, and a refused connection is told apart
+// by its errno; results and errno are those of the plain call.
+TEST(NetProbe, ObserverSeesEveryTry) {
+    fakeplatform::reset();
+    UniqueFd open = tcpSocket("127.0.0.2", 0, 8);
+    UniqueFd closed = tcpSocket("127.0.0.1", portOf(open), -1);
+    if (!closed) GTEST_SKIP() << "the port is taken on 127.0.0.1";
+    errno = 0;
+    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", portOf(open), 5));
+    EXPECT_EQ(ECONNREFUSED, errno);
+
+    std::vector<std::string> seen;
+    Net::ProbeObserver observer;
+    observer.trying = [&](const std::string &address) { seen.push_back("trying " + address); };
+    observer.tried = [&](const std::string &address, int result, int error) {
+        seen.push_back(address + " " + std::to_string(result) +
+                       (error == ECONNREFUSED ? " refused" : ""));
+        errno = EBADF;  // the observer's own errno does not leak out
+    };
+    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1", "127.0.0.2"};
+    std::string ip;
+    EXPECT_EQ(0, Net::getAvailableIp("pair.test", portOf(open), 5, 0, ip, observer));
+    EXPECT_EQ("127.0.0.2", ip);
+    EXPECT_EQ((std::vector<std::string>{"trying 127.0.0.1", "127.0.0.1 -1 refused",
+                                        "trying 127.0.0.2", "127.0.0.2 0"}),
+              seen);
+    seen.clear();
+    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1"};
+    EXPECT_EQ(-1, Net::getAvailableIp("one.test", portOf(open), 5, 0, ip, observer));
+    EXPECT_EQ(ECONNREFUSED, errno);
+    EXPECT_EQ((std::vector<std::string>{"trying 127.0.0.1", "127.0.0.1 -1 refused"}), seen);
+    // An empty observer is the plain call.
+    EXPECT_EQ(0, Net::getAvailableIp("127.0.0.2", portOf(open), 5, 0, ip, Net::ProbeObserver()));
     fakeplatform::reset();
 }
 

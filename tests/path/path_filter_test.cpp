@@ -301,3 +301,26 @@ TEST(PathFilterDifferential, RebaseRemainders) {
         compare(pattern, path.substr(0, static_cast<size_t>(cases.pick(path.size() + 1))));
     }
 }
+
+// A filter built by a function and returned, moved on and assigned over: the rules travel with
+// it, and a const filter can decide.
+TEST(PathFilterRules, MovedAndDecidedThroughConst) {
+    auto build = [] {
+        PathFilter filter;
+        filter.addExcludePattern("/x/**");
+        filter.addPriorIncludePattern("/x/keep");
+        return filter;
+    };
+    PathFilter moved(build());
+    const PathFilter &decider = moved;
+    EXPECT_TRUE(decider.filterOut("/x/a"));
+    EXPECT_FALSE(decider.filterOut("/x/keep"));
+    EXPECT_TRUE(decider.filterOutIncludeException("/y"));
+    PathFilter other;
+    other.addExcludePattern("/y");
+    other = std::move(moved);
+    EXPECT_TRUE(other.filterOut("/x/a"));
+    EXPECT_FALSE(other.filterOut("/y"));
+    moved = build();  // a moved-from filter can be assigned to again
+    EXPECT_TRUE(moved.filterOut("/x/b"));
+}

@@ -8,6 +8,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <climits>
@@ -681,6 +682,31 @@ TEST_F(PathFiles, RenameOverAFileTakesItsModeAndOwner) {
     EXPECT_TRUE(st.st_uid == 65534 && st.st_gid == 65534);
     EXPECT_EQ("new", readFile(dst));
     EXPECT_EQ((Parts{"config", "prog"}), listDir(dir.path()));
+    EXPECT_EQ(0u, log.size()) << log.dump();
+}
+
+// The replacing file takes over the old one's access ACL and user attributes too (through the
+// source's path descriptor), owner included, and the live file never lacks them.
+TEST_F(PathFiles, RenameOverAFileKeepsItsAclAndUserAttributes) {
+    const std::string dst = dir.file("tasks.conf"), src = dir.file("tasks.conf.new");
+    const std::string acl = aclGrantingRead(34);
+    writeFile(dst, "old", 0600);
+    if (setxattr(dst.c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0) != 0 ||
+        setxattr(dst.c_str(), "user.a", "1", 1, 0) != 0 ||
+        setxattr(dst.c_str(), "user.b", "", 0, 0) != 0) {
+        GTEST_SKIP() << "no ACLs or user attributes on " << dir.path() << ": " << strerror(errno);
+    }
+    if (canChangeOwner()) {
+        ASSERT_EQ(0, chown(dst.c_str(), 65534, 65534));
+    }
+    writeFile(src, "new", 0644);
+    EXPECT_TRUE(Path::renameWithMode(src, dst));
+    std::string value;
+    EXPECT_TRUE(attributeOf(dst, "system.posix_acl_access", value) && value == acl);
+    EXPECT_TRUE(attributeOf(dst, "user.a", value) && value == "1");
+    EXPECT_TRUE(attributeOf(dst, "user.b", value) && value.empty());
+    EXPECT_EQ(0640, fileMode(dst));
+    EXPECT_EQ("new", readFile(dst));
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 

@@ -46,6 +46,11 @@ bool limitNewDescriptors(int count);
 // True when this process has no child left, running or zombie (a zombie found is reaped).
 bool noChildren();
 
+// Makes every later call of the system call `number` (__NR_...) in this process fail with
+// `error`, through a seccomp filter the kernel applies: a real fault, not an interposed libc.
+// For a forked child only; there is no way back. False when the kernel refuses the filter.
+bool failSystemCall(long number, int error);
+
 }  // namespace testsupport
 
 // Defines a helper mode: TELO_TEST_HELPER(echo) { ...; return 0; } with `args` in scope.

@@ -5,6 +5,7 @@
 #include <ftw.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -106,6 +107,29 @@ int fileMode(const std::string &path) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) return -1;
     return static_cast<int>(st.st_mode & 07777);
+}
+
+std::string aclGrantingRead(uid_t uid) {
+    // Little-endian header (version 2) and entries of tag, permissions and id, sorted by tag.
+    struct Entry {
+        uint16_t tag;
+        uint16_t perm;
+        uint32_t id;
+    };
+    const uint32_t none = ~0u, version = 2;
+    const Entry entries[] = {{0x01, 6, none}, {0x02, 4, uid},  {0x04, 4, none},
+                             {0x10, 4, none}, {0x20, 0, none}};
+    std::string blob(reinterpret_cast<const char *>(&version), sizeof(version));
+    blob.append(reinterpret_cast<const char *>(entries), sizeof(entries));
+    return blob;
+}
+
+bool attributeOf(const std::string &path, const std::string &name, std::string &value) {
+    char buffer[65536];
+    ssize_t size = lgetxattr(path.c_str(), name.c_str(), buffer, sizeof(buffer));
+    if (size < 0) return false;
+    value.assign(buffer, static_cast<size_t>(size));
+    return true;
 }
 
 std::string describeTree(const std::string &path) {

@@ -37,6 +37,14 @@ std::vector<std::string> listDir(const std::string &path);
 // st_mode & 07777 of lstat, or -1.
 int fileMode(const std::string &path);
 
+// The POSIX access ACL "u::rw-,u:UID:r--,g::r--,m::r--,o::---" in the kernel's extended
+// attribute form (for system.posix_acl_access or _default), as `setfacl -m u:UID:r` makes it of
+// a file of mode 0600.
+std::string aclGrantingRead(uid_t uid);
+// The extended attribute `name` of `path` (not following a link) in `value`; false when it has
+// none or it cannot be read.
+bool attributeOf(const std::string &path, const std::string &name, std::string &value);
+
 // Everything at and below `path`, one sorted line per entry: relative name, type, mode, owner,
 // and a file's content or a link's target; "" when `path` does not exist. Two equal
 // descriptions mean that nothing there was changed.

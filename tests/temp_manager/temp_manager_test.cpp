@@ -242,3 +242,50 @@ TEST(TempManagerFactories, MakeTheFiltersTheirArgumentsDescribe) {
     };
     for (const auto &c : cases) EXPECT_EQ(c.second, c.first->getSignature());
 }
+
+// Temporaries returned from a function and moved on: one owner at a time, the moved-from object
+// owns nothing, and assigning over an owner removes what it held.
+TEST_F(Temporaries, MovedToOneOwnerAtATime) {
+    auto makeFile = [this] { return ScopedTempFile(dir.file("f"), false); };
+    ScopedTempFile file = makeFile();
+    std::string first = file.getPath();
+    int fd = file.getFileDescripter();
+    ASSERT_TRUE(file.isValid() && fd >= 0);
+    ScopedTempFile taker(std::move(file));
+    EXPECT_FALSE(file.isValid());
+    EXPECT_EQ(-1, file.getFileDescripter());
+    EXPECT_EQ("", file.preserve());
+    EXPECT_EQ(first, taker.getPath());
+    EXPECT_EQ(fd, taker.getFileDescripter());
+    errno = EXDEV;
+    taker = makeFile();
+    EXPECT_EQ(EXDEV, errno);
+    EXPECT_FALSE(exists(first));
+    EXPECT_EQ(0u, openFds().count(fd));  // the new file was opened first, then this closed
+    std::string second = taker.getPath();
+
+    ScopedTempFolder folder(dir.file("d"));
+    writeFile(folder.getPath() + "/inside", "x");
+    std::string third = folder.getPath();
+    ScopedTempFolder folderTaker(std::move(folder));
+    EXPECT_FALSE(folder.isValid());
+    folderTaker = ScopedTempFolder(dir.file("e"));
+    EXPECT_FALSE(exists(third));
+
+    ScopedVolumeTempFile onVolume(largest(), "v", true);
+    std::string fourth = onVolume.getPath();
+    ScopedVolumeTempFile volumeTaker(std::move(onVolume));
+    ScopedVolumeTempFolder onVolumeDir(largest(), "w");
+    ScopedVolumeTempFolder dirTaker(std::move(onVolumeDir));
+    EXPECT_TRUE(!onVolume.isValid() && volumeTaker.getPath() == fourth);
+    EXPECT_TRUE(!onVolumeDir.isValid() && dirTaker.isValid());
+    std::string fifth = dirTaker.getPath();
+    {
+        ScopedTempFile last(std::move(taker));
+        ScopedTempFolder lastFolder(std::move(folderTaker));
+        ScopedVolumeTempFile lastVolume(std::move(volumeTaker));
+        ScopedVolumeTempFolder lastVolumeDir(std::move(dirTaker));
+    }
+    EXPECT_FALSE(exists(second) || exists(fourth) || exists(fifth));
+    EXPECT_EQ(Names{}, listDir(tmp));
+}

@@ -8,94 +8,17 @@
 #include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <regex>
 #include <set>
 #include <sstream>
 
-#include "support/child.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "telobackup/json_text.h"
 #include "telobackup/path/path_util.h"
+#include "tools/tool_fixture.h"
 
-using namespace testsupport;
-using Args = std::vector<std::string>;
-
-namespace {
-
-std::string toolPath() {
-    const char *path = getenv("TELO_INSTALLED_TOOL");
-    return path != nullptr ? path : "";
-}
-
-Json::Value parse(const std::string &text) {
-    Json::Value value;
-    EXPECT_TRUE(TELO::Backup::jsonFromString(value, text)) << text;
-    return value;
-}
-
-// A scenario of the tool in a directory of its own.
-class Tool : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (toolPath().empty()) GTEST_SKIP() << "TELO_INSTALLED_TOOL is not set";
-        mkdir(dir.file("vol").c_str(), 0755);
-        writeFile(dir.file("mountinfo"),
-                  "20 1 8:1 / " + dir.file("vol") + " rw - ext4 /dev/sdz1 rw\n");
-        writeFile(dir.file("shares.conf"), "[photos]\npath=\"" + dir.file("vol/photos") + "\"\n");
-    }
-
-    // Runs the tool with its standard output on `stdoutFd`; standard error is captured.
-    CommandResult runWithOutput(int stdoutFd, Args args) {
-        args.insert(args.begin(), toolPath());
-        std::string errors = dir.file("stderr.txt");
-        pid_t pid = fork();
-        if (pid == 0) {
-            int err = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (err < 0 || dup2(stdoutFd, 1) != 1 || dup2(err, 2) != 2) _exit(126);
-            std::vector<char *> argv;
-            for (std::string &arg : args) argv.push_back(&arg[0]);
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        CommandResult result;
-        result.exitCode = waitExitCode(pid);
-        result.err = readFile(errors);
-        return result;
-    }
-
-    CommandResult run(Args args, const std::string &input = "",
-                      const std::map<std::string, std::string> &changed = {}) {
-        args.insert(args.begin(), toolPath());
-        std::map<std::string, std::string> env = {{"TELO_SECRET_KEY_FILE", dir.file("secret.key")},
-                                                  {"TELO_LOGFILE", dir.file("app.log")},
-                                                  {"TELO_SHARES_CONF", dir.file("shares.conf")},
-                                                  {"TELO_MOUNTINFO", dir.file("mountinfo")}};
-        for (const auto &kv : changed) env[kv.first] = kv.second;
-        return runCommand(args, input, env);
-    }
-    std::string out(const Args &args, const std::string &input = "") {
-        return run(args, input).out;
-    }
-
-    TempDir dir;
-    std::string conf = dir.file("tasks.conf");
-};
-
-// Runs a scenario in a child with a private /tmp when the machine allows it, else in a plain
-// child.
-#define IN_PRIVATE_TMP(...)                                                                   \
-    do {                                                                                      \
-        std::function<void()> body_ = __VA_ARGS__;                                            \
-        ChildResult result_ = runInChild(ChildOptions{.privateTmp = true}, body_);            \
-        if (result_.skipped) result_ = runInChild(body_);                                     \
-        EXPECT_TRUE(result_.ok()) << result_.message << " (status " << result_.status << ")"; \
-    } while (0)
-
-}  // namespace
 
 TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
     IN_PRIVATE_TMP([this] {
@@ -193,6 +116,152 @@ TEST_F(Tool, ExitCodesAndUntouchedFiles) {
             }
             if (readFile(conf) != original || listDir(dir.path()) != entries) {
                 CHILD_FAIL(command + "changed a file");
+            }
+        }
+    });
+}
+
+// A FIFO or a device where the configuration file should be is refused by every config command
+// at once with exit status 3, before the lock is taken (it is held here: waiting for it would
+// be exit status 5), and nothing is created beside it.
+TEST_F(Tool, NonRegularFilesAreRefusedBeforeTheLock) {
+    IN_PRIVATE_TMP([this] {
+        const std::string fifo = dir.file("fifo.conf"), zero = dir.file("zero.conf");
+        CHILD_CHECK(mkfifo(fifo.c_str(), 0644) == 0);
+        CHILD_CHECK(symlink("/dev/zero", zero.c_str()) == 0);
+        int held = TELO::Backup::Path::createIpcLockFile("held");
+        CHILD_CHECK(held >= 0 && flock(held, LOCK_EX) == 0);
+        const std::vector<std::string> entries = listDir(dir.path());
+        const Args lock = {"--lock", "held", "--wait", "0"};
+        for (const std::string &file : {fifo, zero}) {
+            const std::vector<Args> commands = {
+                {"config", "set", file, "s", "k=1", "--create"},
+                {"config", "set", file, "s", "k=1"},
+                {"config", "new", file, "job", "k=1"},
+                {"config", "new", file, "job", "--increasing"},
+                {"config", "unset", file, "s", "k"},
+                {"config", "delete", file, "s"},
+            };
+            for (Args args : commands) {
+                args.insert(args.end(), lock.begin(), lock.end());
+                CommandResult r = run(args);
+                if (r.exitCode != 3 || r.err != "telobackup-util: " + file +
+                                                      ": not a regular file\n") {
+                    CHILD_FAIL(args[1] + " " + file + " -> " + std::to_string(r.exitCode) + " " +
+                               r.err);
+                }
+            }
+            for (const Args &args : std::vector<Args>{{"config", "get", file, "s"},
+                                                      {"config", "sections", file},
+                                                      {"config", "dump", file}}) {
+                CHILD_CHECK_EQ(3, run(args).exitCode);
+            }
+        }
+        CHILD_CHECK(listDir(dir.path()) == entries);
+        close(held);
+    });
+}
+
+namespace {
+
+bool isTemporaryOf(const std::string &name, const std::string &base) {
+    return name.size() == base.size() + 7 && name.compare(0, base.size() + 1, base + ".") == 0;
+}
+
+}  // namespace
+
+// A writer stopped by SIGTERM, SIGINT or SIGHUP while its temporary exists finishes the rewrite
+// and removes the temporary before the signal ends it; the temporaries of writers killed
+// outright go with the next write, once they are 10 minutes old.
+TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
+    IN_PRIVATE_TMP([this] {
+        const std::string base = "tasks.conf", pad = std::string(2 << 20, 'p');
+        auto temporaries = [&] {
+            std::set<std::string> names;
+            for (const std::string &name : listDir(dir.path())) {
+                if (isTemporaryOf(name, base)) names.insert(name);
+            }
+            return names;
+        };
+        writeFile(conf, "[s]\nk=0\npad=\"" + pad + "\"\n", 0640);
+        // Starts a writer of k=`value` and signals it as soon as a temporary of its own exists;
+        // the temporaries then beside the file, and how the writer ended.
+        auto interrupt = [&](int value, int signal, int &exitCode) {
+            const std::set<std::string> before = temporaries();
+            pid_t pid = fork();
+            if (pid == 0) {
+                int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                dup2(null, 1);
+                dup2(null, 2);
+                execl(toolPath().c_str(), "telobackup-util", "config", "set", conf.c_str(), "s",
+                      ("k=" + std::to_string(value)).c_str(), nullptr);
+                _exit(127);
+            }
+            // Watched without reaping it, so that the signal cannot reach another process.
+            siginfo_t info = {};
+            while (temporaries().size() == before.size() &&
+                   waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0) {
+            }
+            kill(pid, signal);
+            exitCode = waitExitCode(pid);
+            return temporaries();
+        };
+        int stopped = 0;
+        for (int round = 1; round <= 6; ++round) {
+            const int signal = round % 3 == 0 ? SIGTERM : round % 3 == 1 ? SIGINT : SIGHUP;
+            int exitCode;
+            std::set<std::string> left = interrupt(round, signal, exitCode);
+            CHILD_CHECK(exitCode == 128 + signal || exitCode == 0);
+            stopped += exitCode == 128 + signal;
+            CHILD_CHECK(left.empty());
+            // The rewrite under way was finished before the signal took effect.
+            CHILD_CHECK_EQ("[s]\nk=" + std::to_string(round) + "\npad=\"" + pad + "\"\n",
+                           readFile(conf));
+            CHILD_CHECK_EQ(0640, fileMode(conf));
+        }
+        std::set<std::string> leftovers;
+        for (int round = 0; round < 3; ++round) {
+            int exitCode;
+            leftovers = interrupt(100 + round, SIGKILL, exitCode);
+        }
+        CHILD_CHECK(!leftovers.empty());
+        for (const std::string &name : leftovers) {
+            struct timespec old[2] = {{time(nullptr) - 11 * 60, 0}, {time(nullptr) - 11 * 60, 0}};
+            CHILD_CHECK(utimensat(AT_FDCWD, dir.file(name).c_str(), old, 0) == 0);
+        }
+        CHILD_CHECK_EQ(0, run({"config", "set", conf, "s", "k=7"}).exitCode);
+        for (const std::string &name : listDir(dir.path())) CHILD_CHECK(!isTemporaryOf(name, base));
+        printf("[ signals  ] %d of 6 writers ended by the signal after their rewrite, %zu killed "
+               "writers' temporaries removed by the next write\n",
+               stopped, leftovers.size());
+        fflush(stdout);
+    });
+}
+
+// An ACL an administrator gave the file (setfacl -m u:backup:r) survives every change the tool
+// makes to it.
+TEST_F(Tool, AclOfTheFileSurvivesItsChanges) {
+    const std::string setfacl = programPath("setfacl"), getfacl = programPath("getfacl");
+    if (setfacl.empty() || getfacl.empty()) GTEST_SKIP() << "setfacl and getfacl (package acl) are missing";
+    const struct passwd *backup = getpwnam("backup");
+    const std::string user = backup != nullptr ? "backup" : "34";
+    const std::string uid = backup != nullptr ? std::to_string(backup->pw_uid) : "34";
+    writeFile(conf, "[task1]\nk=1\n", 0640);
+    if (runCommand({setfacl, "-m", "u:" + user + ":r", conf}).exitCode != 0) {
+        GTEST_SKIP() << "the file system of " << dir.path() << " carries no ACLs";
+    }
+    const std::string acl = runCommand({getfacl, "--omit-header", "--numeric", conf}).out;
+    ASSERT_NE(std::string::npos, acl.find("user:" + uid + ":r--")) << acl;
+    IN_PRIVATE_TMP([&] {
+        const std::vector<Args> changes = {
+            {"config", "set", conf, "task1", "k=2"},   {"config", "set", conf, "task1", "j=1"},
+            {"config", "unset", conf, "task1", "k"},   {"config", "new", conf, "task", "k=3"},
+            {"config", "new", conf, "task", "--increasing"}, {"config", "delete", conf, "task2"},
+        };
+        for (const Args &args : changes) {
+            CHILD_CHECK_EQ(0, run(args).exitCode);
+            if (runCommand({getfacl, "--omit-header", "--numeric", conf}).out != acl) {
+                CHILD_FAIL(args[1] + " lost the ACL");
             }
         }
     });
@@ -327,6 +396,27 @@ TEST_F(Tool, PlantedLinksAndMissingKeysAreExplained) {
     });
 }
 
+// A secret that cannot be encrypted, the empty one included, is refused and nothing is stored;
+// an empty value is no secret to decrypt.
+TEST_F(Tool, SecretsThatCannotBeEncryptedAreNotStored) {
+    IN_PRIVATE_TMP([this] {
+        const std::string key = dir.file("secret.key");
+        writeFile(key, std::string(32, 'k'), 0644);
+        writeFile(conf, "[a]\npassword=\"\"\n");
+        for (const char *typed : {"\n", "s3cret\n"}) {
+            CommandResult r = run({"config", "set", conf, "a", "--secret", "password"}, typed);
+            CHILD_CHECK(r.exitCode == 7 &&
+                        r.err == "telobackup-util: cannot encrypt secret 'password': " + key +
+                                     " may be read or written by others: refused (chmod 600 it)\n");
+        }
+        CHILD_CHECK_EQ(std::string("[a]\npassword=\"\"\n"), readFile(conf));
+        CommandResult r = run({"config", "get", conf, "a", "password", "--secret"});
+        CHILD_CHECK(r.exitCode == 3 && r.out.empty() &&
+                    r.err == "telobackup-util: " + conf +
+                                 ": 'password' in [a] is not a secret (empty)\n");
+    });
+}
+
 // The dump reads the file once, yet each section comes out exactly as `get` prints it: every
 // kind of value, duplicate keys and sections, values that do not parse, names in byte order.
 TEST_F(Tool, DumpMatchesGetOfEverySection) {
@@ -409,7 +499,7 @@ TEST_F(Tool, FailedStandardOutputIsReported) {
         {4, {"template", dir.file("t"), "--vars", "{\"x\":1}"}},
         {4, {"--help"}},
         {4, {"volumes"}},
-        {4, {"--generate-man"}},
+        {4, {"--generate-bash-completion"}},
     };
     for (const auto &c : cases) {
         for (int fd : {full, pipeFds[1]}) {
@@ -512,6 +602,11 @@ TEST_F(Tool, ProbeFindsAListener) {
     Json::Value result = parse(out({"--json", "probe", "127.0.0.1", port}));
     EXPECT_TRUE(result["result"].asInt() == 0 && result["ip"].asString() == "127.0.0.1");
     close(listener);
+    // Nothing listens any more: the message gives the reason.
+    CommandResult refused = run({"probe", "127.0.0.1", port, "--timeout", "2"});
+    EXPECT_EQ(6, refused.exitCode);
+    EXPECT_EQ("telobackup-util: 127.0.0.1:" + port + ": refused or failed: Connection refused\n",
+              refused.err);
 }
 
 // The one volume of the mount table is a directory of the test: temporaries and sessions land
@@ -584,7 +679,11 @@ TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
     for (const Case &c : cases) {
         CommandResult r = run(c.args, "", c.env);
         EXPECT_EQ(c.exitCode, r.exitCode) << c.message;
-        EXPECT_EQ(0u, r.err.find("telobackup-util: " + c.message)) << r.err;
+        if (c.args[0] == "--json") {
+            EXPECT_EQ(0u, parse(r.err)["error"].asString().find(c.message)) << r.err;
+        } else {
+            EXPECT_EQ(0u, r.err.find("telobackup-util: " + c.message)) << r.err;
+        }
         EXPECT_EQ("", r.out);
     }
 
@@ -598,20 +697,11 @@ TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
     EXPECT_EQ(odd, parse(out({"--json", "volumes"}))["volumes"][0]["path"].asString());
 }
 
-TEST_F(Tool, HelpVersionManualAndCompletion) {
+TEST_F(Tool, HelpAndVersion) {
     for (Args args : {Args{"--help"}, Args{"config", "--help"}, Args{"config", "new", "--help"},
                       Args{"filter", "--help"}, Args{"session", "destroy", "--help"}}) {
         CommandResult r = run(args);
         EXPECT_TRUE(r.exitCode == 0 && r.out.find("Usage:") != std::string::npos) << args[0];
     }
     EXPECT_EQ(0u, out({"--version"}).find("telobackup-util "));
-    // Installed beside the tool: the manual page and the completion, from the same help text.
-    std::string prefix = TELO::Backup::Path::dirname(TELO::Backup::Path::dirname(toolPath()));
-    std::string man = readFile(prefix + "/share/man/man1/telobackup-util.1");
-    EXPECT_EQ(0u, man.find(".TH TELOBACKUP-UTIL 1"));
-    EXPECT_NE(std::string::npos, man.find("Create the section PREFIX<N>"));
-    std::string completion =
-        readFile(prefix + "/share/bash-completion/completions/telobackup-util");
-    EXPECT_NE(std::string::npos, completion.find("complete -F _telobackup_util telobackup-util"));
-    EXPECT_NE(std::string::npos, completion.find("\" config new\") commands="));
 }

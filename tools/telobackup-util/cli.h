@@ -3,8 +3,10 @@
 #define TELO_TOOLS_TELOBACKUP_UTIL_CLI_H
 
 #include <json/value.h>
+#include <signal.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 
@@ -29,20 +31,40 @@ enum ExitCode {
 // Text of the exit-code table, for --help and the man page.
 const char *exitCodeTable();
 
-// A failure of a command: one line for standard error and the exit code.
+// A failure of a command: a message for standard error (one line, or several for a refusal
+// that names lines of a file) and the exit code. `details`, an object or null, adds members to
+// the JSON form of the error.
 class CommandError : public std::runtime_error {
   public:
-    CommandError(int code, const std::string &message) : std::runtime_error(message), code_(code) {}
+    CommandError(int code, const std::string &message, Json::Value details = Json::Value())
+        : std::runtime_error(message), code_(code), details_(std::move(details)) {}
     int code() const { return code_; }
+    const Json::Value &details() const { return details_; }
 
   private:
     int code_;
+    Json::Value details_;
 };
 
 // Options shared by every command.
 struct Context {
-    bool json = false;  // machine-readable output
+    bool json = false;  // machine-readable output, and errors and notices as JSON objects
+    int exitCode = 0;   // of a command that succeeds but reports something (a dry run's change)
 };
+
+// Writes an error to standard error: "telobackup-util: <line>" for every line of `message`,
+// or, when `json` is set, the one line {"error":"<message>","exit":<code>,<details>...}.
+void printError(const std::string &message, int code, const Json::Value &details = Json::Value());
+// Writes a notice that is no failure (a warning, a wait) to standard error: the text after
+// "telobackup-util: ", or {"notice":"<text>"} under --json.
+void printNotice(const std::string &text);
+// Chooses the form of the two above for the rest of the run.
+void setJsonDiagnostics(bool json);
+
+// Sets the footer of `command` to `text` (may be empty) followed by its examples, each a
+// command line and a one-line comment.
+void setExamples(CLI::App *command, const std::string &text,
+                 std::initializer_list<std::pair<const char *, const char *>> examples);
 
 // Standard output of the commands goes through one buffer; a write that fails (a full disk,
 // a closed pipe) throws CommandError(kExitCannotWrite, "standard output: <reason>").
@@ -69,17 +91,25 @@ CommandError systemError(int code, const std::string &what);
 // destruction. Waits at most `waitSeconds` (negative: as long as it takes) and names the
 // process that holds it on standard error once after 2 s. Every failure is a CommandError with
 // exit code 5 that says why: the IPC tree, the lock file, the token, or who holds the lock.
+// While it is held, SIGTERM, SIGINT and SIGHUP are held back: a rewrite under way finishes or
+// fails and removes its temporary, and the signal takes effect when the lock is released. Once
+// it holds the lock, it removes the stale temporaries that killed writers left beside `file`.
 class ConfigLock {
   public:
-    ConfigLock(const std::string &token, double waitSeconds);
+    ConfigLock(const std::string &token, double waitSeconds, const std::string &file);
     ~ConfigLock();
     ConfigLock(const ConfigLock &) = delete;
     ConfigLock &operator=(const ConfigLock &) = delete;
     void release();
 
   private:
+    void holdSignals();
+    void letSignalsIn();
+
     std::string token_;
     int fd_ = -1;
+    bool signalsHeld_ = false;
+    sigset_t savedMask_;
 };
 
 // Why the IPC tree or its sub-directory `name` (of mode `mode`) cannot serve the caller, in
@@ -109,9 +139,10 @@ void addVolumesCommand(CLI::App &app, Context &context);
 void addTempCommands(CLI::App &app, Context &context);
 void addLogCommand(CLI::App &app, Context &context);
 
-// The manual page (roff) and the bash completion script, both made from the command tree.
-std::string manPage(const CLI::App &app);
+// The bash completion script, and a JSON description of every command with its options and
+// arguments (for the test that holds the manual page to the parser), both made from the tree.
 std::string bashCompletion(const CLI::App &app);
+std::string commandTree(const CLI::App &app);
 
 }  // namespace telocli
 

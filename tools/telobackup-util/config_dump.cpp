@@ -184,7 +184,7 @@ struct FileCloser {
 
 }  // namespace
 
-void dumpSections(const std::string &file) {
+void dumpSections(const std::string &file, const std::string &name) {
     // No link another user planted is followed, as for every other config command.
     TELO::Backup::internal::ConfigFile opened;
     std::unique_ptr<FILE, FileCloser> in;
@@ -192,10 +192,10 @@ void dumpSections(const std::string &file) {
         in.reset(fdopen(opened.fd.get(), "rb"));
         if (in) opened.fd.release();
     }
-    if (!in) throw fileError(kExitInvalidFile, file, file);
+    if (!in) throw fileError(kExitInvalidFile, name, file);
     Collector collector;
     if (!SectionConfig::parseFile(in.get(), Collector::onLine, &collector)) {
-        throw systemError(kExitInvalidFile, file);
+        throw systemError(kExitInvalidFile, name);
     }
     in.reset();
     collector.write();

@@ -13,10 +13,10 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 
 #include "cli.h"
+#include "internal/stale_temporaries.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/stringf.h"
@@ -105,8 +105,8 @@ int waitForLock(int fd, const std::string &token, double waitSeconds) {
         Clock::time_point now = Clock::now();
         if (!noticed && now >= start + kNoticeAfter) {
             std::string holder = lockHolder(fd);
-            std::cerr << "telobackup-util: waiting for the configuration lock " << token
-                      << ", held by " << (holder.empty() ? "another process" : holder) << "\n";
+            printNotice("waiting for the configuration lock " + token + ", held by " +
+                        (holder.empty() ? "another process" : holder));
             noticed = true;
         }
         if (bounded && now >= deadline) {
@@ -239,12 +239,15 @@ std::string keyProblem() {
             return key + " may be read or written by others: refused (chmod 600 it)";
         case TELO_ERR_CRYPTO:
             return "it was made under another key, or changed";
+        case TELO_ERR_SYSTEM:
+            return "the system's random source or the crypto library failed";
         default:
             return "cannot use the secret key " + key + " (see the system log)";
     }
 }
 
-ConfigLock::ConfigLock(const std::string &token, double waitSeconds) : token_(token) {
+ConfigLock::ConfigLock(const std::string &token, double waitSeconds, const std::string &file)
+    : token_(token) {
     int fd = Path::createIpcLockFile(token);
     if (fd < 0) {
         throw CommandError(kExitLockFailed,
@@ -256,6 +259,8 @@ ConfigLock::ConfigLock(const std::string &token, double waitSeconds) : token_(to
     }
     if (failure == 0) {
         fd_ = fd;
+        holdSignals();
+        TELO::Backup::internal::removeStaleTemporaries(file);
         return;
     }
     std::string holder = failure == ETIMEDOUT ? lockHolder(fd) : std::string();
@@ -272,14 +277,34 @@ ConfigLock::ConfigLock(const std::string &token, double waitSeconds) : token_(to
 
 ConfigLock::~ConfigLock() {
     if (fd_ >= 0) close(fd_);
+    letSignalsIn();
 }
 
 void ConfigLock::release() {
     int fd = fd_;
     fd_ = -1;
     bool unlocked = flock(fd, LOCK_UN) == 0;
+    int error = errno;
     close(fd);
+    letSignalsIn();
+    errno = error;
     if (!unlocked) throw systemError(kExitLockFailed, "cannot release the lock " + token_);
+}
+
+void ConfigLock::holdSignals() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ending, number);
+    signalsHeld_ = sigprocmask(SIG_BLOCK, &ending, &savedMask_) == 0;
+}
+
+// A signal that came meanwhile ends the tool here, with nothing of the rewrite left behind.
+void ConfigLock::letSignalsIn() {
+    if (!signalsHeld_) return;
+    signalsHeld_ = false;
+    int saved = errno;
+    sigprocmask(SIG_SETMASK, &savedMask_, nullptr);
+    errno = saved;
 }
 
 }  // namespace telocli

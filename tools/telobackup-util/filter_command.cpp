@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <set>
 
 #include "cli.h"
 #include "internal/eintr.h"
@@ -23,12 +24,45 @@ struct FilterArgs {
     std::string rule = "include-wins";
     bool printExcluded = false;
     bool nulSeparated = false;
+    bool quiet = false;
 };
 
 constexpr size_t kMaxPatternFile = 64 << 20;
 
+// True when `pattern` can match a path that begins with "/": past the single stars it may begin
+// with (each may match nothing), it begins with "/" (or "\/") or with "**".
+bool canMatchAbsolutePath(const std::string &pattern) {
+    size_t i = 0;
+    while (i < pattern.size() && pattern[i] == '*') {
+        if (i + 1 < pattern.size() && pattern[i + 1] == '*') return true;
+        ++i;
+    }
+    if (i < pattern.size() && pattern[i] == '/') return true;
+    return pattern.compare(i, 2, "\\/") == 0;
+}
+
+// Other tools match "*.tmp" in every directory; here it never matches an absolute path. Says so
+// once for each such pattern.
+class PatternWarnings {
+  public:
+    explicit PatternWarnings(bool quiet) : quiet_(quiet) {}
+
+    void check(const std::string &pattern) {
+        if (quiet_ || canMatchAbsolutePath(pattern) || !warned_.insert(pattern).second) return;
+        bool slash = pattern.find('/') != std::string::npos;
+        printNotice("`" + pattern + "` matches only paths " +
+                    (slash ? "that do not begin with a slash" : "without a slash") +
+                    "; for every directory write `/**/" + pattern + "`");
+    }
+
+  private:
+    bool quiet_;
+    std::set<std::string> warned_;
+};
+
 // Adds the patterns of a pattern file (see pattern_file.h); a pipe is read as well as a file.
-void addPatternFile(const std::string &path, TELO::Backup::PathFilter &filter) {
+void addPatternFile(const std::string &path, TELO::Backup::PathFilter &filter,
+                    PatternWarnings &warnings) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw systemError(errno == ENOENT ? kExitNotFound : kExitInvalidFile, path);
     std::string text;
@@ -47,6 +81,7 @@ void addPatternFile(const std::string &path, TELO::Backup::PathFilter &filter) {
         throw CommandError(kExitInvalidFile, path + ":" + std::to_string(line) + ": " + error);
     }
     for (const PatternEntry &entry : entries) {
+        warnings.check(entry.pattern);
         switch (entry.kind) {
             case PatternEntry::kPrior:
                 filter.addPriorIncludePattern(entry.pattern);
@@ -124,10 +159,14 @@ void decideStandardInput(Decider &decider, char separator) {
 
 void run(const FilterArgs &args, const Context &context) {
     TELO::Backup::PathFilter filter;
+    PatternWarnings warnings(args.quiet);
+    for (const auto *list : {&args.priorIncludes, &args.includes, &args.excludes}) {
+        for (const std::string &p : *list) warnings.check(p);
+    }
     for (const std::string &p : args.priorIncludes) filter.addPriorIncludePattern(p);
     for (const std::string &p : args.includes) filter.addIncludePattern(p);
     for (const std::string &p : args.excludes) filter.addExcludePattern(p);
-    if (!args.fromFile.empty()) addPatternFile(args.fromFile, filter);
+    if (!args.fromFile.empty()) addPatternFile(args.fromFile, filter, warnings);
     Decider decider(filter, args, context);
     if (args.paths.empty()) {
         decideStandardInput(decider, args.nulSeparated ? '\0' : '\n');
@@ -163,11 +202,22 @@ void addFilterCommand(CLI::App &app, Context &context) {
                       "Print the excluded paths instead of the kept ones");
     command->add_flag("-0,--null", args->nulSeparated,
                       "Paths are NUL-terminated on input and output");
+    command->add_flag("--quiet", args->quiet,
+                      "No warning for a pattern that cannot match an absolute path");
     command->add_option("PATH", args->paths, "Paths to decide (default: standard input)");
-    command->footer(
+    setExamples(
+        command,
         "Patterns: ? is any byte but /, * any run without /, ** (two or more stars) any run with "
         "/, \\ makes the next byte literal; a pattern matches the whole path, so write "
-        "/**/*.tmp rather than *.tmp. --json prints {\"path\":...,\"kept\":...} for every path.");
+        "/**/*.tmp rather than *.tmp (a pattern that cannot match an absolute path is warned "
+        "about). --json prints {\"path\":...,\"kept\":...} for every path.",
+        {{"find /srv/photos | telobackup-util filter --exclude '/**/*.tmp'",
+          "the paths a backup of /srv/photos keeps"},
+         {"telobackup-util filter --exclude '/srv/video/**' --include '/srv/video/Family/**' "
+          "/srv/video/Family/a.mkv",
+          "an include is an exception to the excludes"},
+         {"find /srv -print0 | telobackup-util filter -0 --from-file rules.tsv --print-excluded",
+          "what the rules leave out, NUL-separated"}});
     command->callback([args, &context] { run(*args, context); });
 }
 

@@ -24,15 +24,28 @@ namespace telocli {
 
 const char *exitCodeTable() {
     return "Exit status:\n"
-           "  0  success\n"
-           "  1  not found (file, section, key, share, session, volume)\n"
+           "  0  success (--dry-run: nothing would change)\n"
+           "  1  not found (file, section, key, share, session, volume, a tag under\n"
+           "     template --strict); --dry-run: something would change\n"
            "  2  usage error (unknown option, bad JSON, bad name)\n"
-           "  3  invalid file (exists but cannot be read as expected)\n"
+           "  3  invalid file (exists but cannot be read as expected, or a rewrite would lose\n"
+           "     lines of it)\n"
            "  4  cannot write (a file could not be created or rewritten, or standard output\n"
            "     failed)\n"
            "  5  lock not obtained\n"
            "  6  unreachable (no address of the host accepted a connection)\n"
            "  7  other failure\n";
+}
+
+void setExamples(CLI::App *command, const std::string &text,
+                 std::initializer_list<std::pair<const char *, const char *>> examples) {
+    std::string footer = text;
+    if (!footer.empty() && footer.back() != '\n') footer += '\n';
+    footer += (footer.empty() ? "" : "\n") + std::string("Examples:\n");
+    for (const auto &example : examples) {
+        footer += std::string("  $ ") + example.first + "\n      " + example.second + "\n";
+    }
+    command->footer(footer);
 }
 
 CommandError systemError(int code, const std::string &what) {
@@ -69,8 +82,7 @@ std::string unknownSubcommand(const CLI::App &app, int argc, char **argv) {
             for (size_t n = 0; n < all.size(); ++n) {
                 known += (n == 0 ? "" : n + 1 == all.size() ? " or " : ", ") + all[n]->get_name();
             }
-            return "telobackup-util: unknown " + path + "command '" + word + "' (expected " +
-                   known + ")";
+            return "unknown " + path + "command '" + word + "' (expected " + known + ")";
         }
         command = named.front();
         path += word + " ";
@@ -88,17 +100,32 @@ int finishOutput(int code) {
     try {
         flushOut();
     } catch (const CommandError &e) {
-        std::cerr << "telobackup-util: " << e.what() << "\n";
+        printError(e.what(), e.code());
         if (code == kExitOk) code = e.code();
     }
     errno = 0;
     std::cout.flush();
     if (fflush(stdout) != 0 || ferror(stdout) || !std::cout) {
-        std::cerr << "telobackup-util: standard output: "
-                  << (errno != 0 ? strerror(errno) : "write error") << "\n";
+        printError(std::string("standard output: ") + (errno != 0 ? strerror(errno) : "write error"),
+                   kExitCannotWrite);
         if (code == kExitOk) code = kExitCannotWrite;
     }
     return code;
+}
+
+// Takes every --json out of the words before "--", so that it may stand after a subcommand as
+// well as before it; true when there was one.
+bool takeJsonFlag(std::vector<char *> &words) {
+    bool json = false;
+    for (size_t i = 1; i < words.size() && strcmp(words[i], "--") != 0;) {
+        if (strcmp(words[i], "--json") == 0) {
+            json = true;
+            words.erase(words.begin() + static_cast<std::ptrdiff_t>(i));
+        } else {
+            ++i;
+        }
+    }
+    return json;
 }
 
 int run(int argc, char **argv) {
@@ -107,16 +134,26 @@ int run(int argc, char **argv) {
         "with encrypted secrets and identifiers, path filters, templates, connectivity "
         "probes, shares, volumes, temporaries, sessions and the application log.",
         "telobackup-util");
-    app.footer(exitCodeTable());
+    setExamples(&app, exitCodeTable(),
+                {{"telobackup-util config get tasks.conf task1", "print a section as JSON"},
+                 {"find /srv | telobackup-util filter --exclude '/**/*.tmp'",
+                  "the paths a backup keeps"},
+                 {"telobackup-util config get tasks.conf task1 --json", "errors as JSON too"}});
     app.set_version_flag("--version", "telobackup-util " TELOBACKUP_VERSION);
     app.require_subcommand(1);
     Context context;
-    app.add_flag("--json", context.json,
-                 "Machine-readable output (JSON) where it makes sense: one JSON text per line, "
-                 "bytes that are not valid UTF-8 written as \\u00XX of the byte");
-    bool man = false, completion = false;
-    app.add_flag("--generate-man", man)->group("");
+    std::vector<char *> words(argv, argv + argc);
+    context.json = takeJsonFlag(words);
+    setJsonDiagnostics(context.json);
+    bool jsonFlag = false;  // only for --help: the words were taken out above
+    app.add_flag("--json", jsonFlag,
+                 "Machine-readable output (JSON), before or after the command: one JSON text per "
+                 "line, bytes that are not valid UTF-8 written as \\u00XX of the byte; errors "
+                 "and notices on standard error as {\"error\":...,\"exit\":N} and "
+                 "{\"notice\":...}");
+    bool completion = false, tree = false;
     app.add_flag("--generate-bash-completion", completion)->group("");
+    app.add_flag("--generate-tree", tree)->group("");
 
     addConfigCommand(app, context);
     addFilterCommand(app, context);
@@ -128,19 +165,19 @@ int run(int argc, char **argv) {
     addLogCommand(app, context);
 
     // The generators need the tree but no subcommand.
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--generate-man") == 0) {
-            std::cout << manPage(app);
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (strcmp(words[i], "--generate-bash-completion") == 0) {
+            std::cout << bashCompletion(app);
             return kExitOk;
         }
-        if (strcmp(argv[i], "--generate-bash-completion") == 0) {
-            std::cout << bashCompletion(app);
+        if (strcmp(words[i], "--generate-tree") == 0) {
+            std::cout << commandTree(app);
             return kExitOk;
         }
     }
 
     try {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(words.size()), words.data());
     } catch (const CLI::CallForHelp &e) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp &e) {
@@ -148,21 +185,22 @@ int run(int argc, char **argv) {
     } catch (const CLI::CallForVersion &e) {
         return app.exit(e);
     } catch (const CLI::ParseError &e) {
-        std::string unknown = unknownSubcommand(app, argc, argv);
-        std::cerr << (unknown.empty() ? "telobackup-util: " + std::string(e.what()) : unknown)
-                  << "\nRun with --help for usage.\n";
+        std::string unknown = unknownSubcommand(app, static_cast<int>(words.size()), words.data());
+        std::string message = unknown.empty() ? std::string(e.what()) : unknown;
+        printError(message, kExitUsage);
+        if (!context.json) std::cerr << "Run with --help for usage.\n";
         return kExitUsage;
     } catch (const CommandError &e) {
         // What the command printed before it failed goes out first.
         int code = finishOutput(e.code());
-        std::cerr << "telobackup-util: " << e.what() << "\n";
+        printError(e.what(), e.code(), e.details());
         return code;
     } catch (const std::exception &e) {
         finishOutput(kExitFailed);
-        std::cerr << "telobackup-util: " << e.what() << "\n";
+        printError(e.what(), kExitFailed);
         return kExitFailed;
     }
-    return kExitOk;
+    return context.exitCode;
 }
 
 }  // namespace

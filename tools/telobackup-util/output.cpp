@@ -1,7 +1,9 @@
-// Standard output of the tool: one buffer, written in large pieces, whose failures are reported.
+// Standard output of the tool: one buffer, written in large pieces, whose failures are reported;
+// and its errors and notices on standard error, as text or as JSON objects.
 #include <unistd.h>
 
 #include <cstring>
+#include <iostream>
 #include <memory>
 
 #include "cli.h"
@@ -121,6 +123,43 @@ void printJson(const Json::Value &value) {
 void printLine(const std::string &text) {
     writeOut(text.data(), text.size());
     writeOut("\n", 1);
+}
+
+namespace {
+bool jsonDiagnostics = false;
+}
+
+void setJsonDiagnostics(bool json) {
+    jsonDiagnostics = json;
+}
+
+void printError(const std::string &message, int code, const Json::Value &details) {
+    if (jsonDiagnostics) {
+        Json::Value error = details.isObject() ? details : Json::Value(Json::objectValue);
+        error["error"] = message;
+        error["exit"] = code;
+        std::cerr << jsonText(error) << std::endl;
+        return;
+    }
+    std::string text;
+    size_t start = 0;
+    do {
+        size_t end = message.find('\n', start);
+        if (end == std::string::npos) end = message.size();
+        text += "telobackup-util: " + message.substr(start, end - start) + "\n";
+        start = end + 1;
+    } while (start < message.size());
+    std::cerr << text << std::flush;
+}
+
+void printNotice(const std::string &text) {
+    if (jsonDiagnostics) {
+        Json::Value notice;
+        notice["notice"] = text;
+        std::cerr << jsonText(notice) << std::endl;
+    } else {
+        std::cerr << "telobackup-util: " << text << std::endl;
+    }
 }
 
 }  // namespace telocli

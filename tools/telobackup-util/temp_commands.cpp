@@ -104,11 +104,17 @@ void runSessionPath(const TempArgs &args, const Context &context) {
     printPath(context, "path", path);
 }
 
-void runSessionDestroy(const TempArgs &args, const Context &) {
+void runSessionDestroy(const TempArgs &args, const Context &context) {
     if (!TELO::Backup::Session::destroyById(args.id)) {
         std::string problem = ipcTreeProblem("session", 0700);
         throw CommandError(kExitFailed, "cannot destroy session '" + args.id + "': " +
                                             (problem.empty() ? "see the system log" : problem));
+    }
+    if (context.json) {
+        Json::Value out;
+        out["changed"] = true;
+        out["id"] = args.id;
+        printJson(out);
     }
 }
 

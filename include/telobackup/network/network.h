@@ -7,6 +7,7 @@
 #ifndef TELOBACKUP_NETWORK_NETWORK_H
 #define TELOBACKUP_NETWORK_NETWORK_H
 
+#include <functional>
 #include <string>
 
 #include "telobackup/export.h"
@@ -26,7 +27,10 @@ class TELO_EXPORT Net {
     // "Socket error: 111, Connection refused" followed by "[10.0.0.9:873] isn't connected",
     // or "bad parameter". A wait interrupted by a signal is restarted with the full timeout,
     // three waits at most ("select() error, Interrupted system call" after the third).
-    // errno is left as the failing call set it.
+    // errno after a failure says why: the socket's error for a refused, reset or unreachable
+    // connection (ECONNREFUSED, ECONNRESET, EHOSTUNREACH, ...), ETIMEDOUT for -2, EINVAL for a
+    // bad parameter, ENOENT when getaddrinfo finds no address (EAGAIN for a temporary failure),
+    // ENOTCONN when the socket is neither readable nor writable, else the failing call's own.
     static int testIpAndPortConnect(const char *host, int port, int timeoutSec);
 
     // `addr` itself when it is an IPv4 or IPv6 literal (not checked further); otherwise the
@@ -42,9 +46,29 @@ class TELO_EXPORT Net {
     // so the total time may pass the budget by one try.
     // Returns 0 on success; otherwise the last try's result (-1 or -2), -3 when the name
     // cannot be resolved (logged as by getIpFromAddr), -4 when the monotonic clock cannot be
-    // read (logs "clock_gettime failed [<%m>]"). `ip` changes only on success.
+    // read (logs "clock_gettime failed [<%m>]"). `ip` changes only on success. errno after a
+    // failure is that of the last try (see testIpAndPortConnect), ENOENT after -3, the clock's
+    // after -4, so strerror(errno) gives the reason:
+    //     std::string ip;
+    //     if (Net::getAvailableIp("backup.example.org", 873, 5, 20, ip) != 0)
+    //         fprintf(stderr, "unreachable: %s\n", strerror(errno));  // "Connection refused"
     static int getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
                               std::string &ip);
+
+    // What getAvailableIp reports of each try, for a caller that shows its progress; either
+    // member may be empty. Both are called on the caller's thread, inside the call.
+    struct ProbeObserver {
+        // Before a candidate address is tried.
+        std::function<void(const std::string &address)> trying;
+        // After the try: its result (0, -1 or -2 as testIpAndPortConnect gives them) and the
+        // errno it left (ECONNREFUSED for a refused connection).
+        std::function<void(const std::string &address, int result, int error)> tried;
+    };
+
+    // getAvailableIp(addr, port, timeoutSec, totalSec, ip) that tells `observer` of every try
+    // it makes; results, logs and errno are the same.
+    static int getAvailableIp(const std::string &addr, int port, int timeoutSec, int totalSec,
+                              std::string &ip, const ProbeObserver &observer);
 
     // As above with a budget derived from `timeoutSec` and the number n of candidates: each
     // try gets timeoutSec / n seconds and the whole timeoutSec when that share exceeds 15

@@ -34,6 +34,12 @@ class TELO_EXPORT PathFilter {
     ~PathFilter();
     PathFilter(const PathFilter &) = delete;
     PathFilter &operator=(const PathFilter &) = delete;
+    // Hands the compiled patterns over without copying them. The moved-from filter may only be
+    // destroyed or assigned to.
+    //     PathFilter homeFilter() { PathFilter f; f.addExcludePattern("/home/*/.cache/**");
+    //                               return f; }
+    PathFilter(PathFilter &&other) noexcept;
+    PathFilter &operator=(PathFilter &&other) noexcept;
 
     // Appends one pattern to its list. Always returns true.
     bool addIncludePattern(const std::string &pattern);
@@ -49,11 +55,16 @@ class TELO_EXPORT PathFilter {
     // True when `path` is to be left out: false when a prior include or an include pattern
     // matches, else true when an exclude pattern matches, else false. Includes are exceptions
     // to the exclusions; with no patterns at all nothing is left out.
-    bool filterOut(const std::string &path);
+    bool filterOut(const std::string &path) const;
 
     // True when `path` is to be left out: false when a prior include pattern matches, else true
     // when an exclude pattern matches, else false only when an include pattern matches.
     // Exclusions win over includes, and with an empty include list everything is left out.
+    bool filterOutIncludeException(const std::string &path) const;
+
+    // The same two decisions for callers built against the first release, which had them
+    // non-const; they give the same results.
+    bool filterOut(const std::string &path);
     bool filterOutIncludeException(const std::string &path);
 
     // Empties the include and the exclude list. Prior include patterns stay: only destroying

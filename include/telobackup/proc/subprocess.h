@@ -56,6 +56,27 @@ struct PipeFile {
     ScopedTempSigHandler sigpipeGuard;
 };
 
+// Which step of a launch failed, so that a program that could not be run is told apart from a
+// program that ran and exited 127. Filled by the overloads of call() and callNoWait() that take
+// one.
+struct LaunchFailure {
+    enum Step {
+        kNone,        // the program was started (it may still have failed on its own)
+        kFork,        // no child could be made; the call returned -1
+        kDevNull,     // the child could not open /dev/null
+        kOpenStream,  // a redirection's file could not be opened (`stream` says which)
+        kModeStream,  // an output file's mode could not be set with fchmod (`stream`)
+        kDupStream,   // a descriptor could not be put on a standard stream (`stream`)
+        kArguments,   // the argument array could not be allocated
+        kExec,        // execve failed: a missing program, no permission, a bad interpreter
+        kUnobserved,  // standard input is a FIFO: the launch does not wait for the exec, so a
+                      // failure shows only as exit code 127 and the child's own log lines
+    };
+    Step step = kNone;
+    int error = 0;    // errno of the failing step, 0 for kNone and kUnobserved
+    int stream = -1;  // 0, 1 or 2 for the steps on a stream, else -1
+};
+
 class SubProcessPrivate;
 
 class TELO_EXPORT SubProcess {
@@ -73,6 +94,12 @@ class TELO_EXPORT SubProcess {
     ~SubProcess();
     SubProcess(const SubProcess &) = delete;
     SubProcess &operator=(const SubProcess &) = delete;
+    // Hands the prepared arguments, environment and redirections over; programs already
+    // started are not affected. The moved-from object may only be destroyed or assigned to.
+    //     SubProcess rsyncTo(const std::string &dest) { SubProcess p("/usr/bin/rsync");
+    //                                                   p.addArg(dest); return p; }
+    SubProcess(SubProcess &&other) noexcept;
+    SubProcess &operator=(SubProcess &&other) noexcept;
 
     // Appends one argument.
     void addArg(const std::string &arg);
@@ -115,6 +142,16 @@ class TELO_EXPORT SubProcess {
     // caller had installed; the call still waits for the program's end. The SIGCHLD flags and
     // the SIGTERM disposition are as before when it returns. See the preconditions above.
     int call() const;
+    // As call(), and fills `failure` with the step that kept the program from running, with
+    // its errno; kNone when the program ran, so a status of 127 << 8 is then its own.
+    //     LaunchFailure why;
+    //     int status = SubProcess("/usr/bin/rsync").call(why);
+    //     if (why.step == LaunchFailure::kExec)
+    //         fprintf(stderr, "cannot run rsync: %s\n", strerror(why.error));  // ENOENT, EACCES
+    // Logs and results exactly as call(); a call that returns -1 before the fork leaves
+    // `failure` at kNone.
+    int call(LaunchFailure &failure) const;
+
     // Starts the program as a grandchild that is re-parented to init and never waited for;
     // in a new session when `newSession`. True when the grandchild was started; false after
     // logging "fork failed, %m". Also true, after logging "remove SA_RESTART failed, %m", when
@@ -125,6 +162,9 @@ class TELO_EXPORT SubProcess {
     // standard stream listed there is left as the caller has it instead of being redirected.
     // Every other descriptor is closed in the child. -1 after logging "fork failed, %m".
     int callNoWait(const std::set<int> &keepFds) const;
+    // As callNoWait(), and fills `failure` as call(LaunchFailure &) does. A child whose step
+    // failed has already ended with exit code 127 when this returns; the caller still reaps it.
+    int callNoWait(const std::set<int> &keepFds, LaunchFailure &failure) const;
     // Turns the calling process into the program: working directory "/", the environment,
     // streams and descriptors as for the other calls (the standard streams are redirected and
     // every other descriptor is closed first). Returns only when the program could not be
@@ -143,9 +183,9 @@ class TELO_EXPORT SubProcess {
     // Closes the stream (the child sees end of file), frees the handle and collects child
     // `pid` the moment it ends, waiting up to 0.5 s (on a pidfd of the child, which is closed
     // again; where the kernel has none, by checking every 5 ms), then sends SIGTERM and checks
-    // once more without waiting. Returns the raw wait status; -1 for pid -1, when waiting fails or when the child
-    // is still there after SIGTERM (logged as "waitpid [pid] return [result]"; the child is then
-    // left for the caller to reap). A null `pipe` is allowed.
+    // once more without waiting. Returns the raw wait status; -1 for pid -1, when waiting fails or
+    // when the child is still there after SIGTERM (logged as "waitpid [pid] return [result]"; the
+    // child is then left for the caller to reap). A null `pipe` is allowed.
     static int callPipeClose(PipeFile *pipe, int pid);
     // fread from the conversation; 0 without reading when `size` is 0. `pipe` must not be
     // null.

@@ -41,6 +41,12 @@ class TELO_EXPORT ScopedTempFile {
 
     ScopedTempFile(const ScopedTempFile &) = delete;
     ScopedTempFile &operator=(const ScopedTempFile &) = delete;
+    // Hands the file and its descriptor over; the moved-from object owns nothing, as after
+    // ScopedTempFile(0). Assignment first closes and removes what this object owned, as the
+    // destructor does (errno preserved).
+    //     ScopedTempFile spool() { return ScopedTempFile("/var/tmp/spool", false); }
+    ScopedTempFile(ScopedTempFile &&other) noexcept;
+    ScopedTempFile &operator=(ScopedTempFile &&other) noexcept;
 
     // Removes whatever the object owned, then creates a file from `templ` (rules above).
     // A name whose last component is too long for the file system (ENAMETOOLONG) and that does
@@ -110,6 +116,10 @@ class TELO_EXPORT ScopedTempFolder {
 
     ScopedTempFolder(const ScopedTempFolder &) = delete;
     ScopedTempFolder &operator=(const ScopedTempFolder &) = delete;
+    // Hands the directory over; the moved-from object owns nothing. Assignment first removes
+    // the tree this object owned, as the destructor does (errno preserved).
+    ScopedTempFolder(ScopedTempFolder &&other) noexcept;
+    ScopedTempFolder &operator=(ScopedTempFolder &&other) noexcept;
 
     // Removes whatever the object owned, then creates a directory from `templ` (rules above;
     // names are never shortened). Failure: false, errno from the failing call; only a failing
@@ -156,6 +166,9 @@ class TELO_EXPORT ScopedVolumeTempFile : public ScopedTempFile {
   public:
     ScopedVolumeTempFile(std::shared_ptr<FilterVolume> filter, const std::string &name,
                          bool closeNow);
+    // Movable as ScopedTempFile.
+    ScopedVolumeTempFile(ScopedVolumeTempFile &&other) noexcept = default;
+    ScopedVolumeTempFile &operator=(ScopedVolumeTempFile &&other) noexcept = default;
 };
 
 // The same for a directory: <directory>/<name>(.XXXXXX), default name
@@ -163,6 +176,9 @@ class TELO_EXPORT ScopedVolumeTempFile : public ScopedTempFile {
 class TELO_EXPORT ScopedVolumeTempFolder : public ScopedTempFolder {
   public:
     ScopedVolumeTempFolder(std::shared_ptr<FilterVolume> filter, const std::string &name);
+    // Movable as ScopedTempFolder.
+    ScopedVolumeTempFolder(ScopedVolumeTempFolder &&other) noexcept = default;
+    ScopedVolumeTempFolder &operator=(ScopedVolumeTempFolder &&other) noexcept = default;
 };
 
 // Factories of the volume filters, each a new filter built with the same arguments.

@@ -1,0 +1,97 @@
+// The scene of the end-to-end tests of the installed telobackup-util: a directory of the test's
+// own holding everything the tool touches (configuration files, the secret key, the application
+// log, a mount table whose one volume is a directory of the test), and the ways to run the tool.
+#ifndef TELO_TESTS_TOOLS_TOOL_FIXTURE_H
+#define TELO_TESTS_TOOLS_TOOL_FIXTURE_H
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "telobackup/json_text.h"
+
+using namespace testsupport;
+using Args = std::vector<std::string>;
+
+inline std::string toolPath() {
+    const char *path = getenv("TELO_INSTALLED_TOOL");
+    return path != nullptr ? path : "";
+}
+
+inline Json::Value parse(const std::string &text) {
+    Json::Value value;
+    EXPECT_TRUE(TELO::Backup::jsonFromString(value, text)) << text;
+    return value;
+}
+
+// A scenario of the tool in a directory of its own.
+class Tool : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (toolPath().empty()) GTEST_SKIP() << "TELO_INSTALLED_TOOL is not set";
+        mkdir(dir.file("vol").c_str(), 0755);
+        writeFile(dir.file("mountinfo"),
+                  "20 1 8:1 / " + dir.file("vol") + " rw - ext4 /dev/sdz1 rw\n");
+        writeFile(dir.file("shares.conf"), "[photos]\npath=\"" + dir.file("vol/photos") + "\"\n");
+    }
+
+    // Runs the tool with its standard output on `stdoutFd`; standard error is captured.
+    CommandResult runWithOutput(int stdoutFd, Args args) {
+        args.insert(args.begin(), toolPath());
+        std::string errors = dir.file("stderr.txt");
+        pid_t pid = fork();
+        if (pid == 0) {
+            int err = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (err < 0 || dup2(stdoutFd, 1) != 1 || dup2(err, 2) != 2) _exit(126);
+            std::vector<char *> argv;
+            for (std::string &arg : args) argv.push_back(&arg[0]);
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        CommandResult result;
+        result.exitCode = waitExitCode(pid);
+        result.err = readFile(errors);
+        return result;
+    }
+
+    CommandResult run(Args args, const std::string &input = "",
+                      const std::map<std::string, std::string> &changed = {}) {
+        args.insert(args.begin(), toolPath());
+        std::map<std::string, std::string> env = {{"TELO_SECRET_KEY_FILE", dir.file("secret.key")},
+                                                  {"TELO_LOGFILE", dir.file("app.log")},
+                                                  {"TELO_SHARES_CONF", dir.file("shares.conf")},
+                                                  {"TELO_MOUNTINFO", dir.file("mountinfo")}};
+        for (const auto &kv : changed) env[kv.first] = kv.second;
+        return runCommand(args, input, env);
+    }
+    std::string out(const Args &args, const std::string &input = "") {
+        return run(args, input).out;
+    }
+
+    TempDir dir;
+    std::string conf = dir.file("tasks.conf");
+};
+
+// Runs a scenario in a child with a private /tmp when the machine allows it, else in a plain
+// child.
+#define IN_PRIVATE_TMP(...)                                                                   \
+    do {                                                                                      \
+        std::function<void()> body_ = __VA_ARGS__;                                            \
+        ChildResult result_ = runInChild(ChildOptions{.privateTmp = true}, body_);            \
+        if (result_.skipped) result_ = runInChild(body_);                                     \
+        EXPECT_TRUE(result_.ok()) << result_.message << " (status " << result_.status << ")"; \
+    } while (0)
+
+
+#endif

@@ -1,0 +1,182 @@
+// End-to-end tests of the installed telobackup-util's rewrites: lines it would lose are refused
+// and named, --dry-run shows the diff and changes nothing, and a dump imports back as it was.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "tools/tool_fixture.h"
+
+namespace {
+
+// A file with every kind of line a rewrite of [s] would lose: a value that is not JSON, an
+// earlier duplicate of a key, and a second copy of the section with keys of its own.
+const char kForeign[] =
+    "# top\n"
+    "[s]\n"
+    "plain = hello world\n"
+    "k=1\n"
+    "k=2\n"
+    "# inside\n"
+    "[t]\n"
+    "x=1\n"
+    "[s]\n"
+    "m=\"z\"\n";
+
+}  // namespace
+
+TEST_F(Tool, RewritesThatWouldLoseLinesAreRefused) {
+    writeFile(conf, kForeign);
+    CommandResult r = run({"config", "set", conf, "s", "n=3"});
+    EXPECT_EQ(3, r.exitCode);
+    EXPECT_EQ("telobackup-util: refusing to rewrite " + conf +
+                  ": [s] appears 2 times and only its first copy's keys are kept; these lines "
+                  "would be lost:\n"
+                  "telobackup-util: " + conf + ":3: plain = hello world\n"
+                  "telobackup-util: " + conf + ":4: k=1\n"
+                  "telobackup-util: " + conf + ":10: m=\"z\"\n"
+                  "telobackup-util: store plain text with --string KEY=TEXT, merge the copies "
+                  "first, or accept the loss with --force\n",
+              r.err);
+    EXPECT_EQ(kForeign, readFile(conf));
+    // The same refusal as one JSON object, the lines as data.
+    r = run({"--json", "config", "unset", conf, "s", "k"});
+    EXPECT_EQ(3, r.exitCode);
+    Json::Value error = parse(r.err);
+    ASSERT_EQ(2u, error["lines"].size()) << r.err;  // k is removed on purpose
+    EXPECT_EQ(3, error["lines"][0]["line"].asInt());
+    EXPECT_EQ("m=\"z\"", error["lines"][1]["text"].asString());
+    EXPECT_EQ(kForeign, readFile(conf));
+    // Another section of the file is rewritten without a word.
+    EXPECT_EQ(0, run({"config", "set", conf, "t", "x=2"}).exitCode);
+    // Replacing what would be lost is no loss; --force accepts the rest.
+    writeFile(conf, "[s]\nplain = hello world\nk=1\n");
+    EXPECT_EQ(0, run({"config", "set", conf, "s", "--string", "plain=hello world"}).exitCode);
+    EXPECT_EQ("[s]\nk=1\nplain=\"hello world\"\n", readFile(conf));
+    writeFile(conf, kForeign);
+    r = run({"config", "set", conf, "s", "n=3", "--force"});
+    EXPECT_EQ(0, r.exitCode) << r.err;
+    EXPECT_EQ("# top\n[s]\nk=2\nn=3\n# inside\n[t]\nx=1\n[s]\nk=2\nn=3\n", readFile(conf));
+}
+
+TEST_F(Tool, DryRunPrintsTheDiffAndChangesNothing) {
+    mkdir(dir.file("tmp").c_str(), 0700);
+    const std::map<std::string, std::string> env = {{"TMPDIR", dir.file("tmp")}};
+    const std::string text = "# tasks\n[a]\nx=1\n# kept\n[b]\ny=2\n";
+    writeFile(conf, text);
+    CommandResult r = run({"config", "set", conf, "a", "x=5", "z=true", "--dry-run"}, "", env);
+    EXPECT_EQ(1, r.exitCode) << r.err;
+    EXPECT_EQ("--- " + conf + "\n+++ " + conf + "\n@@ -1,6 +1,7 @@\n # tasks\n [a]\n-x=1\n+x=5\n"
+              "+z=true\n # kept\n [b]\n y=2\n",
+              r.out);
+    // Nothing that would not change is a diff, exit 0.
+    r = run({"config", "set", conf, "b", "y=2", "--dry-run"}, "", env);
+    EXPECT_EQ(0, r.exitCode) << r.err;
+    EXPECT_EQ("", r.out);
+    // delete takes the comments inside the section with it.
+    r = run({"--json", "config", "delete", conf, "a", "--dry-run"}, "", env);
+    EXPECT_EQ(1, r.exitCode) << r.err;
+    Json::Value result = parse(r.out);
+    EXPECT_TRUE(result["changed"].asBool());
+    EXPECT_EQ("--- " + conf + "\n+++ " + conf + "\n@@ -1,6 +1,3 @@\n # tasks\n-[a]\n-x=1\n"
+              "-# kept\n [b]\n y=2\n",
+              result["diff"].asString());
+    // A file that new would create is a diff from nothing, and is not created.
+    const std::string fresh = dir.file("fresh.conf");
+    r = run({"config", "new", fresh, "task", "--dry-run", "n=1"}, "", env);
+    EXPECT_EQ(1, r.exitCode) << r.err;
+    EXPECT_EQ("--- " + fresh + "\n+++ " + fresh + "\n@@ -0,0 +1,2 @@\n+[task1]\n+n=1\n", r.out);
+    EXPECT_NE(0, access(fresh.c_str(), F_OK));
+    // A refusal and a failure are what they would be, naming the file and not the copy.
+    r = run({"config", "unset", conf, "nosuch", "x", "--dry-run"}, "", env);
+    EXPECT_EQ(1, r.exitCode);
+    EXPECT_EQ("telobackup-util: " + conf + ": no section [nosuch]\n", r.err);
+    EXPECT_EQ(text, readFile(conf));
+    EXPECT_EQ(std::vector<std::string>{}, listDir(dir.file("tmp")));
+}
+
+// dump, then import into an empty file, then dump again: the same text. import and --from-json
+// write many keys at once, and the dry run of a wide change is the diff diff(1) prints.
+TEST_F(Tool, DumpImportsBackAndJsonSetsManyKeys) {
+    const std::string text =
+        "[a]\nx=1\ny=\"two words\"\n[b]\nz=[1,{\"q\":null}]\n[c]\nu=\"\\u00e9\\n$'\"\n"
+        "[]\nempty=\"\"\n";
+    writeFile(conf, text);
+    const std::string dump = out({"config", "dump", conf});
+    ASSERT_FALSE(dump.empty());
+    const std::string copy = dir.file("copy.conf");
+    EXPECT_EQ(1, run({"config", "import", copy, "@-"}, dump).exitCode);  // no such file
+    CommandResult r = run({"--json", "config", "import", copy, "@-", "--create"}, dump);
+    EXPECT_EQ(0, r.exitCode) << r.err;
+    EXPECT_EQ("{\"changed\":true,\"sections\":4}\n", r.out);
+    EXPECT_EQ(dump, out({"config", "dump", copy}));
+    r = run({"--json", "config", "import", copy, "@-"}, dump);
+    EXPECT_EQ("{\"changed\":false,\"sections\":4}\n", r.out);
+
+    // --from-json merges into the section; the command line's values win.
+    writeFile(dir.file("more.json"), "{\"x\":2,\"w\":{\"deep\":[true]}}");
+    EXPECT_EQ(0, run({"config", "set", copy, "a", "--from-json", "@" + dir.file("more.json"),
+                      "x=3"})
+                     .exitCode);
+    EXPECT_EQ("{\"w\":{\"deep\":[true]},\"x\":3,\"y\":\"two words\"}\n",
+              out({"config", "get", copy, "a"}));
+    r = run({"config", "set", copy, "a", "--from-json", "@-"}, "[1]");
+    EXPECT_EQ(2, r.exitCode);
+    r = run({"config", "import", copy, "@-"}, "{\"a\":{\"=bad\":1}}");
+    EXPECT_EQ(2, r.exitCode);
+    r = run({"config", "import", copy, "@-"}, "{\"nosuch\":{}}");
+    EXPECT_EQ(1, r.exitCode);
+
+    // Two sections apart: two hunks, as diff -u shows them.
+    std::string wide = "[a]\nx=1\n";
+    for (int i = 0; i < 12; ++i) wide += "# filler " + std::to_string(i) + "\n";
+    wide += "[b]\ny=1\n";
+    writeFile(conf, wide);
+    std::string change = "{\"a\":{\"x\":2},\"b\":{\"y\":2,\"n\":0}}";
+    r = run({"config", "import", conf, change, "--dry-run"});
+    EXPECT_EQ(1, r.exitCode) << r.err;
+    writeFile(dir.file("before.conf"), wide);
+    EXPECT_EQ(0, run({"config", "import", conf, change}).exitCode);
+    CommandResult diff = runCommand({programPath("diff"), "-u", dir.file("before.conf"), conf});
+    ASSERT_EQ(1, diff.exitCode) << diff.err;
+    auto hunks = [](const std::string &text) { return text.substr(text.find("\n@@") + 1); };
+    EXPECT_EQ(hunks(diff.out), hunks(r.out));
+    EXPECT_EQ(2u, std::count(r.out.begin(), r.out.end(), '@') / 4);
+}
+
+// Every writing command says what it did as JSON, so a script never parses text.
+TEST_F(Tool, WritingCommandsPrintJsonResults) {
+    writeFile(conf, "[a]\nx=1\n");
+    EXPECT_EQ("{\"changed\":true}\n", out({"--json", "config", "set", conf, "a", "x=2"}));
+    EXPECT_EQ("{\"changed\":false}\n", out({"config", "set", conf, "a", "x=2", "--json"}));
+    EXPECT_EQ("{\"changed\":true}\n", out({"--json", "config", "unset", conf, "a", "x"}));
+    EXPECT_EQ("{\"changed\":true,\"id\":1,\"section\":\"b1\"}\n",
+              out({"--json", "config", "new", conf, "b"}));
+    EXPECT_EQ("{\"changed\":true}\n", out({"--json", "config", "delete", conf, "b1"}));
+    IN_PRIVATE_TMP([this] {
+        Json::Value session = parse(out({"--json", "session", "create"}));
+        std::string id = session["id"].asString();
+        CHILD_CHECK_EQ("{\"changed\":true,\"id\":\"" + id + "\"}\n",
+                       out({"--json", "session", "destroy", id}));
+    });
+    CommandResult r = run({"--json", "log", "hello"});
+    EXPECT_EQ("{\"file\":\"" + dir.file("app.log") + "\",\"logged\":true}\n", r.out);
+    writeFile(dir.file("t.tmpl"), "Hi {{name}}{{none}}!");
+    EXPECT_EQ("{\"text\":\"Hi Bob!\"}\n",
+              out({"--json", "template", dir.file("t.tmpl"), "--vars", "{\"name\":\"Bob\"}"}));
+}
+
+// --strict names the first tag that has no value; without it such tags are left out.
+TEST_F(Tool, StrictTemplateNamesTheMissingTag) {
+    writeFile(dir.file("t.tmpl"), "{{a}} {{n}} {{b}} {{c}}");
+    const std::string vars = "{\"a\":\"A\",\"n\":null,\"c\":[1]}";
+    EXPECT_EQ("A   [1]", out({"template", dir.file("t.tmpl"), "--vars", vars}));
+    CommandResult r = run({"template", dir.file("t.tmpl"), "--vars", vars, "--strict"});
+    EXPECT_EQ(1, r.exitCode);
+    EXPECT_EQ("", r.out);
+    EXPECT_EQ("telobackup-util: template " + dir.file("t.tmpl") + ": the tag {{b}} has no value\n",
+              r.err);
+    r = run({"template", "-", "--vars", vars, "--strict"}, "{{a}}{{c}}{{n}}");
+    EXPECT_EQ(0, r.exitCode) << r.err;
+    EXPECT_EQ("A[1]", r.out);
+}
