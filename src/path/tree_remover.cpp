@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <unordered_set>
 #include <vector>
 
 #include "internal/test_hook.h"
@@ -64,7 +65,7 @@ struct Level {
     DIR *stream = nullptr;  // null while given up
     size_t pathLength = 0;  // of the walk's path up to this level
     // Names that stay (failed, or another mount's), skipped when the level is listed again.
-    std::vector<std::string> kept;
+    std::unordered_set<std::string> kept;
 };
 
 class Remover {
@@ -117,9 +118,7 @@ class Remover {
     }
 
   private:
-    static bool isKept(const Level &level, const char *name) {
-        return std::find(level.kept.begin(), level.kept.end(), name) != level.kept.end();
-    }
+    static bool isKept(const Level &level, const char *name) { return level.kept.count(name) != 0; }
 
     void setPath(size_t index, const char *name) {
         path_.resize(levels_[index].pathLength);
@@ -142,7 +141,7 @@ class Remover {
             // bind-mounted here (EBUSY) belongs to another file system: not ours to remove.
             if (errno != EISDIR) {
                 if (errno != EBUSY) record(false);
-                levels_[index].kept.push_back(name);
+                levels_[index].kept.insert(name);
                 return;
             }
         }
@@ -154,13 +153,13 @@ class Remover {
             // Replaced by something else since it was listed: remove that instead. An
             // unreadable directory is removed like an empty one (which fails if it is not).
             bool replaced = errno == ENOTDIR || errno == ELOOP;
-            if (!removeEntry(dirFd, name, !replaced)) levels_[index].kept.push_back(name);
+            if (!removeEntry(dirFd, name, !replaced)) levels_[index].kept.insert(name);
             return;
         }
         // A file system mounted here, or a directory bound here, is left alone, and so is its
         // mount point.
         if (!id.samePlace(levels_[0].id)) {
-            levels_[index].kept.push_back(name);
+            levels_[index].kept.insert(name);
             return;
         }
         DIR *stream = fdopendir(child.get());
@@ -257,7 +256,7 @@ class Remover {
 
     void keepAfterFailure(size_t index, const char *name, bool directory) {
         record(directory);
-        levels_[index].kept.push_back(name);
+        levels_[index].kept.insert(name);
     }
 
     void record(bool directory) {

@@ -11,6 +11,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <climits>
+#include <functional>
+
 #include "internal/safe_open.h"
 #include "internal/test_hook.h"
 #include "support/attacker.h"
@@ -277,9 +280,12 @@ TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
         const std::string before = describeTree("/tmp/victims") + describeTree("/tmp/victim");
         const std::string lockDir = Path::createIpcTempPath("lock", 0770);
         CHILD_CHECK(chown(lockDir.c_str(), 0, 65534) == 0);
-        Attacker attacker(
-            {[] { return symlink("/tmp/victims", "/tmp/telobackup/lock/app") == 0; }});
-        CHILD_CHECK(attacker.perform(0));
+        Attacker attacker({[] { return symlink("/tmp/victims", "/tmp/telobackup/lock/app") == 0; },
+                           [] { return mkfifo("/tmp/telobackup/lock/fifo", 0666) == 0; }});
+        CHILD_CHECK(attacker.perform(0) && attacker.perform(1));
+        // Where others may add entries, what they put there must be a regular file.
+        errno = 0;
+        CHILD_CHECK(Path::createIpcLockFile("fifo") == -1 && errno == EINVAL);
         makeDir(lockDir + "/sub", 0755);
         int dirFd = open(lockDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
         const std::pair<const char *, int> escapes[] = {
@@ -310,6 +316,125 @@ TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
         }
         CHILD_CHECK(fileMode(lockDir + "/sub/t") == 0666 && fileMode(lockDir + "/t2") == 0666);
         close(dirFd);
+    });
+}
+
+namespace {
+
+// A second process that, each time it is asked, opens the lock file "t" and tries to lock it
+// without waiting: 'y' it got the lock (released at once), 'n' someone else holds it, 'e' the
+// lock file could not be opened.
+class LockPeer {
+  public:
+    LockPeer() {
+        int request[2], reply[2];
+        if (pipe2(request, O_CLOEXEC) != 0 || pipe2(reply, O_CLOEXEC) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            // Only the test's ends are left open, so that closing them ends this loop.
+            close(request[1]);
+            close(reply[0]);
+            for (char c; read(request[0], &c, 1) == 1;) {
+                int fd = Path::createIpcLockFile("t");
+                char answer = fd < 0 ? 'e' : flock(fd, LOCK_EX | LOCK_NB) == 0 ? 'y' : 'n';
+                if (fd >= 0) close(fd);
+                if (write(reply[1], &answer, 1) != 1) break;
+            }
+            _exit(0);
+        }
+        close(request[0]);
+        close(reply[1]);
+        request_ = request[1];
+        reply_ = reply[0];
+    }
+    ~LockPeer() {
+        close(request_);
+        close(reply_);
+        if (pid_ > 0) waitExitCode(pid_);
+    }
+    LockPeer(const LockPeer &) = delete;
+    LockPeer &operator=(const LockPeer &) = delete;
+
+    char tryLock() {
+        char answer = '?';
+        if (write(request_, "t", 1) != 1 || read(reply_, &answer, 1) != 1) return '?';
+        return answer;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    int request_ = -1;
+    int reply_ = -1;
+};
+
+bool sameFile(int fd, const std::string &path) {
+    struct stat held, named;
+    return fstat(fd, &held) == 0 && stat(path.c_str(), &named) == 0 &&
+           held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+}  // namespace
+
+// A process keeps the lock directory it validated between calls. When the tree is removed, or
+// moved away, and made anew, two processes that both locked before still lock the one file the
+// path names now; one that another user made in its place is refused by both; a changed mode
+// is brought back.
+TEST(IpcTree, ReplacedTreeStillSerialisesEveryProcess) {
+    EXPECT_CHILD_OK(kPrivateTmp, [] {
+        LockPeer peer;
+        CHILD_CHECK_EQ('y', peer.tryLock());
+        close(Path::createIpcLockFile("t"));
+        const std::function<bool()> replacements[] = {
+            [] { return removeAll("/tmp/telobackup"); },
+            [] { return rename("/tmp/telobackup", "/tmp/moved") == 0; },
+        };
+        for (const auto &replace : replacements) {
+            CHILD_CHECK(replace());
+            makeDir("/tmp/telobackup", 0755);
+            makeDir("/tmp/telobackup/lock", 0770);
+            int fd = Path::createIpcLockFile("t");
+            CHILD_CHECK(fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0);
+            CHILD_CHECK(sameFile(fd, "/tmp/telobackup/lock/t"));
+            CHILD_CHECK_EQ('n', peer.tryLock());
+            close(fd);
+            CHILD_CHECK_EQ('y', peer.tryLock());
+        }
+
+        CHILD_CHECK(chmod("/tmp/telobackup/lock", 0777) == 0);
+        close(Path::createIpcLockFile("t"));
+        CHILD_CHECK_EQ(0770, fileMode("/tmp/telobackup/lock"));
+
+        // A caller that closes the held descriptor, its number then taken by a file, still
+        // locks the file the path names.
+        int closed = 0;
+        for (const std::string &entry : listDir("/proc/self/fd")) {
+            char target[PATH_MAX] = {};
+            std::string link = "/proc/self/fd/" + entry;
+            if (readlink(link.c_str(), target, sizeof(target) - 1) > 0 &&
+                std::string(target) == "/tmp/telobackup/lock") {
+                closed += close(std::stoi(entry)) == 0;
+            }
+        }
+        CHILD_CHECK_EQ(1, closed);
+        int taken = open("/tmp/telobackup/taken", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        int fd = Path::createIpcLockFile("t");
+        CHILD_CHECK(fd >= 0 && sameFile(fd, "/tmp/telobackup/lock/t"));
+        CHILD_CHECK(flock(fd, LOCK_EX | LOCK_NB) == 0 && peer.tryLock() == 'n');
+        close(fd);
+        close(taken);
+        CHILD_CHECK(unlink("/tmp/telobackup/taken") == 0);
+
+        if (!canChangeOwner()) return;
+        CHILD_CHECK(removeAll("/tmp/telobackup"));
+        Attacker attacker({[] {
+            return mkdir("/tmp/telobackup", 0755) == 0 && mkdir("/tmp/telobackup/lock", 0770) == 0;
+        }});
+        CHILD_CHECK(attacker.perform(0));
+        errno = 0;
+        CHILD_CHECK(Path::createIpcLockFile("t") == -1 && errno == EPERM);
+        CHILD_CHECK_EQ('e', peer.tryLock());
+        CHILD_CHECK(listDir("/tmp/telobackup").size() == 1 &&
+                    listDir("/tmp/telobackup/lock").empty());
     });
 }
 

@@ -100,8 +100,13 @@ class TELO_EXPORT Path {
     // whatever the umask, so that other users can lock it too; an existing one is left as it
     // is. `name` may hold "/" as long as it stays beneath the lock directory: a name that is
     // absolute or climbs out ("../x") fails with EXDEV, and a symbolic link anywhere in it
-    // (planted at the name or at a directory on the way) with ELOOP; a directory (EISDIR) and
-    // other non-regular files (EINVAL) are refused too.
+    // (planted at the name or at a directory on the way) with ELOOP; a directory (EISDIR) is
+    // refused too, and so are other non-regular files (EINVAL) where users other than root may
+    // add entries to the lock directory. The lock directory, once checked from the root, stays
+    // open in the process (one close-on-exec descriptor, which the process must not close);
+    // later calls check with one stat of its path that it is still that directory with its
+    // owner and mode, and check the tree from the root again when not (a tree removed and made
+    // anew, another /tmp).
     // Failure: -1 with errno set; only the failures of createIpcTempPath are logged.
     static int createIpcLockFile(const std::string &name);
 
