@@ -23,9 +23,40 @@
 using namespace testsupport;
 using Args = std::vector<std::string>;
 
+// True when a user who is neither owner nor group could run `path` from a private /tmp: every
+// directory above it lets others pass, and it is not under /tmp.
+inline bool reachableByAnyone(const std::string &path) {
+    if (path.rfind("/tmp/", 0) == 0) return false;
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        struct stat st;
+        if (stat(path.substr(0, slash).c_str(), &st) != 0 || (st.st_mode & S_IXOTH) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The installed tool. Tests run it as uid 65534 and in a private /tmp, so a build tree under
+// /root (mode 0700) or under /tmp gets a copy of the prefix's programs, libraries and shared
+// files under /var/tmp, made once per test binary and removed when it ends.
 inline std::string toolPath() {
-    const char *path = getenv("TELO_INSTALLED_TOOL");
-    return path != nullptr ? path : "";
+    const char *installed = getenv("TELO_INSTALLED_TOOL");
+    if (installed == nullptr) return "";
+    static const std::string path = [installed]() -> std::string {
+        if (reachableByAnyone(installed)) return installed;
+        static TempDir copy;  // under TMPDIR, which the tool tests set to /var/tmp
+        chmod(copy.path().c_str(), 0755);
+        std::string bin = installed, prefix = bin.substr(0, bin.rfind("/bin/"));
+        CommandResult copied = runCommand(
+            {"/bin/sh", "-c",
+             "mkdir \"$2/lib\" && cp -a \"$1/bin\" \"$1/share\" \"$2/\" && "
+             "cp -a \"$1\"/lib/*.so* \"$2/lib/\"",
+             "sh", prefix, copy.path()});
+        if (copied.exitCode != 0) ADD_FAILURE() << "cannot copy the tool: " << copied.err;
+        return copy.path() + bin.substr(prefix.size());
+    }();
+    return path;
 }
 
 inline Json::Value parse(const std::string &text) {
