@@ -3,7 +3,8 @@
 // Each source file defines, before including this header or at least before the first use,
 //     static constexpr char kLogSource[] = "path/path_util";
 // its path relative to src/ without extension. The macros prepend the fixed prefixes and leave
-// "%m" to syslog, so errno must still hold the failure when they run.
+// "%m" to syslog, so errno must still hold the failure when they run; every macro keeps errno, so
+// a caller may log and then return with the failure's errno.
 #ifndef TELO_SRC_INTERNAL_SYSLOG_H
 #define TELO_SRC_INTERNAL_SYSLOG_H
 
@@ -31,17 +32,18 @@ void logLine(int priority, const char *format, ...) __attribute__((format(printf
                                       __LINE__, ##__VA_ARGS__)
 
 // "(pid) [debug] source:line message" at LOG_DEBUG.
-#define TELO_LOG_DEBUG(fmt, ...) \
-    ::syslog(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, ::getpid(), kLogSource, __LINE__, ##__VA_ARGS__)
+#define TELO_LOG_DEBUG(fmt, ...)                                                                    \
+    ::TELO::Backup::internal::logLine(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, ::getpid(), kLogSource, \
+                                      __LINE__, ##__VA_ARGS__)
 
 // The same two lines on behalf of another process: a child that must not log itself has its
 // lines written by its parent under the child's pid.
 #define TELO_LOG_ERR_AS(pid, fmt, ...)                                                         \
     ::TELO::Backup::internal::logLine(LOG_ERR, "(%d) [err] %s:%d " fmt, static_cast<int>(pid), \
                                       kLogSource, __LINE__, ##__VA_ARGS__)
-#define TELO_LOG_DEBUG_AS(pid, fmt, ...)                                                        \
-    ::syslog(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, static_cast<int>(pid), kLogSource, __LINE__, \
-             ##__VA_ARGS__)
+#define TELO_LOG_DEBUG_AS(pid, fmt, ...)                                                         \
+    ::TELO::Backup::internal::logLine(LOG_DEBUG, "(%d) [debug] %s:%d " fmt, static_cast<int>(pid), \
+                                      kLogSource, __LINE__, ##__VA_ARGS__)
 
 // The short form "source:line message", at the given priority.
 #define TELO_LOG_SHORT(priority, fmt, ...) \

@@ -25,7 +25,6 @@ class UniqueFd {
     ~UniqueFd() { reset(); }
 
     int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
     explicit operator bool() const { return fd_ >= 0; }
 
     // Gives up ownership without closing.

@@ -204,7 +204,7 @@ int Conversation::wait(int timeoutMs) {
             errno = ETIMEDOUT;
             return -1;
         }
-        if (pidfd.valid()) {
+        if (pidfd) {
             struct pollfd watched = {pidfd.get(), POLLIN, 0};
             int timeout = left < 0 ? -1 : static_cast<int>(std::min<long long>(left, 1 << 30));
             poll(&watched, 1, timeout);  // EINTR: check again

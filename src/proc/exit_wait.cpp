@@ -56,9 +56,9 @@ ExitWait::ExitWait(pid_t pid) : pid_(pid), deadline_(now()), napOnly_(napsOnlyFl
 }
 
 bool ExitWait::pause() {
-    if (!napOnly_ && !pidfd_.valid()) {
+    if (!napOnly_ && !pidfd_) {
         pidfd_.reset(openPidfd(pid_));
-        if (pidfd_.valid()) return true;
+        if (pidfd_) return true;
         napOnly_ = true;
     }
     if (napOnly_) return nap();
