@@ -376,23 +376,3 @@ TEST_F(Volumes, UnwritableVolumeRootGetsNoDirectory) {
         CHILD_CHECK(!exists(volume + "/.telobackup-tmp"));
     });
 }
-
-// The machine's own mount table: the root file system is a volume unless it is not a disk file
-// system at all (an overlay or tmpfs root, as in many containers).
-TEST(MachineVolumes, RootIsAVolumeWhenItIsADisk) {
-    unsetenv("TELO_MOUNTINFO");
-    int rootType = TELOGetFSType("/", 0);
-    TELOVOLInfo info = {};
-    if (TELOMountVolInfoGet("/", &info) != 0) {
-        GTEST_SKIP() << "the root file system (type code " << rootType
-                     << ") is not a disk volume here";
-    }
-    EXPECT_STREQ("/", info.volPath);
-    bool listed = false;
-    TELOVOLInfo *list = TELOMountVolAllEnum(0, TELOVolumeSupportLocGet(), 2);
-    for (TELOVOLInfo *v = list; v != nullptr; v = v->next) {
-        listed = listed || strcmp(v->volPath, "/") == 0;
-    }
-    TELOMountVolInfoFree(list);
-    EXPECT_TRUE(listed);
-}
