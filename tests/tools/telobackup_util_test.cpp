@@ -445,16 +445,7 @@ TEST_F(Tool, FailedStandardOutputIsReported) {
     }
     // Paths streamed from standard input: output fails long before the input ends.
     int input = open(dir.file("paths").c_str(), O_RDONLY | O_CLOEXEC);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(input, 0);
-        dup2(full, 1);
-        int devnull = open("/dev/null", O_WRONLY);
-        dup2(devnull, 2);
-        execl(toolPath().c_str(), toolPath().c_str(), "filter", static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    EXPECT_EQ(4, waitExitCode(pid));
+    EXPECT_EQ(4, runWithOutput(full, {"filter"}, input).exitCode);
     close(input);
     close(full);
     close(pipeFds[1]);

@@ -76,14 +76,16 @@ class Tool : public ::testing::Test {
         writeFile(dir.file("shares.conf"), "[photos]\npath=\"" + dir.file("vol/photos") + "\"\n");
     }
 
-    // Runs the tool with its standard output on `stdoutFd`; standard error is captured.
-    CommandResult runWithOutput(int stdoutFd, Args args) {
+    // Runs the tool with its standard output on `stdoutFd` (and input from `stdinFd`, if any);
+    // standard error is captured.
+    CommandResult runWithOutput(int stdoutFd, Args args, int stdinFd = -1) {
         args.insert(args.begin(), toolPath());
         std::string errors = dir.file("stderr.txt");
         pid_t pid = fork();
         if (pid == 0) {
             int err = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             if (err < 0 || dup2(stdoutFd, 1) != 1 || dup2(err, 2) != 2) _exit(126);
+            if (stdinFd >= 0 && dup2(stdinFd, 0) != 0) _exit(126);
             std::vector<char *> argv;
             for (std::string &arg : args) argv.push_back(&arg[0]);
             argv.push_back(nullptr);
