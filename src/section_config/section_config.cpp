@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "internal/safe_open.h"
 #include "internal/section_rewrite.h"
@@ -96,6 +97,20 @@ bool SectionConfig::updateSection(const std::string &path, const std::string &se
 
 bool SectionConfig::removeSection(const std::string &path, const std::string &section) {
     return internal::removeSectionCopies(path, section);
+}
+
+bool SectionConfig::updateSections(const std::string &path, const Json::Value &sections,
+                                   bool create) {
+    if (!sections.isObject()) {
+        errno = EINVAL;
+        return false;
+    }
+    if (sections.empty()) return true;
+    const std::vector<std::string> names = sections.getMemberNames();
+    std::vector<internal::SectionUpdate> updates;
+    updates.reserve(names.size());
+    for (const std::string &name : names) updates.push_back({&name, &sections[name]});
+    return internal::updateSections(path, updates, create);
 }
 
 }  // namespace Backup
