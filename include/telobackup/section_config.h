@@ -142,6 +142,22 @@ class TELO_EXPORT SectionConfig {
     static bool updateSections(const std::string &file, const Json::Value &sections,
                                bool create);
 
+    // Opens the configuration file `file` for reading as loadSection opens it: symbolic links
+    // are followed only as described above, and only a regular file is opened (without
+    // blocking, so a FIFO cannot stall the call). Returns a stream at the start of the file,
+    // close-on-exec, which the caller closes (for parseFile, or to read the whole text).
+    // Failure: null; errno ENOENT (missing), EPERM (a link not followed), EISDIR or EINVAL (no
+    // regular file), else from open(2) or fdopen(3). Nothing is logged.
+    static FILE *openFile(const std::string &file);
+
+    // Removes the temporaries that rewrites of `file` killed on the way left behind: entries of
+    // the file's directory (found as openFile finds the file) named the file's name, a dot and
+    // six letters or digits, that are regular files of the caller's effective uid unchanged for
+    // ten minutes. Links are not followed; every step is relative to the directory. Call it
+    // only while holding the lock that serialises the writers of `file`, so that no live
+    // rewrite loses its temporary. Returns how many were removed; a failure leaves the entry
+    // for the next writer. Nothing is logged; errno is kept.
+    static int removeStaleTemporaries(const std::string &file);
 };
 
 }  // namespace Backup

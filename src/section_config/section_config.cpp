@@ -8,6 +8,7 @@
 
 #include "internal/safe_open.h"
 #include "internal/section_rewrite.h"
+#include "internal/stale_temporaries.h"
 #include "internal/unique_owners.h"
 #include "section_config/line_scanner.h"
 #include "section_config/rewrite.h"
@@ -111,6 +112,18 @@ bool SectionConfig::updateSections(const std::string &path, const Json::Value &s
     updates.reserve(names.size());
     for (const std::string &name : names) updates.push_back({&name, &sections[name]});
     return internal::updateSections(path, updates, create);
+}
+
+FILE *SectionConfig::openFile(const std::string &file) {
+    ConfigFile opened;
+    if (!internal::openConfigFile(file, O_RDONLY, 0, opened)) return nullptr;
+    FILE *stream = fdopen(opened.fd.get(), "rb");
+    if (stream != nullptr) opened.fd.release();
+    return stream;
+}
+
+int SectionConfig::removeStaleTemporaries(const std::string &file) {
+    return internal::removeStaleTemporaries(file);
 }
 
 }  // namespace Backup

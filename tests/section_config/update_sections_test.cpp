@@ -1,9 +1,14 @@
-// Several sections in one rewrite.
+// Several sections in one rewrite, and the two calls a consumer needs beside the rewrites:
+// opening a configuration file as the library does, and clearing temporaries killed writers
+// left.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
@@ -72,4 +77,45 @@ TEST(UpdateSections, RefusesBeforeTouchingTheFile) {
     // Nothing to update: the file is not even made.
     EXPECT_TRUE(SectionConfig::updateSections(dir.file("none.conf"), json("{}"), true));
     EXPECT_FALSE(exists(dir.file("none.conf")));
+}
+
+TEST(UpdateSections, OpenFileReadsOnlyRegularFiles) {
+    TempDir dir;
+    const std::string file = dir.file("c.conf");
+    writeFile(file, kFile);
+    std::unique_ptr<FILE, int (*)(FILE *)> in(SectionConfig::openFile(file), fclose);
+    ASSERT_TRUE(in);
+    char buffer[sizeof(kFile)] = {};
+    EXPECT_EQ(sizeof(kFile) - 1, fread(buffer, 1, sizeof(buffer), in.get()));
+    EXPECT_STREQ(kFile, buffer);
+    EXPECT_NE(0, fcntl(fileno(in.get()), F_GETFD) & FD_CLOEXEC);
+
+    // A FIFO with no writer would block a plain open; it is refused at once.
+    ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+    errno = 0;
+    EXPECT_EQ(nullptr, SectionConfig::openFile(dir.file("fifo")));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    EXPECT_EQ(nullptr, SectionConfig::openFile(dir.path()));
+    EXPECT_EQ(EISDIR, errno);
+    errno = 0;
+    EXPECT_EQ(nullptr, SectionConfig::openFile(dir.file("missing")));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(UpdateSections, StaleTemporariesGoFreshOnesStay) {
+    TempDir dir;
+    const std::string file = dir.file("c.conf");
+    writeFile(file, kFile);
+    writeFile(dir.file("c.conf.Ab12Cd"), "stale");
+    writeFile(dir.file("c.conf.Xy34Zw"), "fresh");
+    writeFile(dir.file("c.conf.bak"), "not a temporary");
+    struct timeval old[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
+    ASSERT_EQ(0, utimes(dir.file("c.conf.Ab12Cd").c_str(), old));
+    ASSERT_EQ(0, utimes(dir.file("c.conf.bak").c_str(), old));
+    errno = EDOM;
+    EXPECT_EQ(1, SectionConfig::removeStaleTemporaries(file));
+    EXPECT_EQ(EDOM, errno);
+    EXPECT_EQ((std::vector<std::string>{"c.conf", "c.conf.Xy34Zw", "c.conf.bak"}),
+              listDir(dir.path()));
 }
