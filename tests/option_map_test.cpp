@@ -394,6 +394,10 @@ TEST_F(OptionMapTest, CreationInOneStep) {
         "#top\n[global]\njobid_max=5\nother=\"x\"\n[job4]\ny=2\n[side]\ns=1\n[job5]\n"
         "name=\"n\"\n",
         readFile(file));
+    writeFile(file, "[global]\njobid_max=9\n[job3]\n");
+    OptionMap empty;
+    ASSERT_TRUE(empty.optSectionCreateAndSave(file, "job", true));
+    EXPECT_EQ("[global]\njobid_max=10\n[job3]\n[job10]\n", readFile(file));
     const std::string fresh = dir.file("fresh.conf");
     OptionMap unbound;
     unbound.optSet("name", "n");

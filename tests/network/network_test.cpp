@@ -166,6 +166,7 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
     };
     fakeplatform::outcomes().lookupAddresses = {"127.0.0.1", "127.0.0.2"};
     EXPECT_EQ(0, Net::getAvailableIp("pair.test", portOf(open), 5, 0, ip, observer));
+    EXPECT_EQ("127.0.0.2", ip);
     fakeplatform::outcomes().lookupAddresses = {"127.0.0.1"};
     EXPECT_EQ(-1, Net::getAvailableIp("one.test", portOf(open), 5, 0, ip, observer));
     EXPECT_EQ(ECONNREFUSED, errno);

@@ -66,6 +66,7 @@ TEST(PathAlgebra, JoinSevenAndRange) {
     EXPECT_EQ("", Path::join(".", "", ""));
     // d..g are skipped when empty, so a trailing slash they would strip survives.
     EXPECT_EQ("/x/y/", Path::join("/", "x", "y/", "", "", "", ""));
+    EXPECT_EQ("a/b/c/d/e/f/g", Path::join("a", "b", "c", "d", "e", "f", "g"));
     Parts parts{"/", "a", "b/"};
     EXPECT_EQ("/a/b/", Path::join(parts));
     EXPECT_EQ("/a", Path::join(parts.cbegin(), parts.cbegin() + 2));
@@ -199,7 +200,7 @@ TEST(IpcTree, CreatesTreeWithExactModesWhateverTheUmask) {
     });
 }
 
-TEST(IpcTree, LockFileIsSharedAndCloseOnExec) {
+TEST(IpcTree, LockFileIsSharedCloseOnExecAndLockable) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         umask(022);
         int fd = Path::createIpcLockFile("token");
@@ -208,7 +209,14 @@ TEST(IpcTree, LockFileIsSharedAndCloseOnExec) {
         CHILD_CHECK((fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR);
         CHILD_CHECK_EQ(0770, fileMode("/tmp/telobackup/lock"));
         CHILD_CHECK_EQ(0666, fileMode("/tmp/telobackup/lock/token"));
+        // A second descriptor of the same token is a distinct open file: flock excludes it.
+        int other = Path::createIpcLockFile("token");
+        CHILD_CHECK(other >= 0 && other != fd);
+        CHILD_CHECK(flock(fd, LOCK_EX | LOCK_NB) == 0);
+        CHILD_CHECK(flock(other, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK);
         close(fd);
+        CHILD_CHECK(flock(other, LOCK_EX | LOCK_NB) == 0);
+        close(other);
     });
 }
 
