@@ -1,5 +1,9 @@
 // The private part of PathFilter: the three pattern lists, their compiled forms, and the
 // reference matcher that defines what a pattern means.
+//
+// Speed-ups only, which could be deleted without changing an answer: the compiled patterns
+// (compiled_pattern.h, block_automaton.h) and the last-byte candidate table of PatternList;
+// filterOut could call match() on each stored pattern instead.
 #ifndef TELO_SRC_PATH_PATH_FILTER_PRIVATE_H
 #define TELO_SRC_PATH_PATH_FILTER_PRIVATE_H
 
@@ -46,7 +50,8 @@ class PathFilterPrivate {
     // Wildcard match of the whole `path`: 1 match; 0 no match; -1 the path ran out before the
     // pattern did (no star to the left can help either); -2 a single star would have to cross
     // a "/". Only 1 is a match. Both strings must be NUL-terminated. Recursion depth grows with
-    // the number of stars in the pattern.
+    // the number of stars in the pattern. Also the reference the tests, the fuzzer and the
+    // benchmark hold the compiled patterns to.
     static int match(const char *pattern, const char *path);
 
     // Walks `pattern` along the directory `prefix`; when the prefix is used up, sets `out` to
