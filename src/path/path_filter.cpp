@@ -355,19 +355,11 @@ bool PatternList::anyMatches(MatchSubject &subject) const {
 
 PathFilter::PathFilter() : d_(new PathFilterPrivate) {}
 
-PathFilter::~PathFilter() {
-    delete d_;
-}
+PathFilter::~PathFilter() = default;
 
-PathFilter::PathFilter(PathFilter &&other) noexcept : d_(std::exchange(other.d_, nullptr)) {}
+PathFilter::PathFilter(PathFilter &&other) noexcept = default;
 
-PathFilter &PathFilter::operator=(PathFilter &&other) noexcept {
-    if (this != &other) {
-        delete d_;
-        d_ = std::exchange(other.d_, nullptr);
-    }
-    return *this;
-}
+PathFilter &PathFilter::operator=(PathFilter &&other) noexcept = default;
 
 bool PathFilter::addIncludePattern(const std::string &pattern) {
     d_->include_.add(pattern);
