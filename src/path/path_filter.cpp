@@ -263,6 +263,8 @@ void PathFilterPrivate::rebaseList(const std::list<std::string> &patterns,
 
 // ---- PatternList ------------------------------------------------------------------------------
 
+namespace internal {
+
 // Room for `more` patterns, both in the compiled list and in the candidate table; each grows to
 // at least twice its size, so adding patterns one by one costs linear time overall. May throw;
 // what it changes is invisible (capacity, words of zeros).
@@ -350,6 +352,8 @@ bool PatternList::anyMatches(MatchSubject &subject) const {
     }
     return false;
 }
+
+}  // namespace internal
 
 // ---- PathFilter -------------------------------------------------------------------------------
 

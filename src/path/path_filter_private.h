@@ -16,6 +16,7 @@
 
 namespace TELO {
 namespace Backup {
+namespace internal {
 
 // One list of patterns as given, beside the compiled form the decisions run on. A path is
 // tried only against the patterns that can end with its last byte.
@@ -26,7 +27,7 @@ class PatternList {
     // std::list::merge of `more` into the list, compiling what comes in.
     void merge(std::list<std::string> &more);
     void clear();
-    bool anyMatches(internal::MatchSubject &subject) const;
+    bool anyMatches(MatchSubject &subject) const;
     bool empty() const { return patterns_.empty(); }
 
   private:
@@ -35,17 +36,19 @@ class PatternList {
     void mark(size_t i, int lastByte);
 
     std::list<std::string> patterns_;
-    std::vector<internal::CompiledPattern> compiled_;
+    std::vector<CompiledPattern> compiled_;
     // For each byte, a bit per compiled pattern that a path ending with that byte may match.
     std::vector<uint64_t> byLastByte_;
     size_t words_ = 0;
 };
 
+}  // namespace internal
+
 class PathFilterPrivate {
   public:
-    PatternList include_;
-    PatternList exclude_;
-    PatternList priorInclude_;
+    internal::PatternList include_;
+    internal::PatternList exclude_;
+    internal::PatternList priorInclude_;
 
     // Wildcard match of the whole `path`: 1 match; 0 no match; -1 the path ran out before the
     // pattern did (no star to the left can help either); -2 a single star would have to cross
