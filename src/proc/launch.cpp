@@ -11,6 +11,7 @@
 #include <cerrno>
 
 #include "internal/eintr.h"
+#include "proc/child_signals.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define TELO_ASAN 1
@@ -53,11 +54,9 @@ void cleanSignalState() {
         struct sigaction current = {};
         if (sigaction(sig, nullptr, &current) != 0) continue;
         bool handled = current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN;
-        if (handled || sig == SIGPIPE) sigaction(sig, &byDefault, nullptr);
+        if (handled) sigaction(sig, &byDefault, nullptr);
     }
-    sigset_t empty;
-    sigemptyset(&empty);
-    sigprocmask(SIG_SETMASK, &empty, nullptr);
+    resetSignalsForExec();  // SIGPIPE too, even when ignored, and the mask
 }
 
 int entryPoint(void *p) {
