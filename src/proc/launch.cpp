@@ -11,6 +11,7 @@
 #include <cerrno>
 
 #include "internal/eintr.h"
+#include "internal/errno_saver.h"
 #include "proc/child_signals.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -33,6 +34,9 @@ namespace {
 // Room for the child's frames (the descriptor scan keeps a small buffer on it); pages that are
 // never touched cost nothing.
 constexpr size_t kStackSize = 256 * 1024;
+
+// How much of a report beyond the events' capacity is read (and dropped) at a time.
+constexpr size_t kDrainChunk = 256;
 
 std::atomic<bool> forkOnlyFlag{false};
 // Set once the kernel or a seccomp filter has refused a shared-memory child.
@@ -92,19 +96,20 @@ void setForkOnly(bool forkOnly) {
     forkOnlyFlag.store(forkOnly);
 }
 
-void ChildReport::add(int kind, int error, int arg) {
-    ChildEvent event{kind, error, arg, static_cast<int>(getpid())};
-    if (sink_ != nullptr) {
-        sink_(event, sinkContext_);
-    } else if (channelFd_ >= 0) {
+void EventSink::add(int kind, int error, int arg) {
+    deliver(ChildEvent{kind, error, arg, static_cast<int>(getpid())});
+}
+
+void ParentReport::deliver(const ChildEvent &event) {
+    if (channelFd_ >= 0) {
         writeFull(channelFd_, &event, sizeof(event));
-    } else if (count_ < kCapacity) {
-        events_[count_++] = event;
+    } else if (events_.count_ < ChildEvents::kCapacity) {
+        events_.events_[events_.count_++] = event;
     }
 }
 
 pid_t ChildStarter::start() {
-    if (!waitForExec_) {
+    if (report_ == nullptr) {
         Entry entry{body_, arg_};
         AllSignalsBlocked blocked;
         pid_t pid = fork();
@@ -164,16 +169,15 @@ pid_t ChildStarter::startForked() {
     // The child redirects its standard streams; its channel must not be one of them.
     if (fds[1] <= 2) {
         int moved = fcntl(fds[1], F_DUPFD_CLOEXEC, 3);
-        int savedErrno = errno;
+        ErrnoSaver keep;  // the failed move's errno, not what the closes make of it
         close(fds[1]);
         if (moved < 0) {
             close(fds[0]);
-            errno = savedErrno;
             return -1;
         }
         fds[1] = moved;
     }
-    report_.channelFd_ = fds[1];
+    report_->channelFd_ = fds[1];
     Entry entry{body_, arg_};
     pid_t pid;
     int forkErrno;
@@ -187,12 +191,14 @@ pid_t ChildStarter::startForked() {
         forkErrno = errno;
     }
     close(fds[1]);
-    report_.channelFd_ = -1;
+    report_->channelFd_ = -1;
     if (pid > 0) {
         // End of file comes when the child has exec'd or exited (and any grandchild too).
-        ssize_t n = readFull(fds[0], report_.events_, sizeof(report_.events_));
-        report_.count_ = n > 0 ? static_cast<int>(static_cast<size_t>(n) / sizeof(ChildEvent)) : 0;
-        char rest[256];
+        ChildEvents &events = report_->events_;
+        ssize_t n = readFull(fds[0], events.events_, sizeof(events.events_));
+        events.count_ = n > 0 ? static_cast<int>(static_cast<size_t>(n) / sizeof(ChildEvent)) : 0;
+        // Events beyond the capacity are read and dropped, so that end of file is still seen.
+        char rest[kDrainChunk];
         while (readFull(fds[0], rest, sizeof(rest)) == static_cast<ssize_t>(sizeof(rest))) {
         }
     }
