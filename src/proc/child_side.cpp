@@ -30,8 +30,11 @@ namespace {
 // The exit code of a child whose program could not be started.
 constexpr int kChildFailed = 127;
 
-// The buffer for reading /proc/self/fd; it lives on the child's own stack.
+// The buffer for reading /proc/self/fd; it lives on the child's own stack. Any size works.
 constexpr size_t kDirentBufferSize = 2048;
+
+// The mode of an output file the child creates; fchmod to the caller's mode follows.
+constexpr mode_t kNewOutputFileMode = 0600;
 
 void closeKeepingErrno(int fd) {
     ErrnoSaver keep;
@@ -54,11 +57,11 @@ bool redirectStream(int target, const StreamPlan &stream, int nullFd, bool isInp
         return true;
     }
     if (stream.path != nullptr) {
-        int fd = isInput
-                     ? retryOnEintr([&] { return open(stream.path, O_RDONLY | O_CLOEXEC); })
-                     : retryOnEintr([&] {
-                           return open(stream.path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-                       });
+        int fd = isInput ? retryOnEintr([&] { return open(stream.path, O_RDONLY | O_CLOEXEC); })
+                         : retryOnEintr([&] {
+                               return open(stream.path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC,
+                                           kNewOutputFileMode);
+                           });
         if (fd < 0) {
             sink.add(kOpenFailed, errno, target);
             return false;
