@@ -48,7 +48,8 @@ class ChildFlagsScope {
     ChildFlagsScope &operator=(const ChildFlagsScope &) = delete;
 
     // False when the logged style could not change the flags (signal.cpp logged why; errno holds
-    // the failure): nothing is restored then. The quiet style always holds.
+    // the failure): nothing is restored then. The quiet style always holds. False again once the
+    // flags have been given back.
     bool held() const { return held_; }
     // The caller's SIGCHLD flags, for a child to restore before its exec.
     int savedFlags() const { return savedFlags_; }
