@@ -97,14 +97,15 @@ void setForkOnly(bool forkOnly) {
 }
 
 void EventSink::add(int kind, int error, int arg) {
-    deliver(ChildEvent{kind, error, arg, static_cast<int>(getpid())});
+    deliver_(*this, ChildEvent{kind, error, arg, static_cast<int>(getpid())});
 }
 
-void ParentReport::deliver(const ChildEvent &event) {
-    if (channelFd_ >= 0) {
-        writeFull(channelFd_, &event, sizeof(event));
-    } else if (events_.count_ < ChildEvents::kCapacity) {
-        events_.events_[events_.count_++] = event;
+void ParentReport::deliverToParent(EventSink &sink, const ChildEvent &event) {
+    ParentReport &self = static_cast<ParentReport &>(sink);
+    if (self.channelFd_ >= 0) {
+        writeFull(self.channelFd_, &event, sizeof(event));
+    } else if (self.events_.count_ < ChildEvents::kCapacity) {
+        self.events_.events_[self.events_.count_++] = event;
     }
 }
 

@@ -40,32 +40,37 @@ class ChildEvents {
     int count_ = 0;
 };
 
-// Where the code between fork and exec puts what it has to say. add() is async-signal-safe.
+// Where the code between fork and exec puts what it has to say. add() is async-signal-safe. The
+// delivery is a plain function pointer, not a virtual call: a sanitizer's checks of a virtual
+// call are not safe in a child that shares the caller's memory.
 class EventSink {
   public:
     void add(int kind, int error, int arg = 0);
     // The descriptor the sink writes through, which a child must leave open (it is close-on-exec
     // and never 0..2); -1 when there is none.
-    virtual int channelFd() const { return -1; }
+    int channelFd() const { return channelFd_; }
 
   protected:
-    EventSink() = default;
+    using Deliver = void (*)(EventSink &sink, const ChildEvent &event);
+    explicit EventSink(Deliver deliver) : deliver_(deliver) {}
     ~EventSink() = default;
-    virtual void deliver(const ChildEvent &event) = 0;
+    int channelFd_ = -1;
+
+  private:
+    Deliver deliver_;
 };
 
 // Reports to the parent, which logs the events once ChildStarter::start() has returned: into
 // shared memory when the child shares the caller's, through a pipe when it is a plain fork.
 class ParentReport final : public EventSink {
   public:
+    ParentReport() : EventSink(deliverToParent) {}
     const ChildEvents &events() const { return events_; }
-    int channelFd() const override { return channelFd_; }
 
   private:
     friend class ChildStarter;
-    void deliver(const ChildEvent &event) override;
+    static void deliverToParent(EventSink &sink, const ChildEvent &event);
     ChildEvents events_;
-    int channelFd_ = -1;
 };
 
 // Hands each event at once to `log(event, context)`: for exec(), which has no child, and for a
@@ -73,10 +78,13 @@ class ParentReport final : public EventSink {
 class ImmediateLog final : public EventSink {
   public:
     ImmediateLog(void (*log)(const ChildEvent &, void *), void *context)
-        : log_(log), context_(context) {}
+        : EventSink(deliverNow), log_(log), context_(context) {}
 
   private:
-    void deliver(const ChildEvent &event) override { log_(event, context_); }
+    static void deliverNow(EventSink &sink, const ChildEvent &event) {
+        const ImmediateLog &self = static_cast<const ImmediateLog &>(sink);
+        self.log_(event, self.context_);
+    }
     void (*log_)(const ChildEvent &, void *);
     void *context_;
 };
