@@ -13,19 +13,29 @@
 #include <utility>
 
 #include "internal/eintr.h"
+#include "internal/errno_saver.h"
 #include "internal/unique_fd.h"
 #include "proc/exit_wait.h"
 
 namespace TELO {
 namespace Backup {
 
+using internal::ErrnoSaver;
 using internal::openPidfd;
 using internal::retryOnEintr;
 using internal::UniqueFd;
 
 namespace {
 
+// The pause between two checks where the kernel has no pidfds.
 constexpr long kNapNanoseconds = 5 * 1000 * 1000;
+
+// The longest single poll(): its timeout is an int of milliseconds, so a longer wait is made of
+// several (about 12 days each).
+constexpr long long kLongestPollMs = 1 << 30;
+
+// How much readLine() asks the socket for at a time.
+constexpr size_t kReadChunk = 4096;
 
 long long nowMs() {
     struct timespec now = {};
@@ -41,9 +51,8 @@ Conversation::Conversation(SubProcess &program) {
     PipeFile *pipe = nullptr;
     pid_t pid = program.callPipeOpen(&pipe);
     if (pid < 0) {
-        int saved = errno;
+        ErrnoSaver keep;                      // callPipeOpen's failure
         SubProcess::callPipeClose(pipe, -1);  // a handle without a stream, or null
-        errno = saved;
         return;
     }
     pipe_ = pipe;
@@ -51,9 +60,8 @@ Conversation::Conversation(SubProcess &program) {
 }
 
 Conversation::~Conversation() {
-    int saved = errno;
+    ErrnoSaver keep;
     close();
-    errno = saved;
 }
 
 Conversation::Conversation(Conversation &&other) noexcept
@@ -153,7 +161,7 @@ bool Conversation::readLine(std::string &line, size_t maxLength) {
             return false;
         }
         searched = buffered_.size();
-        char chunk[4096];
+        char chunk[kReadChunk];
         ssize_t n = retryOnEintr([&] { return ::read(socket, chunk, sizeof(chunk)); });
         if (n < 0) return false;
         if (n == 0) {
@@ -206,7 +214,7 @@ int Conversation::wait(int timeoutMs) {
         }
         if (pidfd) {
             struct pollfd watched = {pidfd.get(), POLLIN, 0};
-            int timeout = left < 0 ? -1 : static_cast<int>(std::min<long long>(left, 1 << 30));
+            int timeout = left < 0 ? -1 : static_cast<int>(std::min(left, kLongestPollMs));
             poll(&watched, 1, timeout);  // EINTR: check again
         } else {
             long nap = kNapNanoseconds;

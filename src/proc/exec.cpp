@@ -6,13 +6,18 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
+#include "internal/errno_saver.h"
 #include "internal/syslog.h"
+#include "proc/child_signals.h"
 #include "telo/platform.h"
 
 namespace TELO {
 namespace Backup {
+
+using internal::ChildFlagsScope;
+using internal::ErrnoSaver;
+using internal::resetSignalsForExec;
 
 namespace {
 
@@ -26,7 +31,7 @@ volatile sig_atomic_t lastSignal = -1;
 void (*const kNotSaved)(int) = SIG_ERR;
 
 void forwardSignal(int sig) {
-    int savedErrno = errno;
+    ErrnoSaver keep;  // a handler must not change the errno of the code it interrupted
     lastSignal = sig;
     // Without a running child, kill(-1, sig) would reach every process we may signal.
     pid_t pid = childPid;
@@ -35,26 +40,6 @@ void forwardSignal(int sig) {
             TELO_LOG_ERR("failed to signal [%u], errno=%m", static_cast<unsigned>(pid));
         }
     }
-    errno = savedErrno;
-}
-
-// Clears SA_NOCLDWAIT on SIGCHLD so that waitpid can collect the child; true when it was set.
-bool clearNoChildWait() {
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    sigaction(SIGCHLD, nullptr, &action);
-    bool wasSet = (action.sa_flags & SA_NOCLDWAIT) != 0;
-    action.sa_flags &= ~SA_NOCLDWAIT;
-    sigaction(SIGCHLD, &action, nullptr);
-    return wasSet;
-}
-
-void setNoChildWait() {
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    sigaction(SIGCHLD, nullptr, &action);
-    action.sa_flags |= SA_NOCLDWAIT;
-    sigaction(SIGCHLD, &action, nullptr);
 }
 
 }  // namespace
@@ -79,23 +64,15 @@ int UtilExec::Execv(const char *path, char *const *argv, void (*callback)(int si
 
     // Before the fork: with SA_NOCLDWAIT still set, a child that ends at once would be reaped
     // by the kernel before we could wait for it.
-    bool hadNoChildWait = clearNoChildWait();
+    ChildFlagsScope childFlags(ChildFlagsScope::Style::kQuietNoChildWaitOnly);
     pid_t pid = TLIBCProcFork();
-    if (pid < 0) {
-        int savedErrno = errno;
-        if (hadNoChildWait) setNoChildWait();
-        errno = savedErrno;
-        return -1;
-    }
+    if (pid < 0) return -1;  // the flags come back with errno kept
     if (pid == 0) {
-        struct sigaction deflt;
-        memset(&deflt, 0, sizeof(deflt));
-        deflt.sa_handler = SIG_DFL;
-        sigaction(SIGPIPE, &deflt, nullptr);
-        sigset_t empty;
-        sigemptyset(&empty);
-        sigprocmask(SIG_SETMASK, &empty, nullptr);
+        resetSignalsForExec();
         execv(path, argv);
+        // Dying by a signal is how the parent tells a program that could not be run (-1) from
+        // any exit code the program itself may return. It also runs no exit handler or stdio
+        // flush of the caller's, which a plain forked copy must not.
         abort();
     }
 
@@ -112,7 +89,7 @@ int UtilExec::Execv(const char *path, char *const *argv, void (*callback)(int si
             break;
         }
         if (waited > 0) {
-            result = (status & 0x7f) != 0 ? -1 : WEXITSTATUS(status);
+            result = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
             break;
         }
         if (errno != EINTR) {
@@ -124,7 +101,7 @@ int UtilExec::Execv(const char *path, char *const *argv, void (*callback)(int si
     childPid = -1;
 
     if (callback != nullptr && lastSignal >= 0) callback(lastSignal, result);
-    if (hadNoChildWait) setNoChildWait();
+    childFlags.restore();
     RestoreSigHandler();
     return result;
 }

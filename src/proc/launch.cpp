@@ -11,6 +11,8 @@
 #include <cerrno>
 
 #include "internal/eintr.h"
+#include "internal/errno_saver.h"
+#include "proc/child_signals.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define TELO_ASAN 1
@@ -33,6 +35,9 @@ namespace {
 // never touched cost nothing.
 constexpr size_t kStackSize = 256 * 1024;
 
+// How much of a report beyond the events' capacity is read (and dropped) at a time.
+constexpr size_t kDrainChunk = 256;
+
 std::atomic<bool> forkOnlyFlag{false};
 // Set once the kernel or a seccomp filter has refused a shared-memory child.
 std::atomic<bool> sharedRefused{false};
@@ -53,11 +58,9 @@ void cleanSignalState() {
         struct sigaction current = {};
         if (sigaction(sig, nullptr, &current) != 0) continue;
         bool handled = current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN;
-        if (handled || sig == SIGPIPE) sigaction(sig, &byDefault, nullptr);
+        if (handled) sigaction(sig, &byDefault, nullptr);
     }
-    sigset_t empty;
-    sigemptyset(&empty);
-    sigprocmask(SIG_SETMASK, &empty, nullptr);
+    resetSignalsForExec();  // SIGPIPE too, even when ignored, and the mask
 }
 
 int entryPoint(void *p) {
@@ -93,19 +96,21 @@ void setForkOnly(bool forkOnly) {
     forkOnlyFlag.store(forkOnly);
 }
 
-void ChildReport::add(int kind, int error, int arg) {
-    ChildEvent event{kind, error, arg, static_cast<int>(getpid())};
-    if (sink_ != nullptr) {
-        sink_(event, sinkContext_);
-    } else if (channelFd_ >= 0) {
-        writeFull(channelFd_, &event, sizeof(event));
-    } else if (count_ < kCapacity) {
-        events_[count_++] = event;
+void EventSink::add(int kind, int error, int arg) {
+    deliver_(*this, ChildEvent{kind, error, arg, static_cast<int>(getpid())});
+}
+
+void ParentReport::deliverToParent(EventSink &sink, const ChildEvent &event) {
+    ParentReport &self = static_cast<ParentReport &>(sink);
+    if (self.channelFd_ >= 0) {
+        writeFull(self.channelFd_, &event, sizeof(event));
+    } else if (self.events_.count_ < ChildEvents::kCapacity) {
+        self.events_.events_[self.events_.count_++] = event;
     }
 }
 
 pid_t ChildStarter::start() {
-    if (!waitForExec_) {
+    if (report_ == nullptr) {
         Entry entry{body_, arg_};
         AllSignalsBlocked blocked;
         pid_t pid = fork();
@@ -165,16 +170,15 @@ pid_t ChildStarter::startForked() {
     // The child redirects its standard streams; its channel must not be one of them.
     if (fds[1] <= 2) {
         int moved = fcntl(fds[1], F_DUPFD_CLOEXEC, 3);
-        int savedErrno = errno;
+        ErrnoSaver keep;  // the failed move's errno, not what the closes make of it
         close(fds[1]);
         if (moved < 0) {
             close(fds[0]);
-            errno = savedErrno;
             return -1;
         }
         fds[1] = moved;
     }
-    report_.channelFd_ = fds[1];
+    report_->channelFd_ = fds[1];
     Entry entry{body_, arg_};
     pid_t pid;
     int forkErrno;
@@ -188,12 +192,14 @@ pid_t ChildStarter::startForked() {
         forkErrno = errno;
     }
     close(fds[1]);
-    report_.channelFd_ = -1;
+    report_->channelFd_ = -1;
     if (pid > 0) {
         // End of file comes when the child has exec'd or exited (and any grandchild too).
-        ssize_t n = readFull(fds[0], report_.events_, sizeof(report_.events_));
-        report_.count_ = n > 0 ? static_cast<int>(static_cast<size_t>(n) / sizeof(ChildEvent)) : 0;
-        char rest[256];
+        ChildEvents &events = report_->events_;
+        ssize_t n = readFull(fds[0], events.events_, sizeof(events.events_));
+        events.count_ = n > 0 ? static_cast<int>(static_cast<size_t>(n) / sizeof(ChildEvent)) : 0;
+        // Events beyond the capacity are read and dropped, so that end of file is still seen.
+        char rest[kDrainChunk];
         while (readFull(fds[0], rest, sizeof(rest)) == static_cast<ssize_t>(sizeof(rest))) {
         }
     }

@@ -5,7 +5,7 @@
 // refused, a plain fork is used instead. Either way the caller resumes only once the child has
 // exec'd or exited, and the child runs with no handler of the caller installed, so its code must
 // stick to async-signal-safe system calls: no allocation, no lock, no logging. What it has to
-// say goes into a ChildReport that the parent reads afterwards.
+// say goes into a ParentReport that the parent reads afterwards.
 #ifndef TELO_SRC_PROC_LAUNCH_H
 #define TELO_SRC_PROC_LAUNCH_H
 
@@ -24,36 +24,69 @@ struct ChildEvent {
     int pid;
 };
 
-// Events of one launch, in order. Children write them with add(); the parent reads them once
-// startChild has returned. In the parent's own process (no child at all) an immediate sink
-// can take each event as it comes instead.
-class ChildReport {
+// The events of one launch, in order, as the parent reads them back.
+class ChildEvents {
   public:
+    // Room for every event one launch can report (a handful); later ones are dropped.
     static constexpr int kCapacity = 16;
-
-    // Async-signal-safe: records into shared memory or writes to the channel descriptor.
-    void add(int kind, int error, int arg = 0);
 
     int size() const { return count_; }
     const ChildEvent &at(int i) const { return events_[i]; }
 
-    // The descriptor a forked child reports through (close-on-exec, never 0..2), or -1. The
-    // child must leave it open and close-on-exec.
-    int channelFd() const { return channelFd_; }
-
-    // Hands each event to `sink` at once (used when no child is involved).
-    void setImmediateSink(void (*sink)(const ChildEvent &, void *), void *context) {
-        sink_ = sink;
-        sinkContext_ = context;
-    }
-
   private:
+    friend class ParentReport;
     friend class ChildStarter;
     ChildEvent events_[kCapacity] = {};
     int count_ = 0;
+};
+
+// Where the code between fork and exec puts what it has to say. add() is async-signal-safe. The
+// delivery is a plain function pointer, not a virtual call: a sanitizer's checks of a virtual
+// call are not safe in a child that shares the caller's memory.
+class EventSink {
+  public:
+    void add(int kind, int error, int arg = 0);
+    // The descriptor the sink writes through, which a child must leave open (it is close-on-exec
+    // and never 0..2); -1 when there is none.
+    int channelFd() const { return channelFd_; }
+
+  protected:
+    using Deliver = void (*)(EventSink &sink, const ChildEvent &event);
+    explicit EventSink(Deliver deliver) : deliver_(deliver) {}
+    ~EventSink() = default;
     int channelFd_ = -1;
-    void (*sink_)(const ChildEvent &, void *) = nullptr;
-    void *sinkContext_ = nullptr;
+
+  private:
+    Deliver deliver_;
+};
+
+// Reports to the parent, which logs the events once ChildStarter::start() has returned: into
+// shared memory when the child shares the caller's, through a pipe when it is a plain fork.
+class ParentReport final : public EventSink {
+  public:
+    ParentReport() : EventSink(deliverToParent) {}
+    const ChildEvents &events() const { return events_; }
+
+  private:
+    friend class ChildStarter;
+    static void deliverToParent(EventSink &sink, const ChildEvent &event);
+    ChildEvents events_;
+};
+
+// Hands each event at once to `log(event, context)`: for exec(), which has no child, and for a
+// child nobody waits for, which logs its own lines.
+class ImmediateLog final : public EventSink {
+  public:
+    ImmediateLog(void (*log)(const ChildEvent &, void *), void *context)
+        : EventSink(deliverNow), log_(log), context_(context) {}
+
+  private:
+    static void deliverNow(EventSink &sink, const ChildEvent &event) {
+        const ImmediateLog &self = static_cast<const ImmediateLog &>(sink);
+        self.log_(event, self.context_);
+    }
+    void (*log_)(const ChildEvent &, void *);
+    void *context_;
 };
 
 // Starts children for one launch. `body(arg)` runs in the child with every signal handler of
@@ -61,16 +94,18 @@ class ChildReport {
 // in exec or _exit and never return.
 class ChildStarter {
   public:
-    // Without `waitForExec`, start() forks and returns at once, and the report must have an
-    // immediate sink: the child then deals with its events itself. That is for children that may
-    // block before their exec for as long as someone else pleases (opening a FIFO).
-    ChildStarter(int (*body)(void *), void *arg, ChildReport &report, bool waitForExec = true)
-        : body_(body), arg_(arg), report_(report), waitForExec_(waitForExec) {}
+    // start() returns once the child has exec'd or exited; what it reported is then in `report`.
+    ChildStarter(int (*body)(void *), void *arg, ParentReport &report)
+        : body_(body), arg_(arg), report_(&report) {}
+    // start() forks and returns at once: the child deals with its events itself (an
+    // ImmediateLog). That is for children that may block before their exec for as long as
+    // someone else pleases (opening a FIFO).
+    ChildStarter(int (*body)(void *), void *arg) : body_(body), arg_(arg) {}
     ChildStarter(const ChildStarter &) = delete;
     ChildStarter &operator=(const ChildStarter &) = delete;
 
-    // Starts the child and returns its pid once it has exec'd or exited (at once without
-    // waitForExec); -1 with errno when no child could be made. The caller's signal mask is as
+    // Starts the child and returns its pid once it has exec'd or exited (at once without a
+    // report); -1 with errno when no child could be made. The caller's signal mask is as
     // before.
     pid_t start();
 
@@ -85,8 +120,7 @@ class ChildStarter {
 
     int (*body_)(void *);
     void *arg_;
-    ChildReport &report_;
-    bool waitForExec_;
+    ParentReport *report_ = nullptr;  // null: not waited for
     bool shared_ = false;
     char *nestedStackTop_ = nullptr;
 };

@@ -10,31 +10,46 @@
 #include <cstring>
 
 #include "internal/eintr.h"
+#include "internal/errno_saver.h"
 #include "internal/syslog.h"
 #include "internal/unique_fd.h"
+#include "internal/unique_owners.h"
 
 namespace TELO {
 namespace Backup {
 
+using internal::ErrnoSaver;
 using internal::retryOnEintr;
 using internal::UniqueFd;
+using internal::UniqueFile;
+using internal::UniqueMalloc;
 
 namespace {
 
 constexpr char kLogSource[] = "proc/proc_util";
 
+// Room for /proc/<pid>/stat: the command name is short (the kernel cuts it) and the state letter
+// follows it, so it always fits. Not an interface limit.
+constexpr size_t kStatBufferSize = 4096;
+
+// Room for "/proc/<pid>/status"; any pid fits many times over. Not an interface limit.
+constexpr size_t kProcPathSize = 4095;
+
+// The line of /proc/<pid>/status that holds the command name, and room for the name: the
+// "%127s" below reads at most 127 characters of it (the kernel's names are much shorter).
+constexpr char kNameKey[] = "Name:";
+constexpr size_t kNameBufferSize = 128;
+
 }  // namespace
 
 bool Process::isAlive(int pid) {
-    int savedErrno = errno;
-    bool alive = !(kill(pid, 0) != 0 && errno == ESRCH);
-    errno = savedErrno;
-    return alive;
+    ErrnoSaver keep;
+    return !(kill(pid, 0) != 0 && errno == ESRCH);
 }
 
 int Process::getStatus(int pid) {
     if (pid <= 0) return 0;
-    char buffer[4096];
+    char buffer[kStatBufferSize];
     snprintf(buffer, sizeof(buffer), "/proc/%d/stat", pid);
     UniqueFd fd(retryOnEintr([&] { return open(buffer, O_RDONLY | O_CLOEXEC); }));
     if (!fd) return 0;
@@ -57,34 +72,33 @@ bool Process::getProcCmd(int pid, std::string &name) {
         TELO_LOG_ERR("Error: invalid pid [%d]", pid);
         return false;
     }
-    char path[4095];
+    char path[kProcPathSize];
     snprintf(path, sizeof(path), "/proc/%d/status", pid);
-    FILE *stream = fopen(path, "re");
-    if (stream == nullptr) {
+    UniqueFile stream(fopen(path, "re"));
+    if (!stream) {
         TELO_LOG_ERR("Error: failed to open [%s] %m", path);
         return false;
     }
-    char *line = nullptr;
+    char *line = nullptr;  // getline's buffer, which it may move as it grows: freed below
     size_t capacity = 0;
-    char found[128] = {};
+    char found[kNameBufferSize] = {};
     bool ok = true;
-    while (getline(&line, &capacity, stream) != -1) {
-        if (strncmp(line, "Name:", 5) != 0) continue;
+    while (getline(&line, &capacity, stream.get()) != -1) {
+        if (strncmp(line, kNameKey, sizeof(kNameKey) - 1) != 0) continue;
         if (sscanf(line, "Name:\t%127s", found) != 1) {
             TELO_LOG_ERR("Error: no proc command is found [%s]", line);
             ok = false;
         }
         break;
     }
-    if (ok && ferror(stream)) {
+    UniqueMalloc<char> lineOwner(line);
+    if (ok && ferror(stream.get())) {
         TELO_LOG_ERR("read fd failed");
         ok = false;
     } else if (ok && found[0] == '\0') {
         TELO_LOG_ERR("Error: can't find proc command");
         ok = false;
     }
-    free(line);
-    fclose(stream);
     if (ok) name = found;
     return ok;
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include "proc/child_signals.h"
 #include "support/child.h"
 #include "support/syslog_capture.h"
 
@@ -91,6 +92,42 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         CHILD_CHECK_EQ(1, log.err("sigaction [9]: Invalid argument"));
         CHILD_CHECK_EQ(1, log.err("failed to set signal handler: original signum [10]"));
         CHILD_CHECK_EQ(3u, log.size());
+    });
+}
+
+// The launcher's SIGCHLD scope: SA_NOCLDWAIT is lifted while it lives, and the flags come back at
+// the end of the scope or at restore() (once), keeping errno. The logged style puts every old flag
+// back; the quiet one only adds SA_NOCLDWAIT back, keeping a change made meanwhile.
+TEST(Signal, ChildFlagsScopeRestoresOnEveryPath) {
+    using TELO::Backup::internal::ChildFlagsScope;
+    EXPECT_CHILD_OK([] {
+        const int host = SA_NOCLDWAIT | SA_RESTART;
+        for (auto style : {ChildFlagsScope::Style::kLoggedAllFlags,
+                           ChildFlagsScope::Style::kQuietNoChildWaitOnly}) {
+            struct sigaction chld = {};
+            chld.sa_flags = host;
+            sigaction(SIGCHLD, &chld, nullptr);
+            {
+                ChildFlagsScope scope(style);
+                CHILD_CHECK(scope.held());
+                CHILD_CHECK_EQ(host, scope.savedFlags() & ~kRestorer);
+                CHILD_CHECK_EQ(SA_RESTART, actionOf(SIGCHLD).sa_flags);
+                chld.sa_flags = SA_NODEFER;  // someone else's change meanwhile
+                sigaction(SIGCHLD, &chld, nullptr);
+                errno = EIO;
+            }
+            CHILD_CHECK_EQ(EIO, errno);
+            bool quiet = style == ChildFlagsScope::Style::kQuietNoChildWaitOnly;
+            CHILD_CHECK_EQ(quiet ? SA_NODEFER | SA_NOCLDWAIT : host, actionOf(SIGCHLD).sa_flags);
+
+            ChildFlagsScope early(style);
+            early.restore();
+            CHILD_CHECK((actionOf(SIGCHLD).sa_flags & SA_NOCLDWAIT) != 0);
+            chld.sa_flags = 0;
+            sigaction(SIGCHLD, &chld, nullptr);
+            early.restore();  // nothing more, nor at the end of the scope
+            CHILD_CHECK_EQ(0, actionOf(SIGCHLD).sa_flags);
+        }
     });
 }
 

@@ -200,7 +200,7 @@ class TELO_EXPORT SubProcess {
     static int getReadFD(PipeFile *pipe);
 
   private:
-    std::unique_ptr<SubProcessPrivate> d;
+    std::unique_ptr<SubProcessPrivate> d_;
 };
 
 }  // namespace Backup
