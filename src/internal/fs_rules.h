@@ -2,7 +2,11 @@
 #ifndef TELO_SRC_INTERNAL_FS_RULES_H
 #define TELO_SRC_INTERNAL_FS_RULES_H
 
+#include <cerrno>
 #include <string>
+
+#include "internal/errno_saver.h"
+#include "telo/platform.h"
 
 namespace TELO {
 namespace Backup {
@@ -13,6 +17,15 @@ namespace internal {
 // to a directory, so that they cannot climb out of it.
 inline bool isPlainName(const std::string &name) {
     return !name.empty() && name.find('/') == std::string::npos && name != "." && name != "..";
+}
+
+// True when a chmod of `path` refused with `chmodErrno` is only what its file system always
+// does: FAT and foreign file systems keep no Unix modes and answer EPERM. errno is kept.
+inline bool chmodRefusalExpected(int chmodErrno, const std::string &path) {
+    if (chmodErrno != EPERM) return false;
+    ErrnoSaver keep;
+    int type = TELOGetFSType(path.c_str(), 0);
+    return type == TELO_FS_FAT || type == TELO_FS_FOREIGN;
 }
 
 }  // namespace internal

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <deque>
 #include <vector>
 
@@ -20,6 +21,9 @@ namespace {
 
 // Symbolic links one open may follow, as the kernel allows.
 constexpr int kMaxLinks = 40;
+
+// Room for "/proc/self/fd/" and any descriptor number; not an interface limit.
+constexpr size_t kProcFdPathSize = 64;
 
 int openat2Call(int dirFd, const char *name, int flags, mode_t mode, uint64_t resolve) {
     struct open_how how = {};
@@ -301,6 +305,14 @@ bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile 
     out = ConfigFile();
     errno = error;
     return false;
+}
+
+int chmodHeld(int fd, mode_t mode) {
+    if (fchmod(fd, mode) == 0) return 0;
+    if (errno != EBADF) return -1;
+    char procPath[kProcFdPathSize];
+    snprintf(procPath, sizeof(procPath), "/proc/self/fd/%d", fd);
+    return chmod(procPath, mode);
 }
 
 }  // namespace internal

@@ -13,8 +13,8 @@
 
 #include "internal/held_rename.h"
 #include "internal/syslog.h"
-#include "internal/tree_remover.h"
 #include "internal/unique_fd.h"
+#include "path/remove_all.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
 
