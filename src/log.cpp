@@ -13,6 +13,7 @@
 #include <string>
 
 #include "internal/eintr.h"
+#include "internal/unique_fd.h"
 #include "telobackup/path/path_util.h"
 
 using TELO::Backup::internal::writeFull;
@@ -134,17 +135,13 @@ void filelog(int level, const char *format, ...) {
 int filelogReopen(void) {
     int fd = logFd.load(std::memory_order_acquire);
     if (fd < 0 || fd == STDERR_FILENO) return 0;
-    int fresh;
+    int opened;
     do {
-        fresh = open(logPath, kOpenFlags, 0666);
-    } while (fresh < 0 && errno == EINTR);
-    if (fresh < 0) return -1;
-    int result = 0;
-    if (dup3(fresh, fd, O_CLOEXEC) < 0) result = -1;
-    int saved = errno;
-    close(fresh);
-    errno = saved;
-    return result;
+        opened = open(logPath, kOpenFlags, 0666);
+    } while (opened < 0 && errno == EINTR);
+    TELO::Backup::internal::UniqueFd fresh(opened);
+    if (!fresh) return -1;
+    return dup3(fresh.get(), fd, O_CLOEXEC) < 0 ? -1 : 0;  // closing `fresh` keeps errno
 }
 
 }  // extern "C"

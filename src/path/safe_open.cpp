@@ -11,6 +11,7 @@
 #include <deque>
 #include <vector>
 
+#include "internal/errno_saver.h"
 #include "telobackup/path/path_util.h"
 
 namespace TELO {
@@ -133,9 +134,8 @@ class ConfigPathWalk {
 
     // The directory is handed out also when only the file is missing.
     bool finish(ConfigFile &out) {
-        int saved = errno;
-        if (out.fd || saved == ENOENT) out.dir = std::move(cur_);
-        errno = saved;
+        ErrnoSaver keep;
+        if (out.fd || keep.value() == ENOENT) out.dir = std::move(cur_);
         return static_cast<bool>(out.fd);
     }
 
@@ -269,13 +269,12 @@ bool openConfigFileAnyKind(const std::string &path, int flags, mode_t mode, Conf
         if (dir) {
             out.fd.reset(openat(dir.get(), base.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
             if (out.fd || errno != ELOOP) {
-                int saved = errno;
-                if (out.fd || saved == ENOENT) {
+                ErrnoSaver keep;
+                if (out.fd || keep.value() == ENOENT) {
                     out.dir = std::move(dir);
                     out.name = base;
                     out.path = path;
                 }
-                errno = saved;
                 return static_cast<bool>(out.fd);
             }
         } else if (errno != ELOOP && errno != ENOSYS && errno != EPERM) {
