@@ -30,6 +30,9 @@ std::mutex openMutex;
 
 constexpr int kOpenFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_LARGEFILE;
 
+// Lines that fit are formatted on the stack, longer ones on the heap; not a limit on lines.
+constexpr size_t kStackLineSize = 1024;
+
 int acquireLogFd() {
     int fd = logFd.load(std::memory_order_acquire);
     if (fd >= 0) return fd;
@@ -64,7 +67,7 @@ int syncFd(int fd) {
 // Writes one timestamped line with a single write(2), so lines of other threads and processes
 // appending to the same file never land inside it; 0, or -1 with errno.
 int writeLine(int fd, const char *format, va_list ap) {
-    char small[1024];
+    char small[kStackLineSize];
     size_t length = 0;
     time_t now = time(nullptr);
     struct tm local = {};

@@ -34,6 +34,9 @@ namespace {
 
 constexpr char kLogSource[] = "option_map";
 
+// The smallest buffer a decryption is given, however short the stored text.
+constexpr size_t kMinPlainSize = 10;
+
 enum CreateMode { kWithUniqueId, kByName, kGivenId, kWithIncreaseId };
 
 using Buffer = internal::UniqueMalloc<char>;
@@ -69,7 +72,7 @@ bool decryptSecret(const std::string &stored, std::string &out, bool checked) {
         out.clear();
         return true;
     }
-    size_t size = std::max<size_t>(strlen(stored.c_str()), 10);
+    size_t size = std::max<size_t>(strlen(stored.c_str()), kMinPlainSize);
     Buffer buffer(static_cast<char *>(calloc(size, 1)));
     if (!buffer) {
         TELO_LOG_ERR("calloc: %m");

@@ -127,12 +127,12 @@ bool removeSession(const std::string &id, const std::string &path) {
 
 }  // namespace
 
-struct Session::Private {
+struct Session::Impl {
     std::string id;
     std::string path;
 };
 
-Session::Session() : d_(new Private) {}
+Session::Session() : d_(new Impl) {}
 
 Session::~Session() = default;
 
@@ -141,13 +141,13 @@ Session::~Session() = default;
 Session::Session(Session &&other) noexcept = default;
 Session &Session::operator=(Session &&other) noexcept = default;
 
-Session::Private &Session::record() {
-    if (!d_) d_.reset(new Private);
+Session::Impl &Session::record() {
+    if (!d_) d_.reset(new Impl);
     return *d_;
 }
 
 bool Session::create() {
-    Private &s = record();
+    Impl &s = record();
     if (!s.id.empty()) {
         TELO_LOG_ERR("session has already existed[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
@@ -156,7 +156,7 @@ bool Session::create() {
 }
 
 bool Session::create(std::shared_ptr<FilterVolume> filter) {
-    Private &s = record();
+    Impl &s = record();
     if (!s.id.empty()) {
         TELO_LOG_ERR("session has already existed[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
@@ -170,7 +170,7 @@ bool Session::create(std::shared_ptr<FilterVolume> filter) {
 }
 
 bool Session::load(const std::string &id) {
-    Private &s = record();
+    Impl &s = record();
     if (!s.id.empty()) {
         TELO_LOG_ERR("session has been loaded[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
@@ -196,7 +196,7 @@ bool Session::load(const std::string &id) {
 }
 
 bool Session::destroy() {
-    Private &s = record();
+    Impl &s = record();
     bool ok = removeSession(s.id, s.path);
     s.id.clear();
     s.path.clear();

@@ -12,6 +12,10 @@ namespace TELO {
 namespace Backup {
 namespace internal {
 
+// Room for "/proc/self/fd/" and any descriptor number, the path through which a descriptor
+// opened O_PATH is reached by calls that refuse it; not an interface limit.
+constexpr size_t kProcFdPathSize = 64;
+
 // True when `name` names one entry of a directory: not empty, no '/', not "." or "..". Names
 // given by callers (lock tokens, session ids, temporary names) must pass before they are joined
 // to a directory, so that they cannot climb out of it.

@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <deque>
 #include <vector>
 
 #include "internal/errno_saver.h"
+#include "internal/fs_rules.h"
 #include "telobackup/path/path_util.h"
 
 namespace TELO {
@@ -23,8 +25,9 @@ namespace {
 // Symbolic links one open may follow, as the kernel allows.
 constexpr int kMaxLinks = 40;
 
-// Room for "/proc/self/fd/" and any descriptor number; not an interface limit.
-constexpr size_t kProcFdPathSize = 64;
+// A link target that fills this buffer is refused (ENAMETOOLONG): PATH_MAX, the longest path
+// the kernel would resolve.
+constexpr size_t kLinkTargetSize = PATH_MAX;
 
 int openat2Call(int dirFd, const char *name, int flags, mode_t mode, uint64_t resolve) {
     struct open_how how = {};
@@ -148,7 +151,7 @@ class ConfigPathWalk {
     // Queues the target of the link `linkFd` (in the current directory) in place of it.
     bool follow(int linkFd) {
         struct stat st;
-        char target[4096];
+        char target[kLinkTargetSize];
         if (++links_ > kMaxLinks) {
             errno = ELOOP;
             return false;
