@@ -115,9 +115,9 @@ int filelogChecked(int /*level*/, const char *format, ...) {
     errno = 0;
     int fd = acquireLogFd();
     if (fd < 0) {
-        int saved = errno;
+        int openErrno = errno;
         if (TELO::Backup::Path::getLogPath().empty()) return 0;  // turned off
-        errno = saved != 0 ? saved : ENOENT;
+        errno = openErrno != 0 ? openErrno : ENOENT;
         return -1;
     }
     va_list ap;

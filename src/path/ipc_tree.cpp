@@ -1,5 +1,3 @@
-#include "telobackup/path/path_util.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +9,7 @@
 #include "internal/safe_open.h"
 #include "internal/syslog.h"
 #include "internal/unique_fd.h"
+#include "telobackup/path/path_util.h"
 
 // The IPC tree under /tmp: its sub-directories and the lock files beneath "lock".
 

@@ -1,5 +1,6 @@
 #include "telobackup/path/path_util.h"
 
+// Included after the declarations of Path: its basename macro would rename Path::basename.
 #include <libgen.h>
 #include <unistd.h>
 
@@ -11,7 +12,7 @@
 
 #include "internal/unique_owners.h"
 
-// libgen.h maps basename to the POSIX flavour with a macro, which would rename Path::basename.
+// libgen.h maps basename to the POSIX flavour with a macro; the definition below is Path's.
 #undef basename
 
 namespace TELO {

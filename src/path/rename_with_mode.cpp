@@ -1,5 +1,3 @@
-#include "telobackup/path/path_util.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +13,7 @@
 #include "internal/test_hook.h"
 #include "internal/unique_fd.h"
 #include "telo/platform.h"
+#include "telobackup/path/path_util.h"
 
 // Path::renameWithMode and the held-source renames behind it and the scoped temporaries.
 

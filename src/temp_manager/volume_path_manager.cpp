@@ -79,8 +79,8 @@ std::string MaxVolumeFilterBase::fallbackPath() const {
 }
 
 std::string MaxVolumeFilterBase::signatureOf(const char *name) const {
-    return std::string(name) + ":" + std::to_string(location_) + ":" + std::to_string(mode_) +
-           ":" + (useTmpFallback_ ? "1" : "0");
+    return std::string(name) + ":" + std::to_string(location_) + ":" + std::to_string(mode_) + ":" +
+           (useTmpFallback_ ? "1" : "0");
 }
 
 }  // namespace internal
@@ -106,8 +106,7 @@ std::string FilterMaxVolume::getSignature() const {
 }
 
 FilterMaxExtVolume::FilterMaxExtVolume() : MaxVolumeFilterBase(false) {}
-FilterMaxExtVolume::FilterMaxExtVolume(bool useTmpFallback)
-    : MaxVolumeFilterBase(useTmpFallback) {}
+FilterMaxExtVolume::FilterMaxExtVolume(bool useTmpFallback) : MaxVolumeFilterBase(useTmpFallback) {}
 FilterMaxExtVolume::FilterMaxExtVolume(int location, int mode, bool useTmpFallback)
     : MaxVolumeFilterBase(location, mode, useTmpFallback) {}
 bool FilterMaxExtVolume::getVolumeEnumParameter(int &location, int &mode) const {
