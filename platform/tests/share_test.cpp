@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <map>
+#include <sstream>
 
 #include "share_config.h"
 #include "support/process.h"
@@ -300,19 +301,14 @@ TEST(SambaDifferential, AgreesWithTestparm) {
             expected = "refused";
         } else {
             std::vector<std::pair<std::string, std::map<std::string, std::string>>> sections;
-            size_t pos = 0;
-            while (pos < parsed.out.size()) {
-                size_t end = parsed.out.find('\n', pos);
-                if (end == std::string::npos) end = parsed.out.size();
-                std::string line = parsed.out.substr(pos, end - pos);
-                pos = end + 1;
-                if (!line.empty() && line[0] == '[' && line.back() == ']') {
+            std::istringstream lines(parsed.out);
+            for (std::string line; std::getline(lines, line);) {
+                size_t eq = line.find(" = ");
+                if (line.size() > 1 && line[0] == '[' && line.back() == ']') {
                     sections.push_back({line.substr(1, line.size() - 2), {}});
-                } else if (!line.empty() && line[0] == '\t' && !sections.empty()) {
-                    size_t eq = line.find(" = ");
-                    if (eq != std::string::npos) {
-                        sections.back().second[line.substr(1, eq - 1)] = line.substr(eq + 3);
-                    }
+                } else if (!line.empty() && line[0] == '\t' && !sections.empty() &&
+                           eq != std::string::npos) {
+                    sections.back().second[line.substr(1, eq - 1)] = line.substr(eq + 3);
                 }
             }
             std::map<std::string, std::string> global;

@@ -1,5 +1,5 @@
-// Volumes of the generic server: the rules that make a mount a volume, checked on fixture tables
-// and against findmnt's reading of them, the records of the enumeration, and the temporary
+// Volumes of the generic server: the rules that make a mount a volume, checked against findmnt's
+// reading of fixture tables (one per rule), the records of the enumeration, and the temporary
 // directory of a volume. Mount points live in the test's own tree, so statvfs measures the real
 // file system under them.
 #include <gtest/gtest.h>
@@ -47,21 +47,6 @@ std::string joined(const std::vector<std::string> &paths) {
     std::string text;
     for (const std::string &path : paths) text += path + "\n";
     return text;
-}
-
-// The volumes of a table by the platform's rules, every mount point but files (*.file) taken
-// as a directory.
-std::string selected(const std::string &table) {
-    std::vector<MountEntry> entries;
-    EXPECT_TRUE(telo_platform::parseMountTable(table, entries));
-    std::vector<std::string> points;
-    for (size_t i : telo_platform::selectVolumes(
-             entries, telo_platform::hiddenMounts(entries), [](const std::string &point) {
-                 return point.size() < 5 || point.compare(point.size() - 5, 5, ".file") != 0;
-             })) {
-        points.push_back(entries[i].mountPoint);
-    }
-    return joined(points);
 }
 
 // One row of findmnt's listing.
@@ -280,40 +265,6 @@ TEST_F(Volumes, VolumeHoldingAPath) {
     EXPECT_EQ(-1, TELOMountVolInfoGet("/", nullptr));
 }
 
-// Each rule on its own table (mount points all directories unless named *.file).
-TEST(VolumeRules, OneVolumePerVisibleDiskFileSystem) {
-    struct Case {
-        const char *rule, *table, *expected;
-    } cases[] = {
-        {"bind mounts count once: the root mount wins",
-         "1 0 8:16 /sub /b rw - ext4 /dev/sdb1 rw\n2 0 8:16 / /zz/data rw - ext4 /dev/sdb1 rw\n",
-         "/zz/data\n"},
-        {"no root mount: the shortest mount point",
-         "1 0 8:32 /x /long/er rw - xfs /dev/sdc rw\n2 0 8:32 /y /short rw - xfs /dev/sdc rw\n",
-         "/short\n"},
-        {"btrfs subvolumes are one file system",
-         "1 0 0:40 /@ / rw - btrfs /dev/sdb rw\n2 1 0:40 /@home /home rw - btrfs /dev/sdb rw\n",
-         "/\n"},
-        {"loop-backed images of any type are no volumes",
-         "1 0 7:0 / /a rw - ext4 /dev/loop0 rw\n2 0 259:1 / /b rw - xfs /dev/loop1 rw\n"
-         "3 0 8:0 / /c rw - ext4 /dev/sda rw\n",
-         "/c\n"},
-        {"EFI system partitions are no volumes",
-         "1 0 8:1 / /boot/efi rw - vfat /dev/sda1 rw\n2 0 8:2 / /efi rw - vfat /dev/sda2 rw\n"
-         "3 0 8:3 / /usb rw - vfat /dev/sdb1 rw\n4 0 8:4 / /efi rw - ext4 /dev/sdc1 rw\n",
-         "/usb\n/efi\n"},
-        {"hidden by a later mount on the same point or a parent",
-         "1 0 8:0 / / rw - ext4 /dev/sda rw\n2 1 8:1 / /s/d rw - ext4 /dev/sdb rw\n"
-         "3 1 8:2 / /s rw - xfs /dev/sdc rw\n4 3 8:3 / /s rw - ext4 /dev/sdd rw\n",
-         "/\n/s\n"},
-        {"a file bind mount is no volume; a directory mount of the same file system is",
-         "1 0 8:0 /etc/hosts /hosts.file rw - ext4 /dev/sda rw\n"
-         "2 0 8:0 /srv /srv rw - ext4 /dev/sda rw\n",
-         "/srv\n"},
-    };
-    for (const Case &c : cases) EXPECT_EQ(c.expected, selected(c.table)) << c.rule;
-}
-
 // The differential test: findmnt's reading of each fixture table (and of this machine's own
 // table), with the rules applied as stated, gives the volumes the platform enumerates.
 TEST(VolumeDifferential, AgreesWithFindmnt) {
@@ -375,24 +326,4 @@ TEST_F(Volumes, UnwritableVolumeRootGetsNoDirectory) {
         CHILD_CHECK_EQ(unsigned(TELO_ERR_SYSTEM), TLIBCErrGet());
         CHILD_CHECK(!exists(volume + "/.telobackup-tmp"));
     });
-}
-
-// The machine's own mount table: the root file system is a volume unless it is not a disk file
-// system at all (an overlay or tmpfs root, as in many containers).
-TEST(MachineVolumes, RootIsAVolumeWhenItIsADisk) {
-    unsetenv("TELO_MOUNTINFO");
-    int rootType = TELOGetFSType("/", 0);
-    TELOVOLInfo info = {};
-    if (TELOMountVolInfoGet("/", &info) != 0) {
-        GTEST_SKIP() << "the root file system (type code " << rootType
-                     << ") is not a disk volume here";
-    }
-    EXPECT_STREQ("/", info.volPath);
-    bool listed = false;
-    TELOVOLInfo *list = TELOMountVolAllEnum(0, TELOVolumeSupportLocGet(), 2);
-    for (TELOVOLInfo *v = list; v != nullptr; v = v->next) {
-        listed = listed || strcmp(v->volPath, "/") == 0;
-    }
-    TELOMountVolInfoFree(list);
-    EXPECT_TRUE(listed);
 }

@@ -125,20 +125,3 @@ TEST_F(TaskRunner, RunsATaskFile) {
     EXPECT_NE(std::string::npos, log.find(" photos: 3 files archived to "));
     EXPECT_NE(std::string::npos, log.find(" broken: cannot run hook /nonexistent/mount-target"));
 }
-
-// What cannot be used is refused with the reason and exit status 2, changing nothing.
-TEST_F(TaskRunner, RefusesWhatItCannotUse) {
-    CommandResult usage = run({});
-    EXPECT_EQ(2, usage.exitCode);
-    EXPECT_EQ("usage: task_runner TASKS.conf [--set-password SECTION]\n", usage.err);
-    CommandResult missing = run({dir.file("none.conf")});
-    EXPECT_EQ(2, missing.exitCode);
-    EXPECT_EQ("task_runner: cannot read " + dir.file("none.conf") + ": No such file or directory\n",
-              missing.err);
-    writeFile(conf, "[task1]\nsource=\"/x\"\n");
-    CommandResult empty = run({conf, "--set-password", "task1"}, "");
-    EXPECT_EQ(2, empty.exitCode);
-    EXPECT_EQ("task_runner: no password on standard input\n", empty.err);
-    EXPECT_EQ("[task1]\nsource=\"/x\"\n", readFile(conf));
-    EXPECT_EQ((std::vector<std::string>{"tasks.conf"}), listDir(dir.path()));
-}

@@ -3,12 +3,16 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <string>
 
 namespace testsupport {
 
@@ -16,6 +20,39 @@ namespace {
 
 constexpr int kSkipExit = 77;
 constexpr size_t kMessageSize = 1 << 16;
+
+// The directory right under /tmp that holds this test's binary, or "" when it is elsewhere. A
+// checkout under /tmp (a common place to clone to) would vanish under a private /tmp, and with it
+// every helper program the test runs.
+std::string checkoutUnderTmp() {
+    char exe[PATH_MAX];
+    ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    if (length <= 0) return std::string();
+    std::string path(exe, static_cast<size_t>(length));
+    if (path.compare(0, 5, "/tmp/") != 0) return std::string();
+    return path.substr(0, path.find('/', 5));
+}
+
+// Mounts a private /tmp, with the checkout that lived under the old one bound back at its path.
+std::string mountPrivateTmp() {
+    std::string checkout = checkoutUnderTmp();
+    int held = checkout.empty() ? -1 : open(checkout.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (!checkout.empty() && held < 0) {
+        return "cannot hold " + checkout + ": " + strerror(errno);
+    }
+    std::string problem;
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+        problem = std::string("cannot mount a private /tmp: ") + strerror(errno);
+    } else if (held >= 0) {
+        std::string source = "/proc/self/fd/" + std::to_string(held);
+        if (mkdir(checkout.c_str(), 0755) != 0 ||
+            mount(source.c_str(), checkout.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            problem = "cannot keep " + checkout + " under the private /tmp: " + strerror(errno);
+        }
+    }
+    if (held >= 0) close(held);
+    return problem;
+}
 
 std::string prepare(const ChildOptions &options) {
     if (options.privateMounts || options.privateTmp) {
@@ -26,8 +63,9 @@ std::string prepare(const ChildOptions &options) {
             return std::string("cannot make mounts private: ") + strerror(errno);
         }
     }
-    if (options.privateTmp && mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-        return std::string("cannot mount a private /tmp: ") + strerror(errno);
+    if (options.privateTmp) {
+        std::string problem = mountPrivateTmp();
+        if (!problem.empty()) return problem;
     }
     if (options.dropPrivileges) {
         if (geteuid() != 0) return "dropping privileges needs root";

@@ -9,7 +9,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <regex>
@@ -40,39 +39,20 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
 
         CHILD_CHECK_EQ(std::string("[\"global\",\"task1\",\"task2\"]\n"),
                        out({"--json", "config", "sections", conf}));
-        CHILD_CHECK_EQ(
-            0, run({"config", "set", conf, "task1", "retries=5", "--string", "note=two words"})
-                   .exitCode);
-        CHILD_CHECK_EQ(0, run({"config", "unset", conf, "task1", "name"}).exitCode);
-        CHILD_CHECK_EQ(0, run({"config", "delete", conf, "task2"}).exitCode);
+        // Every writing command says what it did as JSON, so a script never parses text.
+        const std::string changed = "{\"changed\":true}\n";
+        CHILD_CHECK_EQ(changed, out({"--json", "config", "set", conf, "task1", "retries=5",
+                                     "--string", "note=two words"}));
+        CHILD_CHECK_EQ(std::string("{\"changed\":false}\n"),
+                       out({"config", "set", conf, "task1", "retries=5", "--json"}));
+        CHILD_CHECK_EQ(changed, out({"--json", "config", "unset", conf, "task1", "name"}));
+        CHILD_CHECK_EQ(changed, out({"--json", "config", "delete", conf, "task2"}));
         Json::Value all = parse(out({"config", "dump", conf}));
         CHILD_CHECK_EQ(std::string("two words"), all["task1"]["note"].asString());
         CHILD_CHECK_EQ(5, all["task1"]["retries"].asInt());
         CHILD_CHECK(!all["task1"].isMember("name") && !all.isMember("task2"));
         CHILD_CHECK_EQ(1, all["global"]["taskid_max"].asInt());  // task2 was not --increasing
         CHILD_CHECK_EQ(std::string("5\n"), out({"config", "get", conf, "task1", "retries"}));
-    });
-}
-
-// Several processes allocating at once, with the default lock token, get distinct sections.
-TEST_F(Tool, ConcurrentNewSectionsAreDistinct) {
-    IN_PRIVATE_TMP([this] {
-        std::vector<pid_t> pids;
-        for (int p = 0; p < 4; ++p) {
-            pid_t pid = fork();
-            if (pid == 0) {
-                for (int i = 0; i < 10; ++i) {
-                    if (run({"config", "new", conf, "job", "--increasing"}).exitCode != 0) _exit(1);
-                }
-                _exit(0);
-            }
-            pids.push_back(pid);
-        }
-        for (pid_t pid : pids) CHILD_CHECK_EQ(0, waitExitCode(pid));
-        Json::Value names = parse(out({"--json", "config", "sections", conf}));
-        std::set<std::string> distinct;
-        for (const Json::Value &name : names) distinct.insert(name.asString());
-        CHILD_CHECK(distinct.size() == 41u && names.size() == 41u);
     });
 }
 
@@ -134,15 +114,10 @@ TEST_F(Tool, NonRegularFilesAreRefusedBeforeTheLock) {
         const std::vector<std::string> entries = listDir(dir.path());
         const Args lock = {"--lock", "held", "--wait", "0"};
         for (const std::string &file : {fifo, zero}) {
-            const std::vector<Args> commands = {
-                {"config", "set", file, "s", "k=1", "--create"},
-                {"config", "set", file, "s", "k=1"},
-                {"config", "new", file, "job", "k=1"},
-                {"config", "new", file, "job", "--increasing"},
-                {"config", "unset", file, "s", "k"},
-                {"config", "delete", file, "s"},
-            };
-            for (Args args : commands) {
+            for (Args args : {Args{"config", "set", file, "s", "k=1", "--create"},
+                              Args{"config", "new", file, "job", "k=1"},
+                              Args{"config", "new", file, "job", "--increasing"},
+                              Args{"config", "delete", file, "s"}}) {
                 args.insert(args.end(), lock.begin(), lock.end());
                 CommandResult r = run(args);
                 if (r.exitCode != 3 || r.err != "telobackup-util: " + file +
@@ -151,11 +126,7 @@ TEST_F(Tool, NonRegularFilesAreRefusedBeforeTheLock) {
                                r.err);
                 }
             }
-            for (const Args &args : std::vector<Args>{{"config", "get", file, "s"},
-                                                      {"config", "sections", file},
-                                                      {"config", "dump", file}}) {
-                CHILD_CHECK_EQ(3, run(args).exitCode);
-            }
+            CHILD_CHECK_EQ(3, run({"config", "dump", file}).exitCode);
         }
         CHILD_CHECK(listDir(dir.path()) == entries);
         close(held);
@@ -235,35 +206,6 @@ TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
                "writers' temporaries removed by the next write\n",
                stopped, leftovers.size());
         fflush(stdout);
-    });
-}
-
-// An ACL an administrator gave the file (setfacl -m u:backup:r) survives every change the tool
-// makes to it.
-TEST_F(Tool, AclOfTheFileSurvivesItsChanges) {
-    const std::string setfacl = programPath("setfacl"), getfacl = programPath("getfacl");
-    if (setfacl.empty() || getfacl.empty()) GTEST_SKIP() << "setfacl and getfacl (package acl) are missing";
-    const struct passwd *backup = getpwnam("backup");
-    const std::string user = backup != nullptr ? "backup" : "34";
-    const std::string uid = backup != nullptr ? std::to_string(backup->pw_uid) : "34";
-    writeFile(conf, "[task1]\nk=1\n", 0640);
-    if (runCommand({setfacl, "-m", "u:" + user + ":r", conf}).exitCode != 0) {
-        GTEST_SKIP() << "the file system of " << dir.path() << " carries no ACLs";
-    }
-    const std::string acl = runCommand({getfacl, "--omit-header", "--numeric", conf}).out;
-    ASSERT_NE(std::string::npos, acl.find("user:" + uid + ":r--")) << acl;
-    IN_PRIVATE_TMP([&] {
-        const std::vector<Args> changes = {
-            {"config", "set", conf, "task1", "k=2"},   {"config", "set", conf, "task1", "j=1"},
-            {"config", "unset", conf, "task1", "k"},   {"config", "new", conf, "task", "k=3"},
-            {"config", "new", conf, "task", "--increasing"}, {"config", "delete", conf, "task2"},
-        };
-        for (const Args &args : changes) {
-            CHILD_CHECK_EQ(0, run(args).exitCode);
-            if (runCommand({getfacl, "--omit-header", "--numeric", conf}).out != acl) {
-                CHILD_FAIL(args[1] + " lost the ACL");
-            }
-        }
     });
 }
 
@@ -421,13 +363,10 @@ TEST_F(Tool, SecretsThatCannotBeEncryptedAreNotStored) {
 // kind of value, duplicate keys and sections, values that do not parse, names in byte order.
 TEST_F(Tool, DumpMatchesGetOfEverySection) {
     std::string deep = std::string(1001, '[') + std::string(1001, ']');
-    writeFile(conf,
-              "orphan=1\n[b]\nint=-5\nbig=123456789012345678901\nreal=1.0\nexp=1e2\nzero=-0\n"
-              "lead=007\nstr=\"a\\\"b\\u00e9/\"\nraw=\"tab\there\"\nlist=[1, \"x\" ]\nempty=[]\n"
-              "obj={\"b\":1,\"a\":[true,null]}\nnested=[[1],{}]\nbad=not json\ndeep=" +
-                  deep +
-                  "\nk=1\nk=2\n[a]\nlist=[\"/**/*.tmp\",\"/x\"]\nt=true\n[b]\nlater=1\n"
-                  "[c\xff]\nv=\"\xfe\xc3\xa9\"\n[]\ne=1\n[A]\n");
+    writeFile(conf, "orphan=1\n[b]\nint=-5\nbig=123456789012345678901\nstr=\"a\\\"b\\u00e9/\"\n"
+                    "list=[1, \"x\" ]\nobj={\"b\":1,\"a\":[true,null]}\nbad=not json\ndeep=" +
+                        deep +
+                        "\nk=1\nk=2\n[a]\nt=true\n[b]\nlater=1\n[c\xff]\nv=\"\xfe\"\n[]\ne=1\n[A]\n");
     std::istringstream names(out({"config", "sections", conf}));
     std::set<std::string> distinct;
     for (std::string name; std::getline(names, name);) distinct.insert(name);
@@ -445,8 +384,7 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
     EXPECT_EQ(expected, dump);
     Json::Value all = parse(dump);
     EXPECT_EQ(2, all["b"]["k"].asInt());
-    EXPECT_TRUE(!all["b"].isMember("later") && !all["b"].isMember("bad") &&
-                !all["b"].isMember("deep"));
+    for (const char *gone : {"later", "bad", "deep"}) EXPECT_FALSE(all["b"].isMember(gone)) << gone;
     EXPECT_EQ("[1,\"x\"]", TELO::Backup::jsonToString(all["b"]["list"]));
 
     // A value as deep as a text may be is set and read whole: neither passes it through the
@@ -466,15 +404,12 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
 // keeps the bytes.
 TEST_F(Tool, JsonOutputEscapesInvalidUtf8) {
     writeFile(conf, "[s\xff]\nv=\"\xc3\xa9 \xc3 \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82\xac\"\n");
-    std::string value =
-        "\"\xc3\xa9 \\u00c3 \\u00ed\\u00a0\\u0080 \\u00f4\\u0090\\u0080\\u0080 \xe2\x82\xac\"";
+    EXPECT_EQ("\"\xc3\xa9 \\u00c3 \\u00ed\\u00a0\\u0080 \\u00f4\\u0090\\u0080\\u0080 "
+              "\xe2\x82\xac\"\n",
+              out({"--json", "config", "get", conf, "s\xff", "v"}));
     EXPECT_EQ("[\"s\\u00ff\"]\n", out({"--json", "config", "sections", conf}));
     EXPECT_EQ("s\xff\n", out({"config", "sections", conf}));
-    EXPECT_EQ("{\"v\":" + value + "}\n", out({"--json", "config", "get", conf, "s\xff"}));
-    EXPECT_EQ(value + "\n", out({"--json", "config", "get", conf, "s\xff", "v"}));
-    EXPECT_EQ("{\"s\\u00ff\":{\"v\":" + value + "}}\n", out({"config", "dump", conf}));
     EXPECT_EQ("{\"kept\":true,\"path\":\"/a\\u00ff\"}\n", out({"--json", "filter", "/a\xff"}));
-    EXPECT_NE(std::string::npos, out({"--help"}).find("\\u00XX"));
 }
 
 // Standard output that fails (a full device, a reader gone) is an error with a message, for
@@ -525,20 +460,6 @@ TEST_F(Tool, FailedStandardOutputIsReported) {
     close(pipeFds[1]);
 }
 
-TEST_F(Tool, UsageErrorsNameTheirWord) {
-    writeFile(conf, "[a]\nx=1\n");
-    CommandResult r = run({"config", "set", conf, "", "k=1"});
-    EXPECT_EQ(2, r.exitCode);
-    EXPECT_NE(std::string::npos, r.err.find("bad section ''")) << r.err;
-    r = run({"config", "frobnicate", conf});
-    EXPECT_NE(std::string::npos, r.err.find("unknown config command 'frobnicate'")) << r.err;
-    r = run({"--json", "frobnicate"});
-    EXPECT_NE(std::string::npos, r.err.find("unknown command 'frobnicate'")) << r.err;
-    r = run({"session", "--help-me"});  // not a word where a command stands: CLI's own message
-    EXPECT_EQ(2, r.exitCode);
-    EXPECT_EQ(std::string::npos, r.err.find("unknown command")) << r.err;
-}
-
 TEST_F(Tool, LogLineThatCannotBeWrittenIsExitCodeFour) {
     for (const std::string &target : {std::string("/dev/full"), dir.file("missing/app.log")}) {
         CommandResult r = runCommand({toolPath(), "log", "lost"}, "", {{"TELO_LOGFILE", target}});
@@ -549,45 +470,40 @@ TEST_F(Tool, LogLineThatCannotBeWrittenIsExitCodeFour) {
     EXPECT_EQ(0, runCommand({toolPath(), "log", "off"}, "", {{"TELO_LOGFILE", ""}}).exitCode);
 }
 
+// One run of each pass-through command; the decisions themselves are the library's tests'.
 TEST_F(Tool, FilterTemplateShareAndLog) {
-    // Paths from arguments and from standard input, both rules, printed kept or excluded.
-    Args rules = {"filter", "--exclude", "/**/*.tmp", "--exclude",
-                  "/x/**",  "--include", "/x/keep/**"};
-    std::string paths = "/a/b.tmp\n/a/c\n/x/keep/f\n/x/drop\n";
-    EXPECT_EQ("/a/c\n/x/keep/f\n", out(rules, paths));
-    Args more = rules;
-    more.push_back("--print-excluded");
-    EXPECT_EQ("/a/b.tmp\n/x/drop\n", out(more, paths));
-    more = rules;
-    more.insert(more.end(), {"--rule", "exclude-wins", "/x/keep/f", "/a/c"});
-    EXPECT_EQ("", out(more));
-    more = rules;
-    more.insert(more.begin(), "--json");
-    more.push_back("/x/drop");
-    EXPECT_FALSE(parse(out(more))["kept"].asBool());
+    std::string paths = "/a/b.tmp\n/x/keep/f\n/x/drop\n";
+    Args rules = {"filter",  "--exclude", "/**/*.tmp", "--exclude",
+                  "/x/**",   "--include", "/x/keep/**"};
+    EXPECT_EQ("/x/keep/f\n", out(rules, paths));
+    rules.push_back("--print-excluded");
+    EXPECT_EQ("/a/b.tmp\n/x/drop\n", out(rules, paths));
     writeFile(dir.file("patterns"), "# comment\nexclude\t/**/*.tmp\nprior\t/a/**\n");
     EXPECT_EQ(std::string("/a/b.tmp\0/b/c\0", 14),
               out({"filter", "-0", "--from-file", dir.file("patterns")},
                   std::string("/a/b.tmp\0/b/c.tmp\0/b/c\0", 23)));
-
-    writeFile(dir.file("t"), "Task {{name}} ({{n}}) {{missing}}");
-    EXPECT_EQ("Task nightly (3) ",
-              out({"template", dir.file("t"), "--vars", "{\"name\":\"nightly\",\"n\":3}"}));
-    writeFile(dir.file("vars.json"), "{\"name\":\"x\"}");
-    EXPECT_EQ("<\"x\">",
-              out({"template", "-", "--vars", "@" + dir.file("vars.json"), "--json-strings"},
-                  "<{{name}}>"));
-
+    writeFile(dir.file("vars.json"), "{\"name\":\"x\",\"n\":3}");
+    EXPECT_EQ("<\"x\"> 3 ", out({"template", "-", "--vars", "@" + dir.file("vars.json"),
+                                  "--json-strings"},
+                                 "<{{name}}> {{n}} {{missing}}"));
+    EXPECT_EQ("{\"text\":\"x!\"}\n",
+              out({"--json", "template", "-", "--vars", "{\"name\":\"x\"}"}, "{{name}}!"));
+    // --strict names the first tag that has no value.
+    writeFile(dir.file("t"), "{{n}}{{b}}");
+    CommandResult r = run({"template", dir.file("t"), "--vars", "{\"n\":null}", "--strict"});
+    EXPECT_EQ(1, r.exitCode);
+    EXPECT_EQ("", r.out);
+    EXPECT_EQ("telobackup-util: template " + dir.file("t") + ": the tag {{b}} has no value\n",
+              r.err);
     EXPECT_EQ("photos\n", out({"share", dir.file("vol/photos/2024/a.jpg")}));
-    EXPECT_EQ("photos",
-              parse(out({"--json", "share", dir.file("vol/photos")}))["share"].asString());
-
-    EXPECT_EQ(0, run({"log", "backup", "finished"}).exitCode);
+    EXPECT_EQ("{\"file\":\"" + dir.file("app.log") + "\",\"logged\":true}\n",
+              out({"--json", "log", "backup", "finished"}));
     EXPECT_TRUE(std::regex_match(readFile(dir.file("app.log")),
                                  std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d backup "
                                             "finished\n")));
 }
 
+// A listener is found; once it is gone, the message gives the reason.
 TEST_F(Tool, ProbeFindsAListener) {
     int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     struct sockaddr_in address = {};
@@ -599,15 +515,12 @@ TEST_F(Tool, ProbeFindsAListener) {
     getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
     std::string port = std::to_string(ntohs(address.sin_port));
     EXPECT_EQ("127.0.0.1\n", out({"probe", "127.0.0.1", port, "--timeout", "2"}));
-    Json::Value result = parse(out({"--json", "probe", "127.0.0.1", port}));
-    EXPECT_EQ(0, result["result"].asInt());
-    EXPECT_EQ("127.0.0.1", result["ip"].asString());
     close(listener);
-    // Nothing listens any more: the message gives the reason.
     CommandResult refused = run({"probe", "127.0.0.1", port, "--timeout", "2"});
     EXPECT_EQ(6, refused.exitCode);
-    EXPECT_EQ("telobackup-util: 127.0.0.1:" + port + ": connection refused\n",
-              refused.err);
+    EXPECT_EQ("telobackup-util: 127.0.0.1:" + port + ": connection refused\n", refused.err);
+    Json::Value result = parse(out({"--json", "probe", "127.0.0.1", port}));
+    EXPECT_EQ("refused", result["tries"][0]["outcome"].asString());
 }
 
 // The one volume of the mount table is a directory of the test: temporaries and sessions land
@@ -634,7 +547,8 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
         std::string id = session["id"].asString();
         CHILD_CHECK(std::regex_match(id, std::regex("seln\\.[A-Za-z0-9]{6}")));
         CHILD_CHECK_EQ(session["path"].asString() + "\n", out({"session", "path", id}));
-        CHILD_CHECK_EQ(0, run({"session", "destroy", id}).exitCode);
+        CHILD_CHECK_EQ("{\"changed\":true,\"id\":\"" + id + "\"}\n",
+                       out({"--json", "session", "destroy", id}));
         CHILD_CHECK_EQ(1, run({"session", "path", id}).exitCode);
         std::string local = out({"session", "create"});
         CHILD_CHECK(local.rfind("sess.", 0) == 0);
@@ -646,47 +560,16 @@ TEST_F(Tool, VolumesTemporariesAndSessions) {
 // or "(no volume)"; a mount point cannot break the text table or drive the terminal.
 TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
-    writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\ninclude = /dev/zero\n");
-    struct Case {
-        std::map<std::string, std::string> env;
-        Args args;
-        int exitCode;
-        std::string message;
-    } cases[] = {
-        {{{"TELO_SHARES_CONF", dir.file("none")}, {"TELO_SMB_CONF", dir.file("none.smb")}},
-         {"share", "/srv/x"},
-         3,
-         "/srv/x: no share configuration: neither " + dir.file("none") + " nor " +
-             dir.file("none.smb") + " exists"},
-        {{{"TELO_SHARES_CONF", dir.file("fifo")}},
-         {"share", "/srv/x"},
-         3,
-         "/srv/x: shares file " + dir.file("fifo") + ": not a regular file"},
-        {{{"TELO_SHARES_CONF", dir.file("none")}, {"TELO_SMB_CONF", dir.file("smb.conf")}},
-         {"share", "/srv/media/x"},
-         3,
-         "/srv/media/x: Samba configuration " + dir.file("smb.conf") +
-             ":3: include /dev/zero: not a regular file"},
-        {{}, {"share", "/elsewhere"}, 1, "/elsewhere: in no share"},
-        {{{"TELO_MOUNTINFO", "/dev/zero"}},
-         {"volumes"},
-         3,
-         "volumes: mount table /dev/zero: not a regular file"},
-        {{{"TELO_MOUNTINFO", dir.file("fifo")}},
-         {"--json", "volumes"},
-         3,
-         "volumes: mount table " + dir.file("fifo") + ": not a regular file"},
-    };
-    for (const Case &c : cases) {
-        CommandResult r = run(c.args, "", c.env);
-        EXPECT_EQ(c.exitCode, r.exitCode) << c.message;
-        if (c.args[0] == "--json") {
-            EXPECT_EQ(0u, parse(r.err)["error"].asString().find(c.message)) << r.err;
-        } else {
-            EXPECT_EQ(0u, r.err.find("telobackup-util: " + c.message)) << r.err;
-        }
-        EXPECT_EQ("", r.out);
-    }
+    CommandResult r = run({"share", "/srv/x"}, "", {{"TELO_SHARES_CONF", dir.file("fifo")}});
+    EXPECT_EQ(3, r.exitCode);
+    EXPECT_EQ(0u, r.err.find("telobackup-util: /srv/x: shares file " + dir.file("fifo") +
+                             ": not a regular file"))
+        << r.err;
+    r = run({"--json", "volumes"}, "", {{"TELO_MOUNTINFO", dir.file("fifo")}});
+    EXPECT_EQ(3, r.exitCode);
+    EXPECT_EQ(0u, parse(r.err)["error"].asString().find("volumes: mount table " +
+                                                        dir.file("fifo") + ": not a regular file"));
+    EXPECT_EQ("", r.out);
 
     std::string odd = dir.file("a\nb\x1b[31mc\\d");
     ASSERT_EQ(0, mkdir(odd.c_str(), 0755));
@@ -696,13 +579,4 @@ TEST_F(Tool, ShareAndVolumeConfigurationFailuresSaySo) {
     EXPECT_NE(std::string::npos, table.find(dir.file("a\\x0ab\\x1b[31mc\\x5cd") + " "));
     EXPECT_EQ(std::string::npos, table.find('\x1b'));
     EXPECT_EQ(odd, parse(out({"--json", "volumes"}))["volumes"][0]["path"].asString());
-}
-
-TEST_F(Tool, HelpAndVersion) {
-    for (Args args : {Args{"--help"}, Args{"config", "--help"}, Args{"config", "new", "--help"},
-                      Args{"filter", "--help"}, Args{"session", "destroy", "--help"}}) {
-        CommandResult r = run(args);
-        EXPECT_TRUE(r.exitCode == 0 && r.out.find("Usage:") != std::string::npos) << args[0];
-    }
-    EXPECT_EQ(0u, out({"--version"}).find("telobackup-util "));
 }
