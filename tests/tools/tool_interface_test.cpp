@@ -3,6 +3,7 @@
 // place, help examples, the manual page and the bash completion.
 #include <sys/mount.h>
 
+#include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -228,6 +229,32 @@ TEST_F(Tool, ManualPageCoversTheParser) {
         }
         EXPECT_TRUE(std::regex_search(text, std::regex("\\$ [^\n]*telobackup-util")))
             << name << ": no example";
+    }
+}
+
+// Every command's --help ends with two or three examples, each a command line and its comment.
+TEST_F(Tool, EveryHelpEndsWithExamples) {
+    Json::Value tree = parse(out({"--generate-tree"}));
+    std::vector<Args> commands = {Args{}};
+    for (const Json::Value &command : tree["commands"]) {
+        std::istringstream words(command["command"].asString());
+        commands.emplace_back(std::istream_iterator<std::string>(words),
+                              std::istream_iterator<std::string>());
+    }
+    ASSERT_GT(commands.size(), 15u);
+    for (Args args : commands) {
+        args.push_back("--help");
+        std::string help = out(args);
+        size_t examples = help.rfind("\nExamples:\n");
+        ASSERT_NE(std::string::npos, examples) << help;
+        std::vector<std::string> lines = linesOf(help.substr(examples + 11));
+        while (!lines.empty() && lines.back().empty()) lines.pop_back();
+        ASSERT_TRUE(lines.size() == 4 || lines.size() == 6) << help;
+        for (size_t i = 0; i < lines.size(); i += 2) {
+            EXPECT_TRUE(std::regex_search(lines[i], std::regex("^  \\$ .*telobackup-util")))
+                << lines[i];
+            EXPECT_EQ(0u, lines[i + 1].rfind("      ", 0)) << lines[i + 1];
+        }
     }
 }
 
