@@ -1,7 +1,7 @@
-// Path-filter patterns on arbitrary bytes: the compiled matcher, match() and a regular-expression
-// reference decide alike, rebase() agrees with plain recursion, and neither match() nor rebase()
-// reads past the end of its inputs (each input lives in a heap block of exactly its size, so
-// ASan sees any overread).
+// Path-filter patterns on arbitrary bytes: the compiled matcher, a filter holding the pattern,
+// match() and a regular-expression reference decide alike, rebase() agrees with plain recursion,
+// and neither match() nor rebase() reads past the end of its inputs (each input lives in a heap
+// block of exactly its size, so ASan sees any overread).
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +12,7 @@
 
 #include "path/path_filter_private.h"
 #include "support/glob_reference.h"
+#include "telobackup/path/path_filter.h"
 
 using TELO::Backup::PathFilterPrivate;
 using TELO::Backup::internal::CompiledPattern;
@@ -54,6 +55,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     memcpy(bare.get(), path.data(), path.size());
     MatchSubject subject(bare.get(), path.size());
     check(CompiledPattern(pattern.c_str()).matches(subject) == byMatch);
+
+    // Through a filter, whose candidate table by last byte must not hide the pattern.
+    TELO::Backup::PathFilter excluding, including;
+    excluding.addExcludePattern(pattern);
+    including.addIncludePattern(pattern);
+    check(excluding.filterOut(path) == byMatch);
+    check(including.filterOutIncludeException(path) == !byMatch);
 
     // glibc's regex engine gets slow on long inputs; short ones cover the language.
     if (pattern.size() <= 256 && path.size() <= 1024) {

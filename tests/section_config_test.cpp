@@ -151,23 +151,6 @@ TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
-// A configuration reached through a symbolic link is rewritten at its target: the link stays a
-// link and the target keeps its mode.
-TEST_F(SectionConfigFile, RewritesThroughALinkReplaceItsTarget) {
-    ASSERT_EQ(0, mkdir(dir.file("real").c_str(), 0755));
-    std::string target = dir.file("real/c.conf"), link = dir.file("c.conf");
-    writeFile(target, kSample, 0640);
-    ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
-    EXPECT_TRUE(SectionConfig::updateSection(link, "b", json("{\"y\":3}"), false));
-    EXPECT_TRUE(SectionConfig::removeSection(link, "a"));
-    struct stat st;
-    ASSERT_EQ(0, lstat(link.c_str(), &st));
-    EXPECT_TRUE(S_ISLNK(st.st_mode));
-    EXPECT_EQ("#top\n[b]\ny=3\n", readFile(target));
-    EXPECT_EQ(0640, fileMode(target));
-    EXPECT_EQ(Lines{"c.conf"}, listDir(dir.file("real")));
-}
-
 // Names that would not read back as written are refused before anything is touched; odd
 // content elsewhere (a 10 MB line, invalid UTF-8, a NUL byte) survives rewrites of other
 // sections.

@@ -21,15 +21,15 @@
 // file is created through a link only when the link is root's or the caller's. So a user who
 // plants a link in their own directory cannot make a root caller read or write elsewhere.
 //
-// Rewrites (updateSection, removeSection) write the whole file to a temporary beside it
-// ("<file>.XXXXXX"), sync it to storage, move it over the file with Path::renameWithMode (mode,
-// owner and ACL kept) and sync the directory: a crash leaves the old file or the new one. Lines
-// are written back trimmed ("key=value", "[name]", comments and invalid lines as trimmed
-// text). A rewrite through a trusted link replaces the link's target; every step after the
-// open happens in the directory the file was found in, and the temporary is checked through
-// its descriptor before and after the rename. A process killed during a rewrite can leave its
-// temporary behind; such files are never read, and a caller that serialises its writers may
-// remove "<file>.??????" entries that are regular files while it holds its lock.
+// Rewrites (updateSection, updateSections, removeSection) write the whole file to a temporary
+// beside it ("<file>.XXXXXX"), sync it to storage, move it over the file with Path::renameWithMode
+// (mode, owner and ACL kept) and sync the directory: a crash leaves the old file or the new one.
+// Lines are written back trimmed ("key=value", "[name]", comments and invalid lines as trimmed
+// text). A rewrite through a trusted link replaces the link's target; every step after the open
+// happens in the directory the file was found in, and the temporary is checked through its
+// descriptor before and after the rename. A process killed during a rewrite can leave its temporary
+// behind; such files are never read, and a caller that serialises its writers may remove
+// "<file>.??????" entries that are regular files while it holds its lock.
 #ifndef TELOBACKUP_SECTION_CONFIG_H
 #define TELOBACKUP_SECTION_CONFIG_H
 
@@ -127,6 +127,37 @@ class TELO_EXPORT SectionConfig {
     // "rename failed, %m"; a failed write while copying is not logged. The directory sync
     // behaves as for updateSection.
     static bool removeSection(const std::string &file, const std::string &section);
+
+    // updateSection for several sections in ONE rewrite of `file`, so that readers see all of
+    // them changed or none: `sections` is an object whose members name the sections, each an
+    // object (or null) of the keys that section must hold exactly. Every copy of each section
+    // gets its members; with `create`, a missing file is created and the sections not found
+    // are appended at the end in the object's order (jsoncpp keeps members sorted by name).
+    // Every name is checked, as updateSection checks them, before the file is touched. An
+    // object without members leaves the file untouched (not even opened) and returns true.
+    // Failure: false with the file byte-identical and no temporary left; errno EINVAL when
+    // `sections` is no object (nothing logged), else as updateSection, with the same log lines
+    // (a member that is neither an object nor null is refused as an invalid name); ENOENT
+    // without `create` when the file or any of the sections is missing (not logged).
+    static bool updateSections(const std::string &file, const Json::Value &sections,
+                               bool create);
+
+    // Opens the configuration file `file` for reading as loadSection opens it: symbolic links
+    // are followed only as described above, and only a regular file is opened (without
+    // blocking, so a FIFO cannot stall the call). Returns a stream at the start of the file,
+    // close-on-exec, which the caller closes (for parseFile, or to read the whole text).
+    // Failure: null; errno ENOENT (missing), EPERM (a link not followed), EISDIR or EINVAL (no
+    // regular file), else from open(2) or fdopen(3). Nothing is logged.
+    static FILE *openFile(const std::string &file);
+
+    // Removes the temporaries that rewrites of `file` killed on the way left behind: entries of
+    // the file's directory (found as openFile finds the file) named the file's name, a dot and
+    // six letters or digits, that are regular files of the caller's effective uid unchanged for
+    // ten minutes. Links are not followed; every step is relative to the directory. Call it
+    // only while holding the lock that serialises the writers of `file`, so that no live
+    // rewrite loses its temporary. Returns how many were removed; a failure leaves the entry
+    // for the next writer. Nothing is logged; errno is kept.
+    static int removeStaleTemporaries(const std::string &file);
 };
 
 }  // namespace Backup

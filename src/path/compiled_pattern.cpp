@@ -15,55 +15,6 @@ namespace {
 
 constexpr size_t npos = std::string::npos;
 
-// Blocks of more words than this run on a per-thread buffer instead of the stack.
-constexpr unsigned kStackWords = 8;
-
-// The state set of a multi-word run.
-class StateBuffer {
-  public:
-    explicit StateBuffer(unsigned words) : set(stack_) {
-        if (words > kStackWords) {
-            static thread_local std::vector<uint64_t> heap;
-            if (heap.size() < words) heap.resize(words);
-            set = heap.data();
-        }
-    }
-    uint64_t *set;
-
-  private:
-    uint64_t stack_[kStackWords];
-};
-
-// One byte of input for a one-word automaton: tokens that consume the byte advance, single
-// stars keep their state on any byte but "/", then every star may be skipped.
-inline uint64_t stepOne(uint64_t set, uint64_t accept, uint64_t star, bool slash) {
-    uint64_t next = (set & accept) << 1;
-    if (!slash) next |= set & star;
-    return next | ((next & star) << 1);
-}
-
-// The same over `words` words, in place, in one pass: the carries take the bits that move
-// from one word to the next (a star is never the first bit reached by a skip, as stars are
-// never adjacent). `inject` (may be null) is or-ed in. Returns whether any state is left.
-inline bool stepWords(uint64_t *set, const uint64_t *accept, const uint64_t *star,
-                      const uint64_t *inject, unsigned words, bool slash) {
-    uint64_t moveCarry = 0, skipCarry = 0, any = 0;
-    uint64_t keep = slash ? 0 : ~uint64_t(0);
-    for (unsigned w = 0; w < words; ++w) {
-        uint64_t old = set[w];
-        uint64_t moved = old & accept[w];
-        uint64_t next = (moved << 1) | moveCarry | (old & star[w] & keep);
-        moveCarry = moved >> 63;
-        uint64_t skipped = next & star[w];
-        next |= (skipped << 1) | skipCarry;
-        skipCarry = skipped >> 63;
-        if (inject != nullptr) next |= inject[w];
-        set[w] = next;
-        any |= next;
-    }
-    return any != 0;
-}
-
 }  // namespace
 
 // ---- MatchSubject -----------------------------------------------------------------------------
@@ -103,129 +54,6 @@ size_t find(const char *text, const std::string &needle, size_t from, size_t lim
 }
 
 }  // namespace
-
-// ---- BlockAutomaton ---------------------------------------------------------------------------
-
-void BlockAutomaton::build(const std::vector<Token> &tokens) {
-    unsigned states = static_cast<unsigned>(tokens.size()) + 1;
-    words_ = (states + 63) / 64;
-    bool named[256] = {};
-    unsigned classes = 2;
-    memset(byteClass_, 0, sizeof(byteClass_));
-    byteClass_[static_cast<unsigned char>('/')] = 1;
-    named[static_cast<unsigned char>('/')] = true;
-    for (const Token &t : tokens) {
-        if (t.kind == TokenKind::Literal && !named[t.byte]) {
-            named[t.byte] = true;
-            byteClass_[t.byte] = static_cast<uint8_t>(classes++);
-        }
-    }
-    accept_.assign(size_t(classes) * words_, 0);
-    star_.assign(words_, 0);
-    start_.assign(words_, 0);
-    for (unsigned i = 0; i < tokens.size(); ++i) {
-        uint64_t bit = uint64_t(1) << (i % 64);
-        unsigned word = i / 64;
-        switch (tokens[i].kind) {
-            case TokenKind::Literal:
-                accept_[byteClass_[tokens[i].byte] * words_ + word] |= bit;
-                break;
-            case TokenKind::AnyByte:
-                for (unsigned c = 0; c < classes; ++c) {
-                    if (c != 1) accept_[c * words_ + word] |= bit;
-                }
-                break;
-            default:
-                star_[word] |= bit;
-                break;
-        }
-    }
-    start_[0] = 1;
-    if (!tokens.empty() && tokens[0].kind == TokenKind::Star) start_[0] |= 2;
-    finalWord_ = (states - 1) / 64;
-    finalBit_ = uint64_t(1) << ((states - 1) % 64);
-}
-
-template <bool kOneWord, bool kSearch>
-size_t BlockAutomaton::forward(const char *text, size_t from, size_t limit, bool exact) const {
-    if (kOneWord) {
-        const uint64_t star = star_[0], start = start_[0], final = finalBit_;
-        uint64_t set = start;
-        if (!exact && (set & final) != 0) return from;
-        for (size_t i = from; i < limit; ++i) {
-            unsigned char c = static_cast<unsigned char>(text[i]);
-            set = stepOne(set, accept_[byteClass_[c]], star, c == '/');
-            if (kSearch) {
-                set |= start;
-            } else if (set == 0) {
-                return npos;
-            }
-            if (!exact && (set & final) != 0) return i + 1;
-        }
-        return exact && (set & final) != 0 ? limit : npos;
-    }
-    StateBuffer buffer(words_);
-    uint64_t *set = buffer.set;
-    memcpy(set, start_.data(), words_ * sizeof(uint64_t));
-    if (!exact && (set[finalWord_] & finalBit_) != 0) return from;
-    for (size_t i = from; i < limit; ++i) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        if (!stepWords(set, &accept_[byteClass_[c] * words_], star_.data(),
-                       kSearch ? start_.data() : nullptr, words_, c == '/')) {
-            return npos;
-        }
-        if (!exact && (set[finalWord_] & finalBit_) != 0) return i + 1;
-    }
-    return exact && (set[finalWord_] & finalBit_) != 0 ? limit : npos;
-}
-
-template <bool kOneWord>
-size_t BlockAutomaton::backward(const char *text, size_t lo, size_t end) const {
-    if (kOneWord) {
-        const uint64_t star = star_[0], final = finalBit_;
-        uint64_t set = start_[0];
-        if ((set & final) != 0) return end;
-        for (size_t i = end; i > lo;) {
-            unsigned char c = static_cast<unsigned char>(text[--i]);
-            set = stepOne(set, accept_[byteClass_[c]], star, c == '/');
-            if (set == 0) return npos;
-            if ((set & final) != 0) return i;
-        }
-        return npos;
-    }
-    StateBuffer buffer(words_);
-    uint64_t *set = buffer.set;
-    memcpy(set, start_.data(), words_ * sizeof(uint64_t));
-    if ((set[finalWord_] & finalBit_) != 0) return end;
-    for (size_t i = end; i > lo;) {
-        unsigned char c = static_cast<unsigned char>(text[--i]);
-        if (!stepWords(set, &accept_[byteClass_[c] * words_], star_.data(), nullptr, words_,
-                       c == '/')) {
-            return npos;
-        }
-        if ((set[finalWord_] & finalBit_) != 0) return i;
-    }
-    return npos;
-}
-
-size_t BlockAutomaton::earliestEnd(const char *text, size_t from, size_t limit) const {
-    return words_ == 1 ? forward<true, false>(text, from, limit, false)
-                       : forward<false, false>(text, from, limit, false);
-}
-
-size_t BlockAutomaton::searchEarliestEnd(const char *text, size_t from, size_t limit) const {
-    return words_ == 1 ? forward<true, true>(text, from, limit, false)
-                       : forward<false, true>(text, from, limit, false);
-}
-
-bool BlockAutomaton::matchesExactly(const char *text, size_t from, size_t end) const {
-    return (words_ == 1 ? forward<true, false>(text, from, end, true)
-                        : forward<false, false>(text, from, end, true)) != npos;
-}
-
-size_t BlockAutomaton::latestStartReversed(const char *text, size_t lo, size_t end) const {
-    return words_ == 1 ? backward<true>(text, lo, end) : backward<false>(text, lo, end);
-}
 
 // ---- Piece, LiteralRun ------------------------------------------------------------------------
 
@@ -282,31 +110,61 @@ bool canPlace(const std::vector<Piece> &pieces, Role role) {
     return true;
 }
 
+// A block's tokens as pieces, cut at its single stars; the pieces with "?" and no "/" get the
+// automaton that searches for them.
+std::vector<Piece> cutIntoPieces(const std::vector<Token> &tokens) {
+    std::vector<Piece> pieces(1);
+    for (const Token &t : tokens) {
+        if (t.kind == TokenKind::Star) {
+            pieces.emplace_back();
+            continue;
+        }
+        Piece &piece = pieces.back();
+        bool slash = t.kind == TokenKind::Literal && t.byte == '/';
+        if (slash && piece.firstSlash == Piece::npos) piece.firstSlash = piece.size();
+        if (slash) piece.lastSlash = piece.size();
+        piece.literalOnly = piece.literalOnly && t.kind == TokenKind::Literal;
+        piece.any += t.kind == TokenKind::AnyByte ? '\1' : '\0';
+        piece.bytes += t.kind == TokenKind::Literal ? static_cast<char>(t.byte) : '?';
+    }
+    for (Piece &piece : pieces) {
+        if (piece.literalOnly || piece.hasSlash()) continue;
+        std::vector<Token> own;
+        for (size_t i = 0; i < piece.size(); ++i) {
+            own.push_back({piece.any[i] ? TokenKind::AnyByte : TokenKind::Literal,
+                           static_cast<unsigned char>(piece.bytes[i])});
+        }
+        piece.search.build(own);
+    }
+    return pieces;
+}
+
 }  // namespace
 
 CompiledPattern::CompiledPattern(const char *pattern) {
     std::vector<Token> tokens;
-    for (const char *p = pattern; *p != '\0'; ++p) {
-        if (*p == '\\') {
-            // A lone "\" at the end is compared with the end of the string: never equal.
-            if (p[1] == '\0') {
-                kind_ = Kind::Never;
-                minLength_ = SIZE_MAX;
-                return;
-            }
-            ++p;
-            tokens.push_back({TokenKind::Literal, static_cast<unsigned char>(*p)});
-        } else if (*p == '*') {
-            bool run = p[1] == '*';
-            while (p[1] == '*') ++p;
-            tokens.push_back({run ? TokenKind::StarRun : TokenKind::Star, 0});
-        } else if (*p == '?') {
-            tokens.push_back({TokenKind::AnyByte, 0});
-        } else {
-            tokens.push_back({TokenKind::Literal, static_cast<unsigned char>(*p)});
-        }
+    if (!tokenize(pattern, tokens)) {
+        kind_ = Kind::Never;
+        minLength_ = SIZE_MAX;
+        return;
     }
+    if (!takeLiteralEnds(tokens) || !classifyCore(tokens)) return;
+    buildBlocks(tokens);
+}
 
+// False when the pattern can never match: it ends in a lone "\", which is compared with the end
+// of the path and never equal.
+bool CompiledPattern::tokenize(const char *pattern, std::vector<Token> &tokens) {
+    for (Token t = readToken(pattern); t.kind != TokenKind::End; t = readToken(pattern)) {
+        if (t.kind == TokenKind::LoneBackslash) return false;
+        tokens.push_back(t);
+    }
+    return true;
+}
+
+// Moves the literal prefix and suffix out of `tokens`, leaving the core between them, and
+// counts the bytes every match has. False when no core is left: the pattern is Exact.
+bool CompiledPattern::takeLiteralEnds(std::vector<Token> &tokens) {
     size_t first = 0, last = tokens.size();
     std::string prefix, suffix;
     while (first < last && tokens[first].kind == TokenKind::Literal) {
@@ -316,7 +174,7 @@ CompiledPattern::CompiledPattern(const char *pattern) {
     if (first == last) {
         kind_ = Kind::Exact;
         minLength_ = prefix.size();
-        return;
+        return false;
     }
     while (tokens[last - 1].kind == TokenKind::Literal) --last;
     for (size_t i = last; i < tokens.size(); ++i) suffix += static_cast<char>(tokens[i].byte);
@@ -324,8 +182,14 @@ CompiledPattern::CompiledPattern(const char *pattern) {
     for (const Token &t : tokens) {
         if (t.kind == TokenKind::Literal || t.kind == TokenKind::AnyByte) ++minLength_;
     }
+    tokens.erase(tokens.begin() + last, tokens.end());
+    tokens.erase(tokens.begin(), tokens.begin() + first);
+    return true;
+}
 
-    std::vector<Token> core(tokens.begin() + first, tokens.begin() + last);
+// The cores that need no blocks: one star or run of stars, or a literal between two runs.
+// False when the core is one of them.
+bool CompiledPattern::classifyCore(const std::vector<Token> &core) {
     if (core.size() == 1) {
         if (core[0].kind == TokenKind::StarRun) kind_ = Kind::AnyCore;
         if (core[0].kind == TokenKind::Star) kind_ = Kind::NoSlash;
@@ -342,9 +206,12 @@ CompiledPattern::CompiledPattern(const char *pattern) {
                                                 static_cast<unsigned char>(needle_[2]));
         }
     }
-    if (kind_ != Kind::General) return;
+    return kind_ == Kind::General;
+}
 
-    // Blocks between runs of stars, each cut into pieces at its single stars.
+// Blocks between runs of stars, each cut into pieces; the automaton for the blocks whose pieces
+// cannot be placed one by one in their role.
+void CompiledPattern::buildBlocks(const std::vector<Token> &core) {
     std::vector<std::vector<Token>> blockTokens(1);
     for (const Token &t : core) {
         if (t.kind == TokenKind::StarRun) {
@@ -357,29 +224,7 @@ CompiledPattern::CompiledPattern(const char *pattern) {
     for (size_t b = 0; b < blocks_.size(); ++b) {
         Block &block = blocks_[b];
         const std::vector<Token> &ts = blockTokens[b];
-        block.pieces.emplace_back();
-        for (const Token &t : ts) {
-            if (t.kind == TokenKind::Star) {
-                block.pieces.emplace_back();
-                continue;
-            }
-            Piece &piece = block.pieces.back();
-            bool slash = t.kind == TokenKind::Literal && t.byte == '/';
-            if (slash && piece.firstSlash == Piece::npos) piece.firstSlash = piece.size();
-            if (slash) piece.lastSlash = piece.size();
-            piece.literalOnly = piece.literalOnly && t.kind == TokenKind::Literal;
-            piece.any += t.kind == TokenKind::AnyByte ? '\1' : '\0';
-            piece.bytes += t.kind == TokenKind::Literal ? static_cast<char>(t.byte) : '?';
-        }
-        for (Piece &piece : block.pieces) {
-            if (piece.literalOnly || piece.hasSlash()) continue;
-            std::vector<Token> own;
-            for (size_t i = 0; i < piece.size(); ++i) {
-                own.push_back({piece.any[i] ? TokenKind::AnyByte : TokenKind::Literal,
-                               static_cast<unsigned char>(piece.bytes[i])});
-            }
-            piece.search.build(own);
-        }
+        block.pieces = cutIntoPieces(ts);
         Role role = blocks_.size() == 1       ? Role::Only
                     : b == 0                  ? Role::First
                     : b + 1 == blocks_.size() ? Role::Last

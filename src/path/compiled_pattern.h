@@ -5,8 +5,8 @@
 // every run of stars ("**") into blocks; a block holds literals, "?" and single stars. As a run
 // of stars matches anything, each block may take its earliest possible match, left to right,
 // so no backtracking across blocks is needed. Inside a block the pieces between single stars
-// are placed one by one where that is exact, else a bit-parallel automaton follows all ways
-// the single stars could match at once.
+// are placed one by one where that is exact, else a bit-parallel automaton (block_automaton.h)
+// follows all ways the single stars could match at once.
 #ifndef TELO_SRC_PATH_COMPILED_PATTERN_H
 #define TELO_SRC_PATH_COMPILED_PATTERN_H
 
@@ -15,6 +15,9 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "path/block_automaton.h"
+#include "path/pattern_token.h"
 
 namespace TELO {
 namespace Backup {
@@ -48,44 +51,6 @@ class MatchSubject {
     size_t size_;
     bool summarized_ = false;
     uint64_t pairs_ = 0;
-};
-
-// One pattern token.
-enum class TokenKind : uint8_t { Literal, AnyByte, Star, StarRun };
-struct Token {
-    TokenKind kind;
-    unsigned char byte;  // for Literal
-};
-
-// Bit-parallel automaton of a block (literals, "?" and single stars): bit i of a state set
-// stands for "the first i tokens have matched", so all the ways the stars could have matched
-// so far are followed at once, one word operation per 64 tokens and byte.
-class BlockAutomaton {
-  public:
-    void build(const std::vector<Token> &tokens);
-
-    // Earliest end of a match that starts at `from` and ends at most at `limit`, or npos.
-    size_t earliestEnd(const char *text, size_t from, size_t limit) const;
-    // Earliest end of a match that starts anywhere in [from, limit], ending at most at `limit`.
-    size_t searchEarliestEnd(const char *text, size_t from, size_t limit) const;
-    // Whether the block matches text[from, end) exactly.
-    bool matchesExactly(const char *text, size_t from, size_t end) const;
-    // Built from the reversed tokens: latest start >= `lo` of a match ending at `end`, or npos.
-    size_t latestStartReversed(const char *text, size_t lo, size_t end) const;
-
-  private:
-    template <bool kOneWord, bool kSearch>
-    size_t forward(const char *text, size_t from, size_t limit, bool exact) const;
-    template <bool kOneWord>
-    size_t backward(const char *text, size_t lo, size_t end) const;
-
-    unsigned words_ = 0;
-    unsigned finalWord_ = 0;
-    uint64_t finalBit_ = 0;
-    uint8_t byteClass_[256] = {};   // 0: unnamed bytes, 1: "/", then each literal byte
-    std::vector<uint64_t> accept_;  // [class * words_ + word]: tokens that consume the class
-    std::vector<uint64_t> star_;    // [word]: single-star tokens
-    std::vector<uint64_t> start_;   // [word]: the start state and what a star lets it skip
 };
 
 // A fixed-length run of literals and "?" inside a block.
@@ -162,6 +127,12 @@ class CompiledPattern {
         bool placed = false;       // for the block's role (first, middle, last or only block)
         BlockAutomaton automaton;  // when not placed; reversed for the last block
     };
+
+    // The four steps of compiling, in order; each returns whether a later one is needed.
+    static bool tokenize(const char *pattern, std::vector<Token> &tokens);
+    bool takeLiteralEnds(std::vector<Token> &tokens);
+    bool classifyCore(const std::vector<Token> &core);
+    void buildBlocks(const std::vector<Token> &core);
 
     bool matchCore(MatchSubject &subject) const;
     bool matchBlocks(const char *text, size_t lo, size_t hi) const;

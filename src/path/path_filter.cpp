@@ -13,30 +13,56 @@ namespace Backup {
 
 using internal::CompiledPattern;
 using internal::MatchSubject;
+using internal::readToken;
+using internal::takesByte;
+using internal::Token;
+using internal::TokenKind;
 
 namespace {
 
-// The star at `pattern` against `path` (match() steps for a star).
-int matchStar(const char *pattern, const char *path) {
-    bool run = pattern[1] == '*';
-    if (run) {
-        while (*pattern == '*') ++pattern;
-        if (*pattern == '\0') return 1;
-    } else {
-        ++pattern;
-        if (*pattern == '\0') return strchr(path, '/') == nullptr ? 1 : 0;
+// The results of match(), named; the documented int values are kept.
+enum class MatchResult : int {
+    Match = 1,
+    NoMatch = 0,
+    PathEnded = -1,         // the path ran out before the pattern did
+    StarCrossesSlash = -2,  // a single star would have to take a "/"
+};
+
+MatchResult matchFrom(const char *pattern, const char *path);
+
+// A star (`run`: a run of stars) whose pattern goes on at `rest`, against `path`.
+MatchResult matchStar(bool run, const char *rest, const char *path) {
+    if (*rest == '\0') {
+        if (run || strchr(path, '/') == nullptr) return MatchResult::Match;
+        return MatchResult::NoMatch;
     }
-    if (*path == '\0') return -1;
+    if (*path == '\0') return MatchResult::PathEnded;
     for (; *path != '\0'; ++path) {
-        int result = PathFilterPrivate::match(pattern, path);
+        MatchResult result = matchFrom(rest, path);
         if (run) {
-            if (result != 0 && result != -2) return result;
+            if (result != MatchResult::NoMatch && result != MatchResult::StarCrossesSlash) {
+                return result;
+            }
         } else {
-            if (result != 0) return result;
-            if (*path == '/') return -2;
+            if (result != MatchResult::NoMatch) return result;
+            if (*path == '/') return MatchResult::StarCrossesSlash;
         }
     }
-    return -1;
+    return MatchResult::PathEnded;
+}
+
+MatchResult matchFrom(const char *pattern, const char *path) {
+    for (;; ++path) {
+        Token token = readToken(pattern);
+        if (token.kind == TokenKind::End) {
+            return *path == '\0' ? MatchResult::Match : MatchResult::NoMatch;
+        }
+        if (token.kind == TokenKind::Star || token.kind == TokenKind::StarRun) {
+            return matchStar(token.kind == TokenKind::StarRun, pattern, path);
+        }
+        if (*path == '\0') return MatchResult::PathEnded;
+        if (!takesByte(token, *path)) return MatchResult::NoMatch;
+    }
 }
 
 // rebase() without recursion, in time polynomial in the lengths and in memory that grows with
@@ -53,7 +79,7 @@ class Rebaser {
   public:
     enum Kind : uint8_t { kEmpty, kTail, kSlashTail, kStar };
     struct Outcome {
-        int code;
+        MatchResult code;  // Match, NoMatch or StarCrossesSlash
         Kind kind;
         size_t at;  // where the tail starts in the pattern
     };
@@ -69,18 +95,19 @@ class Rebaser {
             if (!step.done && !answer(step.star, step.at, depth, outcome)) {
                 if (stars_.size() == depth) stars_.emplace_back();
                 stars_[depth++] = {step.star, step.at, step.at, step.at, {}, false};
-                step = walk(step.star + 1, step.at);
+                step = walk(after(step.star), step.at);
                 continue;
             }
             // `outcome` is that of the innermost try; it may decide that star's answer, which is
             // then the outcome of the try of the star before it.
             for (; depth > 0; --depth) {
                 StarState &s = stars_[depth - 1];
-                bool cut = outcome.code == 0 && prefix_[s.trying] == '/';
+                bool cut = outcome.code == MatchResult::NoMatch && prefix_[s.trying] == '/';
                 if (cut) outcome = kCut;
-                if (!cut && (outcome.code == 0 || outcome.code == -2)) {
+                if (!cut && (outcome.code == MatchResult::NoMatch ||
+                             outcome.code == MatchResult::StarCrossesSlash)) {
                     if (prefix_[++s.trying] != '\0') break;
-                    outcome = {1, kTail, s.star + 1};
+                    outcome = {MatchResult::Match, kTail, after(s.star)};
                 }
                 s.until = s.trying;
                 s.answer = outcome;
@@ -88,7 +115,7 @@ class Rebaser {
             }
             if (depth == 0) return outcome;
             const StarState &s = stars_[depth - 1];
-            step = walk(s.star + 1, s.trying);
+            step = walk(after(s.star), s.trying);
         }
     }
 
@@ -106,8 +133,9 @@ class Rebaser {
     }
 
   private:
-    static constexpr Outcome kNoMatch = {0, kEmpty, 0};
-    static constexpr Outcome kCut = {-2, kEmpty, 0};
+    static constexpr Outcome kWhole = {MatchResult::Match, kEmpty, 0};  // both used up
+    static constexpr Outcome kNoMatch = {MatchResult::NoMatch, kEmpty, 0};
+    static constexpr Outcome kCut = {MatchResult::StarCrossesSlash, kEmpty, 0};
 
     // Where a walk along literals ends: an outcome, or a star to ask at a place of the prefix.
     struct Step {
@@ -129,25 +157,37 @@ class Rebaser {
 
     // The pattern from `k` against the prefix from `i`, up to the first star.
     Step walk(size_t k, size_t i) const {
-        if (pattern_[k] == '\0') return done(prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch);
-        while (prefix_[i] != '\0') {
-            char p = pattern_[k];
-            if (p == '*') return {false, {}, k, i};
-            if (p == '?') {
-                if (prefix_[i] == '/') return done(kNoMatch);
-            } else {
-                if (p == '\\') p = pattern_[++k];
-                if (p != prefix_[i]) return done(kNoMatch);
+        for (;; ++i) {
+            size_t at = k;
+            Token token = read(k);
+            if (token.kind == TokenKind::End) {
+                return done(prefix_[i] == '\0' ? kWhole : kNoMatch);
             }
-            ++k;
-            ++i;
-            if (pattern_[k] == '\0') {
-                return done(prefix_[i] == '\0' ? Outcome{1, kEmpty, 0} : kNoMatch);
+            if (token.kind == TokenKind::Star || token.kind == TokenKind::StarRun) {
+                return {false, {}, at, i};
             }
+            // The prefix ends inside the pattern: what follows applies below it when it starts
+            // with an unescaped "/".
+            if (prefix_[i] == '\0') {
+                return done(pattern_[at] == '/' ? Outcome{MatchResult::Match, kTail, at}
+                                                : kNoMatch);
+            }
+            if (!takesByte(token, prefix_[i])) return done(kNoMatch);
         }
-        if (pattern_[k] == '/') return done({1, kTail, k});
-        if (pattern_[k] == '*') return {false, {}, k, i};
-        return done(kNoMatch);
+    }
+
+    // The token at `k`; moves `k` past it.
+    Token read(size_t &k) const {
+        const char *p = pattern_ + k;
+        Token token = readToken(p);
+        k = static_cast<size_t>(p - pattern_);
+        return token;
+    }
+
+    // Where the pattern goes on after the star at `k`.
+    size_t after(size_t k) const {
+        read(k);
+        return k;
     }
 
     static Step done(const Outcome &outcome) { return {true, outcome, 0, 0}; }
@@ -156,22 +196,23 @@ class Rebaser {
     // star that ends the pattern, the end of the prefix, or a remembered answer of the star
     // (the `depth`th single star on the way).
     bool answer(size_t k, size_t i, size_t depth, Outcome &out) {
-        if (pattern_[k + 1] == '*') {
-            size_t end = k;
-            while (pattern_[end] == '*') ++end;
-            out = {1, kSlashTail, end - 2};
+        size_t rest = k;
+        if (read(rest).kind == TokenKind::StarRun) {
+            // "/", the run's last two stars and what follows.
+            out = {MatchResult::Match, kSlashTail, rest - 2};
             return true;
         }
-        if (pattern_[k + 1] == '\0') {
+        if (pattern_[rest] == '\0') {
             if (lastSlash_ == kUnknown) {
                 const char *slash = strrchr(prefix_, '/');
                 lastSlash_ = slash == nullptr ? kNone : static_cast<size_t>(slash - prefix_);
             }
-            out = lastSlash_ != kNone && lastSlash_ >= i ? kNoMatch : Outcome{1, kStar, 0};
+            out = lastSlash_ != kNone && lastSlash_ >= i ? kNoMatch
+                                                         : Outcome{MatchResult::Match, kStar, 0};
             return true;
         }
         if (prefix_[i] == '\0') {
-            out = {1, kTail, k + 1};
+            out = {MatchResult::Match, kTail, rest};
             return true;
         }
         if (depth < stars_.size()) {
@@ -196,29 +237,14 @@ class Rebaser {
 }  // namespace
 
 int PathFilterPrivate::match(const char *pattern, const char *path) {
-    if (*pattern == '\0') return *path == '\0' ? 1 : 0;
-    while (*path != '\0') {
-        char p = *pattern;
-        if (p == '*') return matchStar(pattern, path);
-        if (p == '?') {
-            if (*path == '/') return 0;
-        } else {
-            if (p == '\\') p = *++pattern;
-            if (p != *path) return 0;
-        }
-        ++pattern;
-        ++path;
-        if (*pattern == '\0') return *path == '\0' ? 1 : 0;
-    }
-    if (*pattern != '*') return -1;
-    return matchStar(pattern, path);
+    return static_cast<int>(matchFrom(pattern, path));
 }
 
 int PathFilterPrivate::rebase(const char *pattern, const char *prefix, std::string &out) {
     Rebaser rebaser(pattern, prefix);
     Rebaser::Outcome outcome = rebaser.run();
-    if (outcome.code == 1) out = rebaser.text(outcome);
-    return outcome.code;
+    if (outcome.code == MatchResult::Match) out = rebaser.text(outcome);
+    return static_cast<int>(outcome.code);
 }
 
 void PathFilterPrivate::rebaseList(const std::list<std::string> &patterns,
@@ -236,6 +262,8 @@ void PathFilterPrivate::rebaseList(const std::list<std::string> &patterns,
 }
 
 // ---- PatternList ------------------------------------------------------------------------------
+
+namespace internal {
 
 // Room for `more` patterns, both in the compiled list and in the candidate table; each grows to
 // at least twice its size, so adding patterns one by one costs linear time overall. May throw;
@@ -325,23 +353,17 @@ bool PatternList::anyMatches(MatchSubject &subject) const {
     return false;
 }
 
+}  // namespace internal
+
 // ---- PathFilter -------------------------------------------------------------------------------
 
 PathFilter::PathFilter() : d_(new PathFilterPrivate) {}
 
-PathFilter::~PathFilter() {
-    delete d_;
-}
+PathFilter::~PathFilter() = default;
 
-PathFilter::PathFilter(PathFilter &&other) noexcept : d_(std::exchange(other.d_, nullptr)) {}
+PathFilter::PathFilter(PathFilter &&other) noexcept = default;
 
-PathFilter &PathFilter::operator=(PathFilter &&other) noexcept {
-    if (this != &other) {
-        delete d_;
-        d_ = std::exchange(other.d_, nullptr);
-    }
-    return *this;
-}
+PathFilter &PathFilter::operator=(PathFilter &&other) noexcept = default;
 
 bool PathFilter::addIncludePattern(const std::string &pattern) {
     d_->include_.add(pattern);

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <memory>
 
+#include "internal/errno_saver.h"
 #include "internal/safe_open.h"
 #include "internal/unique_fd.h"
 
@@ -40,7 +41,7 @@ struct DirCloser {
 }  // namespace
 
 int removeStaleTemporaries(const std::string &file) {
-    int saved = errno;
+    ErrnoSaver keep;
     int removed = 0;
     ConfigFile target;
     if (openConfigFile(file, O_RDONLY, 0, target) || errno == ENOENT) {
@@ -61,7 +62,6 @@ int removeStaleTemporaries(const std::string &file) {
             }
         }
     }
-    errno = saved;
     return removed;
 }
 

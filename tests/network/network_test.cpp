@@ -154,6 +154,27 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
     EXPECT_EQ(0, Net::getAvailableIp("127.0.0.2", portOf(open), 5, ip));  // no lookup
     EXPECT_EQ(2, fakeplatform::calls("TELONetLookupIP"));
 
+    // An observer sees every try in order with its result, a refusal told apart by its errno;
+    // results and errno are those of the plain call.
+    std::vector<std::string> seen;
+    Net::ProbeObserver observer;
+    observer.trying = [&](const std::string &address) { seen.push_back("trying " + address); };
+    observer.tried = [&](const std::string &address, int result, int error) {
+        seen.push_back(address + " " + std::to_string(result) +
+                       (error == ECONNREFUSED ? " refused" : ""));
+        errno = EBADF;  // the observer's own errno does not leak out
+    };
+    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1", "127.0.0.2"};
+    EXPECT_EQ(0, Net::getAvailableIp("pair.test", portOf(open), 5, 0, ip, observer));
+    EXPECT_EQ("127.0.0.2", ip);
+    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1"};
+    EXPECT_EQ(-1, Net::getAvailableIp("one.test", portOf(open), 5, 0, ip, observer));
+    EXPECT_EQ(ECONNREFUSED, errno);
+    EXPECT_EQ(
+        (std::vector<std::string>{"trying 127.0.0.1", "127.0.0.1 -1 refused", "trying 127.0.0.2",
+                                  "127.0.0.2 0", "trying 127.0.0.1", "127.0.0.1 -1 refused"}),
+        seen);
+
     // A silent first address: the second is tried only while the budget lasts.
     SilentListener silent;
     if (!silent.open("127.0.0.3")) GTEST_SKIP() << "the accept queue never filled";
@@ -179,42 +200,6 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
                            "(<pid>) [err] network/network:<line> lookup[nowhere.test] "
                            "failed: [0x000A fake_platform.cpp:<line>]"))
         << log.dump();
-    fakeplatform::reset();
-}
-
-// The observer sees every try in order with its result, and a refused connection is told apart
-// by its errno; results and errno are those of the plain call.
-TEST(NetProbe, ObserverSeesEveryTry) {
-    fakeplatform::reset();
-    UniqueFd open = tcpSocket("127.0.0.2", 0, 8);
-    UniqueFd closed = tcpSocket("127.0.0.1", portOf(open), -1);
-    if (!closed) GTEST_SKIP() << "the port is taken on 127.0.0.1";
-    errno = 0;
-    EXPECT_EQ(-1, Net::testIpAndPortConnect("127.0.0.1", portOf(open), 5));
-    EXPECT_EQ(ECONNREFUSED, errno);
-
-    std::vector<std::string> seen;
-    Net::ProbeObserver observer;
-    observer.trying = [&](const std::string &address) { seen.push_back("trying " + address); };
-    observer.tried = [&](const std::string &address, int result, int error) {
-        seen.push_back(address + " " + std::to_string(result) +
-                       (error == ECONNREFUSED ? " refused" : ""));
-        errno = EBADF;  // the observer's own errno does not leak out
-    };
-    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1", "127.0.0.2"};
-    std::string ip;
-    EXPECT_EQ(0, Net::getAvailableIp("pair.test", portOf(open), 5, 0, ip, observer));
-    EXPECT_EQ("127.0.0.2", ip);
-    EXPECT_EQ((std::vector<std::string>{"trying 127.0.0.1", "127.0.0.1 -1 refused",
-                                        "trying 127.0.0.2", "127.0.0.2 0"}),
-              seen);
-    seen.clear();
-    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1"};
-    EXPECT_EQ(-1, Net::getAvailableIp("one.test", portOf(open), 5, 0, ip, observer));
-    EXPECT_EQ(ECONNREFUSED, errno);
-    EXPECT_EQ((std::vector<std::string>{"trying 127.0.0.1", "127.0.0.1 -1 refused"}), seen);
-    // An empty observer is the plain call.
-    EXPECT_EQ(0, Net::getAvailableIp("127.0.0.2", portOf(open), 5, 0, ip, Net::ProbeObserver()));
     fakeplatform::reset();
 }
 

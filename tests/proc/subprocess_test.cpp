@@ -527,8 +527,9 @@ bool launchOnce(int i) {
 
 TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
     const char *count = getenv("TELO_STRESS_LAUNCHES");
-    const int launches =
-        count != nullptr && atoi(count) > 0 ? atoi(count) : kSanitized ? 250 : 1000;
+    const int launches = count != nullptr && atoi(count) > 0 ? atoi(count)
+                         : kSanitized                        ? 250
+                                                             : 1000;
     const std::set<int> fdsBefore = testsupport::openFds();
     setenv("TELO_STRESS_TOGGLE", "a", 1);  // only replaced from now on, never added
     std::atomic<bool> stop{false};
@@ -567,23 +568,3 @@ TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
 }
 
 }  // namespace
-
-// A command prepared by a function and returned: arguments, environment and redirections travel
-// with it.
-TEST(SubProcessMove, PreparedElsewhere) {
-    TempDir dir;
-    std::string out = dir.file("out");
-    auto prepare = [&out] {
-        SubProcess program(helperCommand("describe", {"fd:1"}));
-        program.setEnv("MOVED", "yes");
-        program.setStdOutput(out, 0);
-        return program;
-    };
-    SubProcess program = prepare();
-    SubProcess other("/nonexistent");
-    other = std::move(program);
-    EXPECT_EQ(0, other.call());
-    EXPECT_NE(std::string::npos, readFile(out).find("env MOVED=yes\n"));
-    program = prepare();  // a moved-from command can be assigned to again
-    EXPECT_EQ(other.getCmdline(), program.getCmdline());
-}

@@ -142,20 +142,6 @@ TEST_F(Temporaries, RenameRefusesANameThatIsNoLongerTheTemporary) {
     EXPECT_EQ(1u, log.size()) << log.dump();
 }
 
-TEST_F(Temporaries, FolderTreeRemovedWithoutFollowingLinks) {
-    writeFile(dir.file("vol/keep"), "k");
-    {
-        ScopedTempFolder folder(dir.file("tree"));
-        std::string root = folder.getPath();
-        makeDir(root + "/a");
-        makeDir(root + "/a/b", 0500);
-        writeFile(root + "/a/f", "f");
-        ASSERT_EQ(0, symlink(dir.file("vol").c_str(), (root + "/a/link").c_str()));
-    }
-    EXPECT_EQ(Names{"vol"}, listDir(dir.path()));
-    EXPECT_EQ("k", readFile(dir.file("vol/keep")));
-}
-
 // The folder's removal is removeAll's walk: any depth, few descriptors, nothing logged, and a
 // folder already gone is the walk's -1.
 TEST(TempFolderDepth, TenThousandLevelsWithFewDescriptors) {
@@ -196,8 +182,6 @@ TEST_F(Temporaries, OnTheChosenVolume) {
             ScopedVolumeTempFile named(largest(), "job", true);
             CHILD_CHECK(generated(tmp + "/job.", named.getPath()));
             CHILD_CHECK_EQ(-1, named.getFileDescripter());
-            ScopedVolumeTempFile longName(largest(), std::string(300, 'n'), true);
-            CHILD_CHECK(generated(tmp + "/" + std::string(248, 'n') + ".", longName.getPath()));
             keptFile = named.preserve();
             keptFolder = folder.preserve();
         }
@@ -245,7 +229,6 @@ TEST_F(Temporaries, MovedToOneOwnerAtATime) {
     ScopedTempFile file = makeFile();
     std::string first = file.getPath();
     int fd = file.getFileDescripter();
-    ASSERT_TRUE(file.isValid());
     ASSERT_GE(fd, 0);
     ScopedTempFile taker(std::move(file));
     EXPECT_FALSE(file.isValid());
@@ -258,7 +241,6 @@ TEST_F(Temporaries, MovedToOneOwnerAtATime) {
     EXPECT_EQ(EXDEV, errno);
     EXPECT_FALSE(exists(first));
     EXPECT_EQ(0u, openFds().count(fd));  // the new file was opened first, then this closed
-    std::string second = taker.getPath();
 
     ScopedTempFolder folder(dir.file("d"));
     writeFile(folder.getPath() + "/inside", "x");
@@ -267,23 +249,14 @@ TEST_F(Temporaries, MovedToOneOwnerAtATime) {
     EXPECT_FALSE(folder.isValid());
     folderTaker = ScopedTempFolder(dir.file("e"));
     EXPECT_FALSE(exists(third));
-
-    ScopedVolumeTempFile onVolume(largest(), "v", true);
-    std::string fourth = onVolume.getPath();
-    ScopedVolumeTempFile volumeTaker(std::move(onVolume));
-    ScopedVolumeTempFolder onVolumeDir(largest(), "w");
-    ScopedVolumeTempFolder dirTaker(std::move(onVolumeDir));
-    EXPECT_FALSE(onVolume.isValid());
-    EXPECT_EQ(fourth, volumeTaker.getPath());
-    EXPECT_FALSE(onVolumeDir.isValid());
-    EXPECT_TRUE(dirTaker.isValid());
-    std::string fifth = dirTaker.getPath();
     {
-        ScopedTempFile last(std::move(taker));
-        ScopedTempFolder lastFolder(std::move(folderTaker));
-        ScopedVolumeTempFile lastVolume(std::move(volumeTaker));
-        ScopedVolumeTempFolder lastVolumeDir(std::move(dirTaker));
+        ScopedVolumeTempFile onVolume(largest(), "v", true);
+        ScopedVolumeTempFolder onVolumeDir(largest(), "w");
+        ScopedVolumeTempFile volumeTaker(std::move(onVolume));
+        ScopedVolumeTempFolder dirTaker(std::move(onVolumeDir));
+        EXPECT_FALSE(onVolume.isValid());
+        EXPECT_FALSE(onVolumeDir.isValid());
+        EXPECT_EQ(2u, listDir(tmp).size());
     }
-    for (const std::string &gone : {second, fourth, fifth}) EXPECT_FALSE(exists(gone)) << gone;
     EXPECT_EQ(Names{}, listDir(tmp));
 }

@@ -71,18 +71,11 @@ TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
 
 TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
     EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    // An explicit location is not asked of the platform; the default is, with mode 2.
-    EXPECT_EQ(0, calls("TELOVolumeSupportLocGet"));
+    // The default location is the platform's, with mode 2; without one both stay 0.
     fakeplatform::outcomes().volumeLocation = 5;
     EXPECT_EQ("FilterMaxExtBtrfsVolume:5:2:1", FilterMaxExtBtrfsVolume(true).getSignature());
-    EXPECT_EQ(1, calls("TELOVolumeSupportLocGet"));
-    // No location: both stay 0.
     fakeplatform::outcomes().volumeLocation = 0;
     FilterMaxVolume none;
-    int location = -1, mode = -1;
-    EXPECT_TRUE(none.getVolumeEnumParameter(location, mode));
-    EXPECT_EQ(0, location);
-    EXPECT_EQ(0, mode);
     EXPECT_EQ("FilterMaxVolume:0:0:0", none.getSignature());
     EXPECT_EQ("", none.defaultPath());
     EXPECT_EQ("/tmp", FilterMaxVolume(true).defaultPath());
@@ -147,6 +140,13 @@ TEST_F(VolumeManager, ChoosesTheLargestUsableWritableVolumeAndCachesIt) {
         CHILD_CHECK_EQ(1, calls("TELOMountVolAllEnum"));
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
         CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
+        // A same-volume filter never enumerates.
+        fakeplatform::outcomes().volumeOfPath[dir.file("best/data")] = dir.file("best");
+        CHILD_CHECK(
+            manager.getVolumePath(std::make_shared<FilterSameVolume>(dir.file("best/data")), out));
+        CHILD_CHECK_EQ(dir.file("best-tmp"), out);
+        CHILD_CHECK(!manager.getVolumePath(std::make_shared<FilterSameVolume>("/nowhere"), out));
+        CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
     });
 }
 
@@ -195,23 +195,5 @@ TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
         out = "untouched";
         CHILD_CHECK(!manager.getVolumePath(nullptr, out));
         CHILD_CHECK(out == "untouched");
-    });
-}
-
-TEST_F(VolumeManager, SameVolumeNeverEnumerates) {
-    addVolume("v", 10);
-    fakeplatform::outcomes().volumeOfPath[dir.file("v/data")] = dir.file("v");
-    EXPECT_CHILD_OK([this] {
-        VolumePathManager &manager = VolumePathManager::getInstance();
-        std::string out;
-        auto same = [](const std::string &path) {
-            return std::make_shared<FilterSameVolume>(path);
-        };
-        CHILD_CHECK(manager.getVolumePath(same(dir.file("v/data")), out));
-        CHILD_CHECK_EQ(dir.file("v-tmp"), out);
-        CHILD_CHECK(manager.getVolumePath(same(dir.file("v/data")), out));
-        CHILD_CHECK_EQ(1, calls("TELOShareTmpPathGet"));
-        CHILD_CHECK(!manager.getVolumePath(same("/nowhere"), out));
-        CHILD_CHECK_EQ(0, calls("TELOMountVolAllEnum"));
     });
 }

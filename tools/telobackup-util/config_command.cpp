@@ -504,12 +504,9 @@ void runImport(const ConfigArgs &args, const Context &context) {
         std::vector<std::string> keys = dump[section].getMemberNames();
         if (!args.force) refuseLostLines(args.file, before, section, {keys.begin(), keys.end()});
     }
-    for (const std::string &section : dump.getMemberNames()) {
-        if (!TELO::Backup::SectionConfig::updateSection(args.file, section, dump[section],
-                                                        args.create)) {
-            throw fileError(kExitCannotWrite, "cannot write [" + section + "] of " + args.file,
-                            args.file);
-        }
+    // One rewrite for all sections: a reader sees the file before the import or after it.
+    if (!TELO::Backup::SectionConfig::updateSections(args.file, dump, args.create)) {
+        throw fileError(kExitCannotWrite, "cannot write " + args.file, args.file);
     }
     if (context.json && !args.dryRun) {
         std::string after;
@@ -768,7 +765,7 @@ void addConfigCommand(CLI::App &app, Context &context) {
     setExamples(import,
                 std::string(kRewriteNote) +
                     " Sections FILE holds but DUMP does not name are kept; all sections are "
-                    "checked, then written under one lock.",
+                    "checked, then written in one rewrite under one lock.",
                 {{"telobackup-util config import new.conf @tasks.json --create",
                   "restore a dump into a new file"},
                  {"telobackup-util config dump a.conf | telobackup-util config import b.conf @- "

@@ -1,7 +1,5 @@
 #include "config_dump.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -10,7 +8,6 @@
 #include <vector>
 
 #include "cli.h"
-#include "internal/safe_open.h"
 #include "telobackup/json_text.h"
 #include "telobackup/section_config.h"
 
@@ -186,12 +183,7 @@ struct FileCloser {
 
 void dumpSections(const std::string &file, const std::string &name) {
     // No link another user planted is followed, as for every other config command.
-    TELO::Backup::internal::ConfigFile opened;
-    std::unique_ptr<FILE, FileCloser> in;
-    if (TELO::Backup::internal::openConfigFile(file, O_RDONLY, 0, opened)) {
-        in.reset(fdopen(opened.fd.get(), "rb"));
-        if (in) opened.fd.release();
-    }
+    std::unique_ptr<FILE, FileCloser> in(SectionConfig::openFile(file));
     if (!in) throw fileError(kExitInvalidFile, name, file);
     Collector collector;
     if (!SectionConfig::parseFile(in.get(), Collector::onLine, &collector)) {

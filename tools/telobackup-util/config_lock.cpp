@@ -16,9 +16,9 @@
 #include <sstream>
 
 #include "cli.h"
-#include "internal/stale_temporaries.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
+#include "telobackup/section_config.h"
 #include "telobackup/stringf.h"
 
 namespace telocli {
@@ -260,7 +260,7 @@ ConfigLock::ConfigLock(const std::string &token, double waitSeconds, const std::
     if (failure == 0) {
         fd_ = fd;
         holdSignals();
-        TELO::Backup::internal::removeStaleTemporaries(file);
+        TELO::Backup::SectionConfig::removeStaleTemporaries(file);
         return;
     }
     std::string holder = failure == ETIMEDOUT ? lockHolder(fd) : std::string();

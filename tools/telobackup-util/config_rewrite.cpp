@@ -12,8 +12,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "internal/eintr.h"
-#include "internal/safe_open.h"
+#include "fd_io.h"
 #include "telobackup/json_text.h"
 #include "telobackup/path/path_util.h"
 #include "telobackup/section_config.h"
@@ -23,7 +22,6 @@ namespace telocli {
 namespace {
 
 using TELO::Backup::SectionConfig;
-using TELO::Backup::internal::retryOnEintr;
 
 constexpr size_t kMaxConfigBytes = size_t(256) << 20;
 
@@ -79,15 +77,15 @@ std::vector<std::string> linesOf(const std::string &text) {
 }  // namespace
 
 bool readConfigText(const std::string &file, std::string &text) {
-    TELO::Backup::internal::ConfigFile opened;
-    if (!TELO::Backup::internal::openConfigFile(file, O_RDONLY, 0, opened)) {
+    std::unique_ptr<FILE, FileCloser> opened(SectionConfig::openFile(file));
+    if (!opened) {
         if (errno == ENOENT) return false;
         throw fileError(kExitInvalidFile, file, file);
     }
     text.clear();
     char buffer[1 << 16];
     for (;;) {
-        ssize_t n = retryOnEintr([&] { return read(opened.fd.get(), buffer, sizeof(buffer)); });
+        ssize_t n = readRetrying(fileno(opened.get()), buffer, sizeof(buffer));
         if (n < 0) throw systemError(kExitInvalidFile, file);
         if (n == 0) return true;
         text.append(buffer, static_cast<size_t>(n));
@@ -169,7 +167,7 @@ DryRunCopy::DryRunCopy(const std::string &file) {
     path_ = directory_ + "/" + TELO::Backup::Path::basename(file);
     if (!exists) return;
     int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    bool written = fd >= 0 && TELO::Backup::internal::writeFull(fd, before_.data(), before_.size());
+    bool written = fd >= 0 && writeAll(fd, before_.data(), before_.size());
     if (fd >= 0 && close(fd) != 0) written = false;
     if (!written) {
         CommandError error = systemError(kExitFailed, "cannot copy " + file + " for the dry run");

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "cli.h"
-#include "internal/eintr.h"
+#include "fd_io.h"
 #include "pattern_file.h"
 #include "telobackup/path/path_filter.h"
 
@@ -133,8 +133,7 @@ void decideStandardInput(Decider &decider, char separator) {
     std::string path;
     size_t used = 0;
     for (;;) {
-        ssize_t n = TELO::Backup::internal::retryOnEintr(
-            [&] { return read(0, buffer.data() + used, buffer.size() - used); });
+        ssize_t n = readRetrying(0, buffer.data() + used, buffer.size() - used);
         if (n < 0) throw systemError(kExitFailed, "standard input");
         const char *start = buffer.data();
         const char *end = buffer.data() + used + static_cast<size_t>(n);

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "cli.h"
-#include "internal/eintr.h"
+#include "fd_io.h"
 #include "telobackup/json_text.h"
 #include "telobackup/temp_manager/temp_manager.h"
 
@@ -15,16 +15,13 @@ namespace telocli {
 
 namespace {
 
-using TELO::Backup::internal::retryOnEintr;
-using TELO::Backup::internal::writeFull;
-
 // Reads `fd` to its end, handing each piece to `take`; more than kMaxInputBytes is an error.
 template <typename Take>
 void readAll(int fd, const std::string &what, Take take) {
     char buffer[1 << 16];
     size_t total = 0;
     for (;;) {
-        ssize_t n = retryOnEintr([&] { return read(fd, buffer, sizeof(buffer)); });
+        ssize_t n = readRetrying(fd, buffer, sizeof(buffer));
         if (n < 0) throw systemError(kExitInvalidFile, what);
         if (n == 0) return;
         total += static_cast<size_t>(n);
@@ -78,7 +75,7 @@ ConfigInput::ConfigInput(const std::string &argument) : path_(argument), name_(a
     if (!copy_->isValid()) throw systemError(kExitFailed, "cannot copy standard input");
     int fd = copy_->getFileDescripter();
     readAll(0, name_, [&](const char *data, size_t size) {
-        if (!writeFull(fd, data, size)) throw systemError(kExitFailed, "cannot copy standard input");
+        if (!writeAll(fd, data, size)) throw systemError(kExitFailed, "cannot copy standard input");
     });
     copy_->close();
     path_ = copy_->getPath();

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "cli.h"
-#include "internal/eintr.h"
+#include "fd_io.h"
 #include "telobackup/json_text.h"
 
 namespace telocli {
@@ -38,7 +38,7 @@ class StandardOutput {
 
   private:
     static void writeThrough(const char *data, size_t size) {
-        if (size > 0 && !TELO::Backup::internal::writeFull(1, data, size)) {
+        if (size > 0 && !writeAll(1, data, size)) {
             throw systemError(kExitCannotWrite, "standard output");
         }
     }

@@ -16,6 +16,7 @@
 #define TELOBACKUP_PATH_PATH_FILTER_H
 
 #include <list>
+#include <memory>
 #include <string>
 
 #include "telobackup/export.h"
@@ -84,7 +85,7 @@ class TELO_EXPORT PathFilter {
     bool getExcludePattern(std::list<std::string> &out, const std::string &prefix);
 
   private:
-    PathFilterPrivate *d_;
+    std::unique_ptr<PathFilterPrivate> d_;
 };
 
 }  // namespace Backup
