@@ -11,6 +11,9 @@ namespace Backup {
 
 namespace {
 
+// Deeper nesting is refused rather than parsed, so that no text can exhaust the stack.
+constexpr int kMaxNesting = 1000;
+
 std::unique_ptr<Json::StreamWriter> newWriter() {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
@@ -25,7 +28,7 @@ std::unique_ptr<Json::CharReader> newReader() {
     builder["failIfExtra"] = true;
     builder["strictRoot"] = false;
     builder["allowSpecialFloats"] = false;
-    builder["stackLimit"] = 1000;
+    builder["stackLimit"] = kMaxNesting;
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 

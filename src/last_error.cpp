@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "internal/errno_saver.h"
 #include "internal/syslog.h"
 
 namespace TELO {
@@ -30,7 +31,7 @@ void clearLastErrorText() {
 namespace internal {
 
 void logLine(int priority, const char *format, ...) {
-    int saved = errno;
+    ErrnoSaver keep;  // the caller's errno, for "%m" and afterwards
     va_list ap;
     va_start(ap, format);
     if (LOG_PRI(priority) != LOG_ERR) {
@@ -40,7 +41,7 @@ void logLine(int priority, const char *format, ...) {
         va_list again;
         va_copy(again, ap);
         int length = vsnprintf(lastLine, sizeof(lastLine), format, ap);
-        errno = saved;
+        errno = keep.value();
         if (length < 0) {
             lastLine[0] = '\0';
             vsyslog(priority, format, again);
@@ -52,7 +53,6 @@ void logLine(int priority, const char *format, ...) {
         va_end(again);
     }
     va_end(ap);
-    errno = saved;
 }
 
 }  // namespace internal

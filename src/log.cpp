@@ -13,6 +13,7 @@
 #include <string>
 
 #include "internal/eintr.h"
+#include "internal/unique_fd.h"
 #include "telobackup/path/path_util.h"
 
 using TELO::Backup::internal::writeFull;
@@ -28,6 +29,9 @@ char logPath[PATH_MAX];
 std::mutex openMutex;
 
 constexpr int kOpenFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_LARGEFILE;
+
+// Lines that fit are formatted on the stack, longer ones on the heap; not a limit on lines.
+constexpr size_t kStackLineSize = 1024;
 
 int acquireLogFd() {
     int fd = logFd.load(std::memory_order_acquire);
@@ -63,7 +67,7 @@ int syncFd(int fd) {
 // Writes one timestamped line with a single write(2), so lines of other threads and processes
 // appending to the same file never land inside it; 0, or -1 with errno.
 int writeLine(int fd, const char *format, va_list ap) {
-    char small[1024];
+    char small[kStackLineSize];
     size_t length = 0;
     time_t now = time(nullptr);
     struct tm local = {};
@@ -111,9 +115,9 @@ int filelogChecked(int /*level*/, const char *format, ...) {
     errno = 0;
     int fd = acquireLogFd();
     if (fd < 0) {
-        int saved = errno;
+        int openErrno = errno;
         if (TELO::Backup::Path::getLogPath().empty()) return 0;  // turned off
-        errno = saved != 0 ? saved : ENOENT;
+        errno = openErrno != 0 ? openErrno : ENOENT;
         return -1;
     }
     va_list ap;
@@ -134,17 +138,13 @@ void filelog(int level, const char *format, ...) {
 int filelogReopen(void) {
     int fd = logFd.load(std::memory_order_acquire);
     if (fd < 0 || fd == STDERR_FILENO) return 0;
-    int fresh;
+    int opened;
     do {
-        fresh = open(logPath, kOpenFlags, 0666);
-    } while (fresh < 0 && errno == EINTR);
-    if (fresh < 0) return -1;
-    int result = 0;
-    if (dup3(fresh, fd, O_CLOEXEC) < 0) result = -1;
-    int saved = errno;
-    close(fresh);
-    errno = saved;
-    return result;
+        opened = open(logPath, kOpenFlags, 0666);
+    } while (opened < 0 && errno == EINTR);
+    TELO::Backup::internal::UniqueFd fresh(opened);
+    if (!fresh) return -1;
+    return dup3(fresh.get(), fd, O_CLOEXEC) < 0 ? -1 : 0;  // closing `fresh` keeps errno
 }
 
 }  // extern "C"

@@ -14,10 +14,12 @@
 #include <cstring>
 
 #include "internal/eintr.h"
+#include "internal/errno_saver.h"
 #include "internal/safe_open.h"
 #include "internal/section_rewrite.h"
 #include "internal/stale_temporaries.h"
 #include "internal/syslog.h"
+#include "internal/unique_owners.h"
 #include "telo/platform.h"
 #include "telobackup/json_text.h"
 #include "telobackup/path/path_util.h"
@@ -32,12 +34,12 @@ namespace {
 
 constexpr char kLogSource[] = "option_map";
 
+// The smallest buffer a decryption is given, however short the stored text.
+constexpr size_t kMinPlainSize = 10;
+
 enum CreateMode { kWithUniqueId, kByName, kGivenId, kWithIncreaseId };
 
-struct FreeDeleter {
-    void operator()(char *p) const { free(p); }
-};
-using Buffer = std::unique_ptr<char, FreeDeleter>;
+using Buffer = internal::UniqueMalloc<char>;
 
 // The platform's ciphertext of `plain` into `out`; false after logging when encryption fails,
 // with the platform error and errno as the failing step left them.
@@ -70,7 +72,7 @@ bool decryptSecret(const std::string &stored, std::string &out, bool checked) {
         out.clear();
         return true;
     }
-    size_t size = std::max<size_t>(strlen(stored.c_str()), 10);
+    size_t size = std::max<size_t>(strlen(stored.c_str()), kMinPlainSize);
     Buffer buffer(static_cast<char *>(calloc(size, 1)));
     if (!buffer) {
         TELO_LOG_ERR("calloc: %m");
@@ -93,9 +95,11 @@ std::string decryptSecret(const std::string &stored) {
 // The number of `name` for `prefix`, or false when the name is not one of the prefix's.
 bool numberOf(const std::string &name, const std::string &prefix, int &number) {
     if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) return false;
-    int saved = errno;
-    long value = strtol(name.c_str() + prefix.size(), nullptr, 10);
-    errno = saved;
+    long value;
+    {
+        internal::ErrnoSaver keep;  // an out-of-range number is clamped, not an error
+        value = strtol(name.c_str() + prefix.size(), nullptr, 10);
+    }
     number = static_cast<int>(std::min<long>(std::max<long>(value, INT_MIN), INT_MAX));
     return true;
 }
@@ -118,16 +122,16 @@ bool appendHeader(const std::string &file, const std::string &name) {
     }
     // No link another user planted is followed, nor one to a file that does not exist yet.
     internal::ConfigFile opened;
-    FILE *stream = nullptr;
+    internal::UniqueFile stream;
     if (internal::openConfigFile(file, O_RDWR | O_CREAT | O_APPEND, 0666, opened)) {
-        stream = fdopen(opened.fd.get(), "a+");
+        stream.reset(fdopen(opened.fd.get(), "a+"));
     }
-    if (stream == nullptr) {
+    if (!stream) {
         TELO_LOG_ERR("fopen: %m");
         return false;
     }
     int fd = opened.fd.release();
-    __fsetlocking(stream, FSETLOCKING_BYCALLER);
+    __fsetlocking(stream.get(), FSETLOCKING_BYCALLER);
     // A last line without its "\n" would swallow the header (and the value it ends). A last
     // byte that cannot be read fails the append: guessing would add a blank line, or worse.
     struct stat64 st;
@@ -138,15 +142,12 @@ bool appendHeader(const std::string &file, const std::string &name) {
     if (got != 1) {
         if (got == 0) errno = EIO;  // shorter than it said a moment ago
         TELO_LOG_ERR("read last byte failed, %m");
-        int saved = errno;
-        fclose(stream);
-        errno = saved;
         return false;
     }
-    bool written = (last == '\n' || fputc('\n', stream) != EOF) &&
-                   SectionConfig::writeSectionName(stream, name);
+    bool written = (last == '\n' || fputc('\n', stream.get()) != EOF) &&
+                   SectionConfig::writeSectionName(stream.get(), name);
     // The header reaches the file only when the stream is flushed.
-    if (fclose(stream) != 0) written = false;
+    if (fclose(stream.release()) != 0) written = false;
     return written;
 }
 
@@ -156,14 +157,6 @@ int nextNumber(int largest, const std::string &prefix) {
     errno = EOVERFLOW;
     TELO_LOG_ERR("no id left for [%s]", prefix.c_str());
     return -1;
-}
-
-// Releases the lock after a failed locked step, keeping that step's errno; always false.
-bool unlockAfterFailure(OptionMap &map) {
-    int saved = errno;
-    map.unlock();
-    errno = saved;
-    return false;
 }
 
 }  // namespace
@@ -433,10 +426,11 @@ bool OptionMap::optSectionSave() {
         TELO_LOG_ERR("not bind before save");
         return false;
     }
-    if (!lock()) return false;
+    ScopedLock held(*this);
+    if (!held) return false;
     tidyUnderLock(d_->file);
-    if (optSectionExport(d_->file, d_->section, false)) return unlock();
-    return unlockAfterFailure(*this);
+    if (optSectionExport(d_->file, d_->section, false)) return held.unlock();
+    return false;
 }
 
 bool OptionMap::optSectionRemove() {
@@ -444,11 +438,12 @@ bool OptionMap::optSectionRemove() {
         TELO_LOG_ERR("not bind before remove");
         return false;
     }
-    if (!lock()) return false;
+    ScopedLock held(*this);
+    if (!held) return false;
     tidyUnderLock(d_->file);
-    if (SectionConfig::removeSection(d_->file, d_->section)) return unlock();
+    if (SectionConfig::removeSection(d_->file, d_->section)) return held.unlock();
     TELO_LOG_ERR("remove sec failed, %m");
-    return unlockAfterFailure(*this);
+    return false;
 }
 
 bool OptionMap::optSectionListName(const std::string &file, std::list<std::string> &names) {
@@ -488,10 +483,9 @@ bool OptionMap::lock() {
     int fd = d_->lockFd;
     if (retryOnEintr([fd] { return flock(fd, LOCK_EX); }) != 0) {
         TELO_LOG_ERR("lock: flock(LOCK_EX) failed. %m");
-        int saved = errno;
+        internal::ErrnoSaver keep;
         close(fd);
         d_->lockFd = -1;
-        errno = saved;
         return false;
     }
     return true;
@@ -535,9 +529,8 @@ OptionMap::ScopedLock &OptionMap::ScopedLock::operator=(ScopedLock &&other) noex
 
 OptionMap::ScopedLock::~ScopedLock() {
     // A scope left after a failure keeps the errno that failure set.
-    int saved = errno;
+    internal::ErrnoSaver keep;
     unlock();
-    errno = saved;
 }
 
 bool OptionMap::ScopedLock::unlock() {
@@ -626,7 +619,8 @@ int OptionMap::optSectionGetIncreaseId(const std::string &file, const std::strin
 
 bool OptionMap::createLocked(const std::string &file, const std::string &name, int id, int mode) {
     if (d_->loaded || file.empty() || name.empty()) return false;
-    if (!lock()) return false;
+    ScopedLock held(*this);
+    if (!held) return false;
     tidyUnderLock(file);
     bool created;
     switch (mode) {
@@ -646,10 +640,7 @@ bool OptionMap::createLocked(const std::string &file, const std::string &name, i
             created = optSectionCreateUniqueName(file, name);
             break;
     }
-    if (!created) {
-        return unlockAfterFailure(*this);
-    }
-    if (!unlock()) return false;
+    if (!created || !held.unlock()) return false;
     d_->file = file;
     d_->sectionId = id;
     d_->section = id < 0 ? name : name + std::to_string(id);
@@ -675,13 +666,11 @@ bool OptionMap::optSectionCreateAndSave(const std::string &file, const std::stri
         errno = EINVAL;
         return false;
     }
-    if (!lock()) return false;
+    ScopedLock held(*this);
+    if (!held) return false;
     tidyUnderLock(file);
     int id = writeNewSection(file, prefix, increasing);
-    if (id < 0) {
-        return unlockAfterFailure(*this);
-    }
-    if (!unlock()) return false;
+    if (id < 0 || !held.unlock()) return false;
     d_->file = file;
     d_->sectionId = id;
     d_->section = prefix + std::to_string(id);

@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "internal/eintr.h"
+#include "internal/fs_rules.h"
 #include "internal/syslog.h"
 #include "internal/unique_fd.h"
 #include "telobackup/path/path_util.h"
@@ -25,13 +26,17 @@ constexpr char kLogSource[] = "session";
 constexpr char kLocalPrefix[] = "sess";
 constexpr char kLinkPrefix[] = "seln";
 constexpr char kLockName[] = "__sess__.lock";
+constexpr char kTmpPrefix[] = "/tmp";
+constexpr size_t kPrefixLength = sizeof(kLinkPrefix) - 1;
+// Interface limit: a link target is read up to this many bytes, a longer one comes back cut.
+constexpr size_t kLinkTargetLimit = 1024;
 
 std::string sessionArea() {
     return Path::join(Path::getIpcTempPath(), "session");
 }
 
 bool isLinkId(const std::string &id) {
-    return id.compare(0, 4, kLinkPrefix) == 0;
+    return id.compare(0, kPrefixLength, kLinkPrefix) == 0;
 }
 
 // Names the link to `directory` under the session-area lock after its own name was taken:
@@ -74,7 +79,8 @@ bool createSession(const std::string &target, std::string &id, std::string &path
         TELO_LOG_ERR("failed to create temp directory [%s]", sessionArea().c_str());
         return false;
     }
-    bool onVolume = target.compare(0, 4, "/tmp") != 0;
+    // A plain prefix test, as documented: "/tmpfoo" counts as under /tmp too.
+    bool onVolume = target.compare(0, sizeof(kTmpPrefix) - 1, kTmpPrefix) != 0;
     std::string templ = Path::join(onVolume ? target : area, onVolume ? kLinkPrefix : kLocalPrefix);
     ScopedTempFolder folder(templ);
     if (!folder.isValid()) {
@@ -121,12 +127,12 @@ bool removeSession(const std::string &id, const std::string &path) {
 
 }  // namespace
 
-struct Session::Private {
+struct Session::Impl {
     std::string id;
     std::string path;
 };
 
-Session::Session() : d_(new Private) {}
+Session::Session() : d_(new Impl) {}
 
 Session::~Session() = default;
 
@@ -135,13 +141,13 @@ Session::~Session() = default;
 Session::Session(Session &&other) noexcept = default;
 Session &Session::operator=(Session &&other) noexcept = default;
 
-Session::Private &Session::record() {
-    if (!d_) d_.reset(new Private);
+Session::Impl &Session::record() {
+    if (!d_) d_.reset(new Impl);
     return *d_;
 }
 
 bool Session::create() {
-    Private &s = record();
+    Impl &s = record();
     if (!s.id.empty()) {
         TELO_LOG_ERR("session has already existed[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
@@ -150,7 +156,7 @@ bool Session::create() {
 }
 
 bool Session::create(std::shared_ptr<FilterVolume> filter) {
-    Private &s = record();
+    Impl &s = record();
     if (!s.id.empty()) {
         TELO_LOG_ERR("session has already existed[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
@@ -164,7 +170,7 @@ bool Session::create(std::shared_ptr<FilterVolume> filter) {
 }
 
 bool Session::load(const std::string &id) {
-    Private &s = record();
+    Impl &s = record();
     if (!s.id.empty()) {
         TELO_LOG_ERR("session has been loaded[%s][%s]", s.id.c_str(), s.path.c_str());
         return false;
@@ -190,7 +196,7 @@ bool Session::load(const std::string &id) {
 }
 
 bool Session::destroy() {
-    Private &s = record();
+    Impl &s = record();
     bool ok = removeSession(s.id, s.path);
     s.id.clear();
     s.path.clear();
@@ -203,7 +209,7 @@ bool Session::destroyById(const std::string &id) {
         return false;
     }
     std::string path = getPathById(id);
-    if (path.empty() && (id.find('/') != std::string::npos || id == "." || id == "..")) {
+    if (path.empty() && !internal::isPlainName(id)) {
         return false;
     }
     return removeSession(id, path);
@@ -214,15 +220,15 @@ std::string Session::getPathById(const std::string &id) {
         TELO_LOG_ERR("invalid parameter, empty session id");
         return std::string();
     }
-    if (id.find('/') != std::string::npos || id == "." || id == "..") {
+    if (!internal::isPlainName(id)) {
         errno = EINVAL;
         TELO_LOG_ERR("invalid session id[%s]", id.c_str());
         return std::string();
     }
     std::string path = Path::join(sessionArea(), id);
     if (!isLinkId(id)) return path;
-    char target[1025] = {};
-    if (readlink(path.c_str(), target, 1024) < 0) {
+    char target[kLinkTargetLimit + 1] = {};
+    if (readlink(path.c_str(), target, kLinkTargetLimit) < 0) {
         if (errno != ENOENT) TELO_LOG_ERR("failed to read link[%s]", path.c_str());
         return std::string();
     }

@@ -79,9 +79,9 @@ class TELO_EXPORT Session {
     std::string getPath() const;
 
   private:
-    struct Private;
-    Private &record();
-    std::unique_ptr<Private> d_;
+    struct Impl;
+    Impl &record();
+    std::unique_ptr<Impl> d_;
 };
 
 }  // namespace Backup

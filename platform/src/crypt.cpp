@@ -21,10 +21,15 @@
 #include <string>
 #include <vector>
 
+#include "internal/errno_saver.h"
+#include "internal/unique_fd.h"
 #include "platform_error.h"
 #include "telo/platform.h"
 
 namespace {
+
+using TELO::Backup::internal::ErrnoSaver;
+using TELO::Backup::internal::UniqueFd;
 
 constexpr char kPlatformFile[] = "src/crypt.cpp";
 constexpr char kDefaultKeyFile[] = "/etc/telobackup/secret.key";
@@ -55,27 +60,6 @@ struct Keys {
     unsigned char mac[crypto_generichash_KEYBYTES];
     unsigned char nonce[crypto_generichash_KEYBYTES];
     ~Keys() { sodium_memzero(this, sizeof(*this)); }
-};
-
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            int saved = errno;
-            close(fd_);
-            errno = saved;
-        }
-    }
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-  private:
-    int fd_;
 };
 
 std::string keyFilePath() {
@@ -119,8 +103,8 @@ bool createKey(const std::string &path) {
     std::vector<char> temp(path.begin(), path.end());
     const char suffix[] = ".XXXXXX";
     temp.insert(temp.end(), suffix, suffix + sizeof(suffix));
-    Fd fd(mkostemp(temp.data(), O_CLOEXEC));
-    if (fd.get() < 0) return false;
+    UniqueFd fd(mkostemp(temp.data(), O_CLOEXEC));
+    if (!fd) return false;
     unsigned char key[kKeyBytes];
     bool ok = fillRandom(key, sizeof(key)) && fchmod(fd.get(), 0600) == 0 &&
               writeAll(fd.get(), key, sizeof(key)) && fsync(fd.get()) == 0;
@@ -132,7 +116,7 @@ bool createKey(const std::string &path) {
                  renameat2(AT_FDCWD, temp.data(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0;
         ok = placed || errno == EEXIST;
     }
-    int saved = errno;
+    ErrnoSaver keep;
     unlink(temp.data());
     if (placed) {
         syslog(LOG_WARNING,
@@ -140,7 +124,6 @@ bool createKey(const std::string &path) {
                "decrypted with it",
                path.c_str());
     }
-    errno = saved;
     return ok;
 }
 
@@ -158,7 +141,7 @@ int openKey(const std::string &path) {
         }
         return -1;
     }
-    Fd owner(fd);
+    UniqueFd owner(fd);
     struct stat st;
     unsigned int refusal = TELO_ERR_NONE;
     if (fstat(fd, &st) != 0) {
@@ -198,7 +181,7 @@ bool loadKeys(Keys &keys, bool mayCreate) {
         if (fd < 0 && errno == ENOENT) TELO_PLATFORM_FAIL(TELO_ERR_NO_KEY);
     }
     if (fd < 0) return false;
-    Fd owner(fd);
+    UniqueFd owner(fd);
     unsigned char master[kKeyBytes + 1];
     size_t got = 0;
     while (got < sizeof(master)) {

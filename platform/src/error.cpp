@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <string>
 
+#include "internal/errno_saver.h"
 #include "platform_error.h"
 #include "telo/platform.h"
 
@@ -20,12 +21,11 @@ thread_local LastError lastError;
 namespace telo_platform {
 
 void setError(unsigned int code, const char *file, int line, const std::string &detail) {
-    int saved = errno;
+    TELO::Backup::internal::ErrnoSaver keep;  // a failing call's errno outlives its record
     lastError.code = code;
     lastError.file = file;
     lastError.line = line;
     lastError.detail = detail;
-    errno = saved;
 }
 
 }  // namespace telo_platform

@@ -14,6 +14,8 @@
 #include <utility>
 
 #include "config_file.h"
+#include "internal/errno_saver.h"
+#include "internal/unique_owners.h"
 #include "telo/platform.h"
 
 namespace telo_platform {
@@ -29,9 +31,6 @@ struct TableDeleter {
 };
 struct IterDeleter {
     void operator()(libmnt_iter *iter) const { mnt_free_iter(iter); }
-};
-struct FileDeleter {
-    void operator()(FILE *file) const { fclose(file); }
 };
 
 // Orders paths so that everything below a path follows it directly: "/" sorts before every
@@ -93,7 +92,7 @@ bool parseMountTable(const std::string &content, std::vector<MountEntry> &entrie
     std::unique_ptr<libmnt_iter, IterDeleter> iter(mnt_new_iter(MNT_ITER_FORWARD));
     // fmemopen reads a copy, so the caller's text is never written to.
     std::string copy = content;
-    std::unique_ptr<FILE, FileDeleter> stream(fmemopen(&copy[0], copy.size(), "r"));
+    TELO::Backup::internal::UniqueFile stream(fmemopen(&copy[0], copy.size(), "r"));
     if (!table || !iter || !stream) {
         errno = ENOMEM;
         return false;
@@ -136,9 +135,8 @@ bool readMountTable(std::vector<MountEntry> &entries, std::string &detail) {
     std::string path = mountTablePath(), content;
     if (!readConfigFile(path, kMaxMountTableBytes, FileKind::kRegularOrProc, content) ||
         !parseMountTable(content, entries)) {
-        int error = errno;
-        detail = "mount table " + path + ": " + configFileError(error, kMaxMountTableBytes);
-        errno = error;
+        TELO::Backup::internal::ErrnoSaver keep;
+        detail = "mount table " + path + ": " + configFileError(keep.value(), kMaxMountTableBytes);
         return false;
     }
     return true;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "config_file.h"
+#include "internal/errno_saver.h"
 #include "mount_table.h"
 #include "platform_error.h"
 #include "share_config.h"
@@ -76,11 +77,10 @@ unsigned int configuredShares(std::vector<Share> &shares, std::string &detail) {
     if (sharesFileExists) {
         if (telo_platform::parseSharesFile(content, shares)) return TELO_ERR_NONE;
     } else if (errno != ENOENT) {
-        int error = errno;
+        TELO::Backup::internal::ErrnoSaver keep;
         detail = "shares file " + sharesFile + ": " +
-                 telo_platform::configFileError(error, telo_platform::kMaxShareFileBytes);
-        errno = error;
-        return telo_platform::fileErrorCode(error);
+                 telo_platform::configFileError(keep.value(), telo_platform::kMaxShareFileBytes);
+        return telo_platform::fileErrorCode(keep.value());
     }
     telo_platform::SambaConfig samba;
     unsigned int code = samba.load(smbFile);
@@ -88,8 +88,8 @@ unsigned int configuredShares(std::vector<Share> &shares, std::string &detail) {
         shares = samba.shares();
         return TELO_ERR_NONE;
     }
-    int error = errno;
-    if (error != ENOENT) {
+    TELO::Backup::internal::ErrnoSaver keep;  // building the detail must not change it
+    if (keep.value() != ENOENT) {
         detail = "Samba configuration " + samba.detail();
     } else if (sharesFileExists) {
         detail = "no share configuration: " + sharesFile + " defines no share and " + smbFile +
@@ -97,7 +97,6 @@ unsigned int configuredShares(std::vector<Share> &shares, std::string &detail) {
     } else {
         detail = "no share configuration: neither " + sharesFile + " nor " + smbFile + " exists";
     }
-    errno = error;
     return code;
 }
 

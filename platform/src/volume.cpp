@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "internal/unique_fd.h"
 #include "mount_table.h"
 #include "platform_error.h"
 #include "telo/platform.h"
@@ -180,15 +181,12 @@ int TELOShareTmpPathGet(const char *volPath, char *buf, int size) {
             // Shared by every user of the volume, like /tmp: world-writable and sticky, whatever
             // the umask made of it. Opened without following links, so only what we made is
             // changed.
-            int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (fd < 0 || fchmod(fd, 01777) != 0) {
-                int saved = errno;
-                if (fd >= 0) close(fd);
-                errno = saved;
+            TELO::Backup::internal::UniqueFd fd(
+                open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!fd || fchmod(fd.get(), 01777) != 0) {
                 TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
                 return -1;
             }
-            close(fd);
         } else if (errno != EEXIST) {
             TELO_PLATFORM_FAIL(TELO_ERR_SYSTEM);
             return -1;

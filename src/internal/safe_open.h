@@ -1,5 +1,6 @@
 // Opening names that another user may have arranged: a lock name kept beneath its directory,
-// and a configuration path whose symbolic links are followed only when they can be trusted.
+// and a configuration path whose symbolic links are followed only when they can be trusted;
+// and changing what was opened through its descriptor rather than its name.
 #ifndef TELO_SRC_INTERNAL_SAFE_OPEN_H
 #define TELO_SRC_INTERNAL_SAFE_OPEN_H
 
@@ -41,6 +42,10 @@ struct ConfigFile {
 // with errno; when only the file itself is missing (ENOENT), `dir`, `name` and `path` are still
 // filled in, so that a rewrite can create it.
 bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile &out);
+
+// fchmod of what `fd` holds; an O_PATH descriptor, which fchmod refuses with EBADF, is reached
+// through /proc/self/fd. 0, or -1 with errno.
+int chmodHeld(int fd, mode_t mode);
 
 }  // namespace internal
 }  // namespace Backup

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "internal/errno_saver.h"
+
 namespace TELO {
 namespace Backup {
 namespace internal {
@@ -33,9 +35,8 @@ class UniqueFd {
     // Closes the held descriptor (errno preserved) and takes `fd`.
     void reset(int fd = -1) {
         if (fd_ >= 0 && fd_ != fd) {
-            int saved = errno;
+            ErrnoSaver keep;
             ::close(fd_);
-            errno = saved;
         }
         fd_ = fd;
     }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <vector>
 
+#include "internal/errno_saver.h"
 #include "internal/syslog.h"
 #include "internal/unique_fd.h"
 #include "network/network_private.h"
@@ -28,6 +29,8 @@ constexpr char kLogSource[] = "network/network";
 constexpr int kLookupCapacity = 20;
 constexpr int kMinimumTrySeconds = 15;
 constexpr int kWaitCalls = 3;
+// Room for "65535" and more: a number cut by it is refused with the others out of range.
+constexpr size_t kPortTextSize = 10;
 constexpr int kMaxPort = 65535;
 
 // The errno that stands for a getaddrinfo failure.
@@ -86,7 +89,7 @@ ProbeBudget probeBudget(int timeoutSec, int totalSec, size_t candidates) {
 
 int Net::testIpAndPortConnect(const char *host, int port, int timeoutSec) {
     // Ports past 65535 would be wrapped silently by getaddrinfo (and cut by the buffer).
-    char portText[10];
+    char portText[kPortTextSize];
     int printed = snprintf(portText, sizeof(portText), "%d", port);
     if (host == nullptr || port < 0 || port > kMaxPort || timeoutSec < 0 ||
         printed >= static_cast<int>(sizeof(portText))) {
@@ -201,9 +204,8 @@ int Net::getAvailableIp(const std::string &addr, int port, int timeoutSec, int t
         if (observer.trying) observer.trying(candidate);
         result = testIpAndPortConnect(candidate.c_str(), port, budget.perTry);
         if (observer.tried) {
-            int error = errno;
-            observer.tried(candidate, result, error);
-            errno = error;
+            internal::ErrnoSaver keep;  // the probe's errno, whatever the observer does
+            observer.tried(candidate, result, keep.value());
         }
         if (result == 0) {
             ip = candidate;

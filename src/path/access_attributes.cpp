@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "internal/fs_rules.h"
+
 namespace TELO {
 namespace Backup {
 namespace internal {
@@ -17,7 +19,7 @@ constexpr char kUserPrefix[] = "user.";
 
 // The calls on a descriptor; one without file operations (O_PATH) is reached through /proc.
 std::string procPath(int fd) {
-    char path[64];
+    char path[kProcFdPathSize];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
     return path;
 }

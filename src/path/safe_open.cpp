@@ -7,9 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <deque>
 #include <vector>
 
+#include "internal/errno_saver.h"
+#include "internal/fs_rules.h"
 #include "telobackup/path/path_util.h"
 
 namespace TELO {
@@ -20,6 +24,10 @@ namespace {
 
 // Symbolic links one open may follow, as the kernel allows.
 constexpr int kMaxLinks = 40;
+
+// A link target that fills this buffer is refused (ENAMETOOLONG): PATH_MAX, the longest path
+// the kernel would resolve.
+constexpr size_t kLinkTargetSize = PATH_MAX;
 
 int openat2Call(int dirFd, const char *name, int flags, mode_t mode, uint64_t resolve) {
     struct open_how how = {};
@@ -129,9 +137,8 @@ class ConfigPathWalk {
 
     // The directory is handed out also when only the file is missing.
     bool finish(ConfigFile &out) {
-        int saved = errno;
-        if (out.fd || saved == ENOENT) out.dir = std::move(cur_);
-        errno = saved;
+        ErrnoSaver keep;
+        if (out.fd || keep.value() == ENOENT) out.dir = std::move(cur_);
         return static_cast<bool>(out.fd);
     }
 
@@ -144,7 +151,7 @@ class ConfigPathWalk {
     // Queues the target of the link `linkFd` (in the current directory) in place of it.
     bool follow(int linkFd) {
         struct stat st;
-        char target[4096];
+        char target[kLinkTargetSize];
         if (++links_ > kMaxLinks) {
             errno = ELOOP;
             return false;
@@ -265,13 +272,12 @@ bool openConfigFileAnyKind(const std::string &path, int flags, mode_t mode, Conf
         if (dir) {
             out.fd.reset(openat(dir.get(), base.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
             if (out.fd || errno != ELOOP) {
-                int saved = errno;
-                if (out.fd || saved == ENOENT) {
+                ErrnoSaver keep;
+                if (out.fd || keep.value() == ENOENT) {
                     out.dir = std::move(dir);
                     out.name = base;
                     out.path = path;
                 }
-                errno = saved;
                 return static_cast<bool>(out.fd);
             }
         } else if (errno != ELOOP && errno != ENOSYS && errno != EPERM) {
@@ -301,6 +307,14 @@ bool openConfigFile(const std::string &path, int flags, mode_t mode, ConfigFile 
     out = ConfigFile();
     errno = error;
     return false;
+}
+
+int chmodHeld(int fd, mode_t mode) {
+    if (fchmod(fd, mode) == 0) return 0;
+    if (errno != EBADF) return -1;
+    char procPath[kProcFdPathSize];
+    snprintf(procPath, sizeof(procPath), "/proc/self/fd/%d", fd);
+    return chmod(procPath, mode);
 }
 
 }  // namespace internal

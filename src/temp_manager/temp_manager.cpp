@@ -11,10 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "internal/errno_saver.h"
+#include "internal/fs_rules.h"
 #include "internal/held_rename.h"
+#include "internal/scope_guard.h"
 #include "internal/syslog.h"
-#include "internal/tree_remover.h"
 #include "internal/unique_fd.h"
+#include "path/remove_all.h"
 #include "telo/platform.h"
 #include "telobackup/path/path_util.h"
 
@@ -62,13 +65,6 @@ size_t utf8Cut(const std::string &text, size_t length) {
     return length;
 }
 
-// A refused chmod is expected on file systems without Unix modes.
-bool chmodRefusalAccepted(int chmodErrno, const std::string &path) {
-    if (chmodErrno != EPERM) return false;
-    int type = TELOGetFSType(path.c_str(), 0);
-    return type == TELO_FS_FAT || type == TELO_FS_FOREIGN;
-}
-
 // mkstemp of `name` with its base name cut to fit `limit` bytes per component and the whole
 // path within 4095 bytes. `tried` gets the name passed to mkstemp, as it left it.
 int createTruncated(const std::string &name, size_t limit, std::string &tried) {
@@ -112,10 +108,9 @@ ScopedTempFile::ScopedTempFile(const std::string &templ, bool closeNow) : fd_(-1
 }
 
 ScopedTempFile::~ScopedTempFile() {
-    int saved = errno;
+    internal::ErrnoSaver keep;
     close();
     unlink();
-    errno = saved;
 }
 
 ScopedTempFile::ScopedTempFile(ScopedTempFile &&other) noexcept
@@ -127,10 +122,11 @@ ScopedTempFile::ScopedTempFile(ScopedTempFile &&other) noexcept
 
 ScopedTempFile &ScopedTempFile::operator=(ScopedTempFile &&other) noexcept {
     if (this != &other) {
-        int saved = errno;
-        close();
-        unlink();
-        errno = saved;
+        {
+            internal::ErrnoSaver keep;
+            close();
+            unlink();
+        }
         fd_ = std::exchange(other.fd_, -1);
         path_ = std::move(other.path_);
         other.path_.clear();
@@ -168,25 +164,18 @@ bool ScopedTempFile::create(const std::string &templ) {
         return false;
     }
 
-    if (fchmod(fd_, 0600) != 0) {
-        int chmodErrno = errno;
-        if (!chmodRefusalAccepted(chmodErrno, created)) {
-            errno = chmodErrno;
-            TELO_LOG_SHORT(LOG_ERR, "chmod failed [%s], %m", created.c_str());
-            ::unlink(created.c_str());
-            close();
-            errno = chmodErrno;
-            return false;
-        }
-    }
-    std::string absolute = Path::absPath(created);
-    if (absolute.empty()) {
-        int saved = errno;
+    auto discard = internal::makeScopeGuard([&] {
+        internal::ErrnoSaver keep;
         ::unlink(created.c_str());
         close();
-        errno = saved;
+    });
+    if (fchmod(fd_, 0600) != 0 && !internal::chmodRefusalExpected(errno, created)) {
+        TELO_LOG_SHORT(LOG_ERR, "chmod failed [%s], %m", created.c_str());
         return false;
     }
+    std::string absolute = Path::absPath(created);
+    if (absolute.empty()) return false;
+    discard.dismiss();
     path_ = std::move(absolute);
     hash_ = checkHash(path_);
     return true;
@@ -283,9 +272,8 @@ ScopedTempFolder::ScopedTempFolder(const std::string &templ) : hash_(0) {
 }
 
 ScopedTempFolder::~ScopedTempFolder() {
-    int saved = errno;
+    internal::ErrnoSaver keep;
     unlink();
-    errno = saved;
 }
 
 ScopedTempFolder::ScopedTempFolder(ScopedTempFolder &&other) noexcept
@@ -295,9 +283,10 @@ ScopedTempFolder::ScopedTempFolder(ScopedTempFolder &&other) noexcept
 
 ScopedTempFolder &ScopedTempFolder::operator=(ScopedTempFolder &&other) noexcept {
     if (this != &other) {
-        int saved = errno;
-        unlink();
-        errno = saved;
+        {
+            internal::ErrnoSaver keep;
+            unlink();
+        }
         path_ = std::move(other.path_);
         other.path_.clear();
         hash_ = std::exchange(other.hash_, 0);
@@ -310,23 +299,17 @@ bool ScopedTempFolder::create(const std::string &templ) {
     std::vector<char> name = writableCopy(chooseTemplate(templ, kDefaultFolderTemplate));
     if (mkdtemp(name.data()) == nullptr) return false;
     std::string created = name.data();
-    if (chmod(created.c_str(), 0700) != 0) {
-        int chmodErrno = errno;
-        if (!chmodRefusalAccepted(chmodErrno, created)) {
-            errno = chmodErrno;
-            TELO_LOG_SHORT(LOG_ERR, "chmod failed, %m [%s]", created.c_str());
-            rmdir(created.c_str());
-            errno = chmodErrno;
-            return false;
-        }
-    }
-    std::string absolute = Path::absPath(created);
-    if (absolute.empty()) {
-        int saved = errno;
+    auto discard = internal::makeScopeGuard([&] {
+        internal::ErrnoSaver keep;
         rmdir(created.c_str());
-        errno = saved;
+    });
+    if (chmod(created.c_str(), 0700) != 0 && !internal::chmodRefusalExpected(errno, created)) {
+        TELO_LOG_SHORT(LOG_ERR, "chmod failed, %m [%s]", created.c_str());
         return false;
     }
+    std::string absolute = Path::absPath(created);
+    if (absolute.empty()) return false;
+    discard.dismiss();
     path_ = std::move(absolute);
     hash_ = checkHash(path_);
     return true;
@@ -384,8 +367,8 @@ std::string volumeTemplate(const std::shared_ptr<FilterVolume> &filter, const st
         return std::string();
     }
     // "." and ".." are no file names: joined to the directory they would place the temporary
-    // beside it.
-    if (name.find('/') != std::string::npos || name == "." || name == "..") {
+    // beside it. An empty name asks for the default one.
+    if (!name.empty() && !internal::isPlainName(name)) {
         TELO_LOG_ERR("name[%s] is invalid!", name.c_str());
         return std::string();
     }

@@ -13,10 +13,14 @@ namespace {
 
 constexpr char kLogSource[] = "temp_manager/volume_path_manager";
 constexpr char kTmpFallback[] = "/tmp";
+// Interface limit: the buffer handed to TELOShareTmpPathGet, whose size it is told.
+constexpr int kShareTmpPathSize = 4095;
+// The enumeration mode a filter asks the platform for unless it keeps its own.
+constexpr int kDefaultEnumMode = 2;
 
 // The temporary directory of a volume, "" (logged) when the platform cannot give one.
 std::string shareTmpPath(const std::string &volumePath) {
-    char buffer[4095] = {};
+    char buffer[kShareTmpPathSize] = {};
     if (TELOShareTmpPathGet(volumePath.c_str(), buffer, sizeof(buffer)) < 0) {
         TELO_LOG_ERR("TELOShareTmpPathGet(%s) fail, " TELO_PLATFORM_ERR_FMT, volumePath.c_str(),
                      TELO_PLATFORM_ERR_ARGS);
@@ -25,27 +29,8 @@ std::string shareTmpPath(const std::string &volumePath) {
     return buffer;
 }
 
-std::string maxSignature(const char *prefix, int location, int mode, bool fallback) {
-    return std::string(prefix) + ":" + std::to_string(location) + ":" + std::to_string(mode) + ":" +
-           (fallback ? "1" : "0");
-}
-
-// Acceptance of the Max filters: a strictly larger free space than the best so far.
-bool acceptLarger(const TELOVOLInfo &info, uint64_t &bestSize) {
-    uint64_t size = info.freeBytes;
-    if (size <= bestSize) return false;
-    bestSize = size;
-    return true;
-}
-
-bool anyType(int) {
-    return true;
-}
-bool extType(int type) {
+bool isExtType(int type) {
     return type == TELO_FS_EXT3 || type == TELO_FS_EXT4;
-}
-bool extOrBtrfsType(int type) {
-    return extType(type) || type == TELO_FS_BTRFS;
 }
 
 }  // namespace
@@ -58,7 +43,7 @@ bool FilterVolume::getVolumeEnumParameter(int &location, int &mode) const {
     int supported = TELOVolumeSupportLocGet();
     if (supported == 0) return false;
     location = supported;
-    mode = 2;
+    mode = kDefaultEnumMode;
     return true;
 }
 
@@ -68,38 +53,92 @@ std::string FilterVolume::defaultPath() const {
 
 // ---- The Max filters --------------------------------------------------------------------------
 
-// The three Max filters have the same fields and differ only in the type test (which comes
-// first, so a refused type never counts its size); the macro keeps their definitions in one
-// place.
-#define TELO_DEFINE_MAX_FILTER(Class, typeTest)                                \
-    Class::Class() {                                                           \
-        FilterVolume::getVolumeEnumParameter(location_, mode_);                \
-    }                                                                          \
-    Class::Class(bool useTmpFallback) : useTmpFallback_(useTmpFallback) {      \
-        FilterVolume::getVolumeEnumParameter(location_, mode_);                \
-    }                                                                          \
-    Class::Class(int location, int mode, bool useTmpFallback)                  \
-        : location_(location), mode_(mode), useTmpFallback_(useTmpFallback) {} \
-    bool Class::getVolumeEnumParameter(int &location, int &mode) const {       \
-        location = location_;                                                  \
-        mode = mode_;                                                          \
-        return true;                                                           \
-    }                                                                          \
-    bool Class::isAccept(const TELOVOLInfo &info) {                            \
-        return typeTest(info.fsType) && acceptLarger(info, bestSize_);         \
-    }                                                                          \
-    std::string Class::defaultPath() const {                                   \
-        return useTmpFallback_ ? kTmpFallback : std::string();                 \
-    }                                                                          \
-    std::string Class::getSignature() const {                                  \
-        return maxSignature(#Class, location_, mode_, useTmpFallback_);        \
-    }
+namespace internal {
 
-TELO_DEFINE_MAX_FILTER(FilterMaxVolume, anyType)
-TELO_DEFINE_MAX_FILTER(FilterMaxExtVolume, extType)
-TELO_DEFINE_MAX_FILTER(FilterMaxExtBtrfsVolume, extOrBtrfsType)
+MaxVolumeFilterBase::MaxVolumeFilterBase(bool useTmpFallback) : useTmpFallback_(useTmpFallback) {
+    FilterVolume::getVolumeEnumParameter(location_, mode_);
+}
 
-#undef TELO_DEFINE_MAX_FILTER
+MaxVolumeFilterBase::MaxVolumeFilterBase(int location, int mode, bool useTmpFallback)
+    : location_(location), mode_(mode), useTmpFallback_(useTmpFallback) {}
+
+bool MaxVolumeFilterBase::storedEnumParameter(int &location, int &mode) const {
+    location = location_;
+    mode = mode_;
+    return true;
+}
+
+bool MaxVolumeFilterBase::acceptIfLarger(bool typeAccepted, const TELOVOLInfo &info) {
+    if (!typeAccepted || info.freeBytes <= bestSize_) return false;
+    bestSize_ = info.freeBytes;
+    return true;
+}
+
+std::string MaxVolumeFilterBase::fallbackPath() const {
+    return useTmpFallback_ ? kTmpFallback : std::string();
+}
+
+std::string MaxVolumeFilterBase::signatureOf(const char *name) const {
+    return std::string(name) + ":" + std::to_string(location_) + ":" + std::to_string(mode_) + ":" +
+           (useTmpFallback_ ? "1" : "0");
+}
+
+}  // namespace internal
+
+// The three differ only in the type test, which comes first so that a refused type never
+// counts its size. Each keeps its own overrides: they are the library's exported symbols.
+
+FilterMaxVolume::FilterMaxVolume() : MaxVolumeFilterBase(false) {}
+FilterMaxVolume::FilterMaxVolume(bool useTmpFallback) : MaxVolumeFilterBase(useTmpFallback) {}
+FilterMaxVolume::FilterMaxVolume(int location, int mode, bool useTmpFallback)
+    : MaxVolumeFilterBase(location, mode, useTmpFallback) {}
+bool FilterMaxVolume::getVolumeEnumParameter(int &location, int &mode) const {
+    return storedEnumParameter(location, mode);
+}
+bool FilterMaxVolume::isAccept(const TELOVOLInfo &info) {
+    return acceptIfLarger(true, info);
+}
+std::string FilterMaxVolume::defaultPath() const {
+    return fallbackPath();
+}
+std::string FilterMaxVolume::getSignature() const {
+    return signatureOf("FilterMaxVolume");
+}
+
+FilterMaxExtVolume::FilterMaxExtVolume() : MaxVolumeFilterBase(false) {}
+FilterMaxExtVolume::FilterMaxExtVolume(bool useTmpFallback) : MaxVolumeFilterBase(useTmpFallback) {}
+FilterMaxExtVolume::FilterMaxExtVolume(int location, int mode, bool useTmpFallback)
+    : MaxVolumeFilterBase(location, mode, useTmpFallback) {}
+bool FilterMaxExtVolume::getVolumeEnumParameter(int &location, int &mode) const {
+    return storedEnumParameter(location, mode);
+}
+bool FilterMaxExtVolume::isAccept(const TELOVOLInfo &info) {
+    return acceptIfLarger(isExtType(info.fsType), info);
+}
+std::string FilterMaxExtVolume::defaultPath() const {
+    return fallbackPath();
+}
+std::string FilterMaxExtVolume::getSignature() const {
+    return signatureOf("FilterMaxExtVolume");
+}
+
+FilterMaxExtBtrfsVolume::FilterMaxExtBtrfsVolume() : MaxVolumeFilterBase(false) {}
+FilterMaxExtBtrfsVolume::FilterMaxExtBtrfsVolume(bool useTmpFallback)
+    : MaxVolumeFilterBase(useTmpFallback) {}
+FilterMaxExtBtrfsVolume::FilterMaxExtBtrfsVolume(int location, int mode, bool useTmpFallback)
+    : MaxVolumeFilterBase(location, mode, useTmpFallback) {}
+bool FilterMaxExtBtrfsVolume::getVolumeEnumParameter(int &location, int &mode) const {
+    return storedEnumParameter(location, mode);
+}
+bool FilterMaxExtBtrfsVolume::isAccept(const TELOVOLInfo &info) {
+    return acceptIfLarger(isExtType(info.fsType) || info.fsType == TELO_FS_BTRFS, info);
+}
+std::string FilterMaxExtBtrfsVolume::defaultPath() const {
+    return fallbackPath();
+}
+std::string FilterMaxExtBtrfsVolume::getSignature() const {
+    return signatureOf("FilterMaxExtBtrfsVolume");
+}
 
 // ---- FilterSameVolume -------------------------------------------------------------------------
 

@@ -38,9 +38,38 @@ class TELO_EXPORT FilterVolume {
     virtual std::string getSignature() const = 0;
 };
 
+namespace internal {
+
+// Not part of the interface: the state and rules the three Max filters below share. Use the
+// filters through FilterVolume.
+class MaxVolumeFilterBase : public FilterVolume {
+  protected:
+    // location and mode from the platform (both 0 when it reports no volume location).
+    explicit MaxVolumeFilterBase(bool useTmpFallback);
+    MaxVolumeFilterBase(int location, int mode, bool useTmpFallback);
+
+    // The stored location and mode; true.
+    bool storedEnumParameter(int &location, int &mode) const;
+    // False when the volume's type is refused (its size then does not count); else true when
+    // its free space is strictly larger than the largest accepted before, which it becomes.
+    bool acceptIfLarger(bool typeAccepted, const TELOVOLInfo &info);
+    // "/tmp" with the fallback, else "".
+    std::string fallbackPath() const;
+    // "<name>:<location>:<mode>:<1|0>".
+    std::string signatureOf(const char *name) const;
+
+  private:
+    int location_ = 0;
+    int mode_ = 0;
+    bool useTmpFallback_ = false;
+    uint64_t bestSize_ = 0;
+};
+
+}  // namespace internal
+
 // The volume with the most free space (the first of equals). A volume is accepted when its free
 // space is strictly larger than the largest this object accepted before (in any enumeration).
-class TELO_EXPORT FilterMaxVolume : public FilterVolume {
+class TELO_EXPORT FilterMaxVolume : public internal::MaxVolumeFilterBase {
   public:
     // location and mode from the platform (both 0 when it reports no volume location); no
     // fallback.
@@ -57,18 +86,12 @@ class TELO_EXPORT FilterMaxVolume : public FilterVolume {
     std::string defaultPath() const override;
     // "FilterMaxVolume:<location>:<mode>:<1|0>", for example "FilterMaxVolume:1:2:1".
     std::string getSignature() const override;
-
-  private:
-    int location_ = 0;
-    int mode_ = 0;
-    bool useTmpFallback_ = false;
-    uint64_t bestSize_ = 0;
 };
 
 // As FilterMaxVolume, among ext2/ext3/ext4 volumes only (type codes 1 and 2); a volume of
 // another type is refused without counting its size. Signature
 // "FilterMaxExtVolume:<location>:<mode>:<1|0>".
-class TELO_EXPORT FilterMaxExtVolume : public FilterVolume {
+class TELO_EXPORT FilterMaxExtVolume : public internal::MaxVolumeFilterBase {
   public:
     FilterMaxExtVolume();
     explicit FilterMaxExtVolume(bool useTmpFallback);
@@ -78,17 +101,11 @@ class TELO_EXPORT FilterMaxExtVolume : public FilterVolume {
     bool isAccept(const TELOVOLInfo &info) override;
     std::string defaultPath() const override;
     std::string getSignature() const override;
-
-  private:
-    int location_ = 0;
-    int mode_ = 0;
-    bool useTmpFallback_ = false;
-    uint64_t bestSize_ = 0;
 };
 
 // As FilterMaxVolume, among ext and btrfs volumes only (type codes 1, 2 and 3). Signature
 // "FilterMaxExtBtrfsVolume:<location>:<mode>:<1|0>".
-class TELO_EXPORT FilterMaxExtBtrfsVolume : public FilterVolume {
+class TELO_EXPORT FilterMaxExtBtrfsVolume : public internal::MaxVolumeFilterBase {
   public:
     FilterMaxExtBtrfsVolume();
     explicit FilterMaxExtBtrfsVolume(bool useTmpFallback);
@@ -98,12 +115,6 @@ class TELO_EXPORT FilterMaxExtBtrfsVolume : public FilterVolume {
     bool isAccept(const TELOVOLInfo &info) override;
     std::string defaultPath() const override;
     std::string getSignature() const override;
-
-  private:
-    int location_ = 0;
-    int mode_ = 0;
-    bool useTmpFallback_ = false;
-    uint64_t bestSize_ = 0;
 };
 
 // The volume that holds a given path. Never enumerates: its answer is its default path.

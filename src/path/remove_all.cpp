@@ -1,4 +1,4 @@
-#include "internal/tree_remover.h"
+#include "path/remove_all.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,17 +12,24 @@
 #include <unordered_set>
 #include <vector>
 
+#include "internal/syslog.h"
 #include "internal/test_hook.h"
 #include "internal/unique_fd.h"
+#include "telobackup/path/path_util.h"
 
 namespace TELO {
 namespace Backup {
-namespace internal {
 
 namespace {
 
-// Directory streams held at once: the top and the deepest levels below it.
-constexpr size_t kOpenLevels = 20;
+// The log lines keep the source name of the file removeAll was first part of.
+constexpr char kLogSource[] = "path/path_util";
+
+}  // namespace
+
+namespace internal {
+
+namespace {
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
@@ -175,7 +182,7 @@ class Remover {
 
     // Keeps the descriptor count bounded: the shallowest open level below the top closes.
     void giveUpOldestLevel() {
-        if (levels_.size() - firstOpen_ + 1 <= kOpenLevels) return;
+        if (levels_.size() - firstOpen_ + 1 <= kRemovalOpenLevels) return;
         closedir(levels_[firstOpen_].stream);
         levels_[firstOpen_].stream = nullptr;
         ++firstOpen_;
@@ -284,5 +291,21 @@ TreeRemoval removeTree(const std::string &path) {
 }
 
 }  // namespace internal
+
+bool removeAll(const std::string &path) {
+    internal::TreeRemoval removal = internal::removeTree(path);
+    // Nothing to examine (missing, or not reachable) counts as nothing to remove.
+    if (!removal.failed) return true;
+    errno = removal.failedErrno;
+    if (removal.failedDirectory) {
+        TELO_LOG_ERR("rmdir %s failed. %m", removal.failedPath.c_str());
+    } else {
+        TELO_LOG_ERR("unlink %s failed. %m", removal.failedPath.c_str());
+    }
+    // A directory left non-empty means one of its children could not be removed.
+    errno = removal.failedErrno == ENOTEMPTY ? EACCES : removal.failedErrno;
+    return false;
+}
+
 }  // namespace Backup
 }  // namespace TELO
