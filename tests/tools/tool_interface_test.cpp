@@ -1,7 +1,11 @@
 // End-to-end tests of what the installed telobackup-util shows a person and a script: errors and
-// results as JSON, standard input as a file, values for eval, warnings, the application log's
-// place, help examples, the manual page and the bash completion.
+// results as JSON, standard input as a file, values for eval, warnings, the probe on a terminal,
+// the application log's place, help examples, the manual page and the bash completion.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <pty.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 
 #include <iterator>
 #include <regex>
@@ -19,6 +23,53 @@ std::vector<std::string> linesOf(const std::string &text) {
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
+}
+
+// A loopback listener whose queue of unaccepted connections is full, so that the kernel drops the
+// next connection's SYN and a connect can only time out.
+struct SilentPort {
+    SilentPort() {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&address), length));
+        EXPECT_EQ(0, listen(fd, 0));
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+        port = std::to_string(ntohs(address.sin_port));
+        for (int &client : clients) {
+            client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+            connect(client, reinterpret_cast<sockaddr *>(&address), sizeof(address));
+        }
+    }
+    ~SilentPort() {
+        for (int client : clients) close(client);
+        close(fd);
+    }
+    int fd;
+    int clients[2];
+    std::string port;
+};
+
+// Runs the tool with a terminal as standard input, output and error; what the terminal showed.
+std::string runOnTerminal(Args args, int &exitCode) {
+    args.insert(args.begin(), toolPath());
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        std::vector<char *> argv;
+        for (std::string &arg : args) argv.push_back(&arg[0]);
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    std::string shown;
+    char buffer[512];
+    for (ssize_t n; (n = read(master, buffer, sizeof(buffer))) > 0;) shown.append(buffer, n);
+    close(master);
+    exitCode = waitExitCode(pid);
+    return shown;
 }
 
 }  // namespace
@@ -230,6 +281,23 @@ TEST_F(Tool, ManualPageCoversTheParser) {
         EXPECT_TRUE(std::regex_search(text, std::regex("\\$ [^\n]*telobackup-util")))
             << name << ": no example";
     }
+}
+
+// On a terminal a probe that takes more than a second names the address it is trying, and a
+// silent port is told apart from a refusing one; not on a terminal, no progress.
+TEST_F(Tool, ProbeShowsProgressOnATerminal) {
+    SilentPort silent;
+    int exitCode = -1;
+    std::string shown =
+        runOnTerminal({"probe", "127.0.0.1", silent.port, "--timeout", "2"}, exitCode);
+    EXPECT_EQ(6, exitCode) << shown;
+    EXPECT_NE(std::string::npos, shown.find("telobackup-util: trying 127.0.0.1\u2026\r\n")) << shown;
+    EXPECT_NE(std::string::npos,
+              shown.find("127.0.0.1:" + silent.port + ": timed out (no answer in time)"))
+        << shown;
+    CommandResult r = run({"probe", "127.0.0.1", silent.port, "--timeout", "1"});
+    EXPECT_EQ(6, r.exitCode);
+    EXPECT_EQ(std::string::npos, r.err.find("trying")) << r.err;
 }
 
 // Every command's --help ends with two or three examples, each a command line and its comment.
