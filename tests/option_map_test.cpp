@@ -127,7 +127,8 @@ TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     EXPECT_EQ(1, fakeplatform::calls("TLIBCCryptSzDecrypt"));
     map.optSet("bad", "zzz");
     std::string out = "keep";
-    EXPECT_TRUE(map.optGet("bad", out, true) && out.empty());
+    EXPECT_TRUE(map.optGet("bad", out, true));
+    EXPECT_TRUE(out.empty());
     EXPECT_EQ("", map.optSecret("bad", "def"));
     EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
     clearCapturedLines();
@@ -136,7 +137,8 @@ TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     // The checked variants fail where the plain ones store or read "", and leave the reason.
     ASSERT_TRUE(map.optSetSecretChecked("p", "pw"));
     EXPECT_EQ("2a2d", map.optString("p", ""));
-    EXPECT_TRUE(map.optGetSecretChecked("p", out) && out == "pw");
+    EXPECT_TRUE(map.optGetSecretChecked("p", out));
+    EXPECT_EQ("pw", out);
 
     fakeplatform::setFail("TLIBCCryptSzEncrypt", TELO_ERR_KEY_MODE);
     EXPECT_FALSE(map.optSetSecretChecked("p", "new"));
@@ -167,7 +169,8 @@ TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
     OptionMap map;
     ASSERT_TRUE(map.optSectionLoad(file, "job", 3));
     EXPECT_EQ("n", map.optString("name", ""));
-    EXPECT_TRUE(map.optSectionGetId() == 3 && map.optSectionGetName() == "job3");
+    EXPECT_EQ(3, map.optSectionGetId());
+    EXPECT_EQ("job3", map.optSectionGetName());
     EXPECT_TRUE(map.optIsLoaded());
     map.optSet("x", true);
     EXPECT_TRUE(map.optSectionSave());
@@ -179,19 +182,22 @@ TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
 
     // An absent section binds all the same; saving does not create it.
     EXPECT_FALSE(map.optSectionLoad(file, "absent", -1) || errno != ENOENT);
-    EXPECT_TRUE(map.optSectionGetName() == "absent" && !map.optIsLoaded());
+    EXPECT_EQ("absent", map.optSectionGetName());
+    EXPECT_FALSE(map.optIsLoaded());
     EXPECT_FALSE(map.optSectionSave());
     EXPECT_EQ(1, log.err("update section failed, No such file or directory"));
 
     EXPECT_FALSE(map.optSectionLoad("", "x", -1));
     EXPECT_EQ(1, log.err("invalid sec [][x]"));
-    EXPECT_TRUE(map.optSectionGetName().empty() && map.optSectionGetId() == -1);
+    EXPECT_TRUE(map.optSectionGetName().empty());
+    EXPECT_EQ(-1, map.optSectionGetId());
     EXPECT_FALSE(map.optSectionSave() || map.optSectionRemove());
     EXPECT_EQ(1, log.err("not bind before save"));
     EXPECT_EQ(1, log.err("not bind before remove"));
 
     std::list<std::string> names{"stale"};
-    EXPECT_TRUE(OptionMap::optSectionListName(dir.file("none"), names) && names.empty());
+    EXPECT_TRUE(OptionMap::optSectionListName(dir.file("none"), names));
+    EXPECT_TRUE(names.empty());
 }
 
 // Exit 0 when the lock file of args[0] is free, 42 when another holder has it.
@@ -311,7 +317,8 @@ TEST_F(OptionMapTest, CreatingMembersBind) {
                  map.optSectionCreate(file, "main", false) || map.optSectionCreate("", "x", false));
     map.optSet("k", 1);
     ASSERT_TRUE(map.optSectionCreate(file, "job", 4));
-    EXPECT_TRUE(map.optSectionGetId() == 4 && map.optSectionSave());
+    EXPECT_EQ(4, map.optSectionGetId());
+    EXPECT_TRUE(map.optSectionSave());
     ASSERT_TRUE(map.optSectionCreate(file, "side", false));
     EXPECT_EQ(-1, map.optSectionGetId());
     ASSERT_TRUE(map.optSectionCreate(file, "job", true));
@@ -382,7 +389,8 @@ TEST_F(OptionMapTest, CreationInOneStep) {
     map.optSet("k", 1);
     ASSERT_TRUE(map.optSectionCreateAndSave(file, "job", false));
     EXPECT_EQ("[job1]\nk=1\n", readFile(file));
-    EXPECT_TRUE(map.optSectionGetId() == 1 && map.optSectionGetName() == "job1");
+    EXPECT_EQ(1, map.optSectionGetId());
+    EXPECT_EQ("job1", map.optSectionGetName());
     EXPECT_FALSE(map.optIsLoaded());
 
     writeFile(file, "#top\n[global]\nother=\"x\"\njobid_max=\"abc\"\n[job4]\ny=2\n[side]\ns=1");

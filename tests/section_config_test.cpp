@@ -91,7 +91,8 @@ TEST_F(SectionConfigFile, LoadAndList) {
     Json::Value values(7);  // replaced, whatever it held
     EXPECT_TRUE(SectionConfig::loadSection(file, "a", values));
     EXPECT_EQ(json("{\"k\":\"v\",\"n\":2}"), values);
-    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values) && values.empty());
+    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values));
+    EXPECT_TRUE(values.empty());
     EXPECT_FALSE(SectionConfig::loadSection(file, "A", values));
     EXPECT_EQ(ENOENT, errno);
     std::list<std::string> names{"stale"};
@@ -113,7 +114,8 @@ TEST_F(SectionConfigFile, HostileValuesAreSkipped) {
         EXPECT_EQ(json("{\"ok\":1}"), values);
     }
     Json::Value values(Json::arrayValue);
-    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values) && values.empty());
+    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values));
+    EXPECT_TRUE(values.empty());
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
@@ -247,8 +249,10 @@ TEST_F(SectionConfigFile, RewritesKeepAclAndUserAttributes) {
     EXPECT_NE(before.st_ino, after.st_ino);  // replaced, not written in place
     EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
     std::string value;
-    EXPECT_TRUE(attributeOf(file, "system.posix_acl_access", value) && value == acl);
-    EXPECT_TRUE(attributeOf(file, "user.origin", value) && value == "by hand");
+    EXPECT_TRUE(attributeOf(file, "system.posix_acl_access", value));
+    EXPECT_EQ(acl, value);
+    EXPECT_TRUE(attributeOf(file, "user.origin", value));
+    EXPECT_EQ("by hand", value);
     EXPECT_EQ(0640, fileMode(file));
     expectAlone();
 

@@ -501,7 +501,8 @@ TEST_F(PathFiles, RemoveAllRemovesEveryLevelButNoLinkTarget) {
     ASSERT_EQ(0, symlink("/nonexistent/target", (below(dir.file("tree"), 29) + "/x").c_str()));
     EXPECT_TRUE(removeAll(dir.file("tree")));
     writeFile(dir.file("single"), "x");
-    EXPECT_TRUE(removeAll(dir.file("single")) && removeAll(dir.file("missing")));
+    EXPECT_TRUE(removeAll(dir.file("single")));
+    EXPECT_TRUE(removeAll(dir.file("missing")));
     EXPECT_EQ(Parts{"outside"}, listDir(dir.path()));
     EXPECT_EQ("keep", readFile(outside + "/keep"));
     EXPECT_EQ(fds, openFds());
@@ -668,9 +669,12 @@ TEST_F(PathFiles, RenameOverAFileTakesItsModeOwnerAclAndAttributes) {
     writeFile(src, "new", 0644);
     EXPECT_TRUE(Path::renameWithMode(src, dst));
     std::string value;
-    EXPECT_TRUE(attributeOf(dst, "system.posix_acl_access", value) && value == acl);
-    EXPECT_TRUE(attributeOf(dst, "user.a", value) && value == "1");
-    EXPECT_TRUE(attributeOf(dst, "user.b", value) && value.empty());
+    EXPECT_TRUE(attributeOf(dst, "system.posix_acl_access", value));
+    EXPECT_EQ(acl, value);
+    EXPECT_TRUE(attributeOf(dst, "user.a", value));
+    EXPECT_EQ("1", value);
+    EXPECT_TRUE(attributeOf(dst, "user.b", value));
+    EXPECT_TRUE(value.empty());
     EXPECT_EQ(0640, fileMode(dst));
     EXPECT_EQ("new", readFile(dst));
     struct stat st;
@@ -769,8 +773,8 @@ TEST_F(PathFiles, RenameWithPlatformAclsCopiesThemOrFails) {
     writeFile(dst, "old", 0600);
     writeFile(dir.file("a.tmp"), "new", 0644);
     EXPECT_TRUE(Path::renameWithMode(dir.file("a.tmp"), dst));
-    EXPECT_TRUE(fakeplatform::calls("TELOACLCopy") == 1 &&
-                fakeplatform::calls("TELOACLArchiveCopy") == 1);
+    EXPECT_EQ(1, fakeplatform::calls("TELOACLCopy"));
+    EXPECT_EQ(1, fakeplatform::calls("TELOACLArchiveCopy"));
     EXPECT_EQ(0644, fileMode(dst));  // permission bits are the ACL's business here
 
     writeFile(dir.file("b.tmp"), "newer", 0644);

@@ -47,7 +47,8 @@ TEST(Conversation, SortAnswersAfterCloseInput) {
         Conversation sort(SubProcess(programPath("sort")));
         ASSERT_TRUE(sort.started());
         EXPECT_GT(sort.pid(), 0);
-        EXPECT_TRUE(sort.write("pear\napple\n") && sort.write(std::string("fig\n")));
+        EXPECT_TRUE(sort.write("pear\napple\n"));
+        EXPECT_TRUE(sort.write(std::string("fig\n")));
         EXPECT_EQ(-1, sort.wait(0));
         EXPECT_EQ(ETIMEDOUT, errno);
         EXPECT_EQ(0, kill(sort.pid(), 0));  // left running
@@ -59,7 +60,8 @@ TEST(Conversation, SortAnswersAfterCloseInput) {
         EXPECT_EQ(0, errno);
         EXPECT_EQ("apple;fig;pear;", all);
         int status = sort.wait(-1);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(0, WEXITSTATUS(status));
         EXPECT_EQ(-1, sort.pid());
         EXPECT_EQ(status, sort.wait(0));  // again, from the record
         EXPECT_EQ(status, sort.close());
@@ -85,8 +87,10 @@ TEST(Conversation, LinesAndRawReads) {
     char buffer[3];
     EXPECT_EQ(3, talk.read(buffer, 3));
     EXPECT_EQ("sho", std::string(buffer, 3));
-    EXPECT_TRUE(talk.readLine(line) && line == "rt");
-    EXPECT_TRUE(talk.readLine(line) && line == "tail");
+    EXPECT_TRUE(talk.readLine(line));
+    EXPECT_EQ("rt", line);
+    EXPECT_TRUE(talk.readLine(line));
+    EXPECT_EQ("tail", line);
     EXPECT_FALSE(talk.readLine(line));
     EXPECT_EQ(0, errno);
     EXPECT_EQ("", line);
@@ -111,7 +115,8 @@ TEST(Conversation, NothingOutlivesTheObject) {
 
     Conversation deaf = startHelper("deaf");
     int status = deaf.close();
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    EXPECT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(SIGKILL, WTERMSIG(status)) << status;
 
     EXPECT_CHILD_OK([] {
         Conversation gone = startHelper("exit", {"4"});
@@ -141,7 +146,8 @@ TEST(Conversation, MovesHandTheProgramOver) {
     EXPECT_EQ(-1, kill(firstPid, 0));  // the first program was closed and reaped
     EXPECT_TRUE(second.write("again\n"));
     std::string line;
-    EXPECT_TRUE(second.readLine(line) && line == "again");
+    EXPECT_TRUE(second.readLine(line));
+    EXPECT_EQ("again", line);
     EXPECT_EQ(8 << 8, second.close());
     EXPECT_TRUE(noChildren());
 }

@@ -113,7 +113,8 @@ class Launch : public ::testing::TestWithParam<bool> {
         TELO::Backup::internal::setForkOnly(false);
         EXPECT_EQ(fds_, openFds()) << "descriptors leaked or closed";
         EXPECT_TRUE(noChildren()) << "a child was left behind";
-        EXPECT_TRUE(same(chld_, actionOf(SIGCHLD)) && same(term_, actionOf(SIGTERM)));
+        EXPECT_TRUE(same(chld_, actionOf(SIGCHLD)));
+        EXPECT_TRUE(same(term_, actionOf(SIGTERM)));
     }
     TempDir dir;
     SyslogCapture log;
@@ -160,9 +161,9 @@ TEST_P(Launch, ExitStatusesAndTheChildsLines) {
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(c.status << 8, status);
         EXPECT_EQ(childLines("pid", c.args, c.errors), launcherLines(log, pid));
-        EXPECT_TRUE(failure.step == c.failure.step && failure.error == c.failure.error &&
-                    failure.stream == c.failure.stream)
-            << failure.step << " " << failure.error << " " << failure.stream;
+        EXPECT_EQ(c.failure.step, failure.step);
+        EXPECT_EQ(c.failure.error, failure.error);
+        EXPECT_EQ(c.failure.stream, failure.stream);
         // The caller's thread keeps the last error line it wrote for the child.
         EXPECT_EQ(c.errors.empty() ? "" : log.lines().back().text, TELO::Backup::lastErrorText());
     }
@@ -174,7 +175,8 @@ TEST_P(Launch, ExitStatusesAndTheChildsLines) {
     EXPECT_EQ(127 << 8, SubProcess(helperCommand("exit", {"127"})).call(failure));
     EXPECT_EQ(LaunchFailure::kNone, failure.step);
     EXPECT_EQ(127 << 8, SubProcess("ls -l").call(failure));
-    EXPECT_TRUE(failure.step == LaunchFailure::kExec && failure.error == ENOENT);
+    EXPECT_EQ(LaunchFailure::kExec, failure.step);
+    EXPECT_EQ(ENOENT, failure.error);
     // Only root may chmod /dev/null (to the mode it has anyway).
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
         SubProcess modeless(exit3);
@@ -216,7 +218,8 @@ TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
     cat.setStdError(dir.file("fresh"), 0640);
     EXPECT_EQ(0, cat.call());
     EXPECT_EQ("old\nnew\n", readFile(dir.file("old")));
-    EXPECT_TRUE(fileMode(dir.file("old")) == 0644 && fileMode(dir.file("fresh")) == 0640);
+    EXPECT_EQ(0644, fileMode(dir.file("old")));
+    EXPECT_EQ(0640, fileMode(dir.file("fresh")));
     int fd = open(dir.file("byfd").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     cat.setStdOutput(dir.file("unused"), 0);
     cat.setStdOutput(fd);
@@ -226,7 +229,8 @@ TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
     EXPECT_EQ(0, cat.call());
     close(fd);
     EXPECT_EQ("new\nnew\n", readFile(dir.file("byfd")));
-    EXPECT_TRUE(fileMode(dir.file("later")) == 0600 && !exists(dir.file("unused")));
+    EXPECT_EQ(0600, fileMode(dir.file("later")));
+    EXPECT_FALSE(exists(dir.file("unused")));
     umask(oldMask);
 }
 
@@ -364,7 +368,8 @@ TEST_P(Launch, PipeConversations) {
         pid = SubProcess(helperCommand("exit")).callPipeOpen(&pipe);
         siginfo_t info;
         ASSERT_EQ(0, waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
-        EXPECT_TRUE(SubProcess::writePipe("x", 1, 1, pipe) == 0 && errno == EPIPE);
+        EXPECT_EQ(0, SubProcess::writePipe("x", 1, 1, pipe));
+        EXPECT_EQ(EPIPE, errno);
         EXPECT_EQ(0, SubProcess::callPipeClose(pipe, pid));
 
         // A child that ignores end of file gets SIGTERM after half a second; the check right
@@ -382,7 +387,8 @@ TEST_P(Launch, PipeConversations) {
                                              std::to_string(pid) + "] return [0]"));
             ASSERT_EQ(pid, waitpid(pid, &status, 0));
         }
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(SIGTERM, WTERMSIG(status));
     }
     TELO::Backup::internal::setExitWaitByNaps(false);
 }
