@@ -266,6 +266,10 @@ TEST_P(Launch, SignalsAroundTheChild) {
         // starts with an empty mask and SIGPIPE at its default.
         PipeFile *pipe = nullptr;
         int pid = SubProcess(exit5).callPipeOpen(&pipe);
+        // The close gives a child half a second before SIGTERM; on a loaded machine the helper
+        // may need longer to start, so its end is awaited first (not reaped: the close reaps).
+        siginfo_t ended;
+        CHILD_CHECK_EQ(0, waitid(P_PID, pid, &ended, WEXITED | WNOWAIT));
         CHILD_CHECK_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
         sigset_t set;
         sigemptyset(&set);
