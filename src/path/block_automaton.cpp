@@ -8,8 +8,6 @@ namespace internal {
 
 namespace {
 
-constexpr size_t npos = BlockAutomaton::npos;
-
 // Blocks of more words than this run on a per-thread buffer instead of the stack.
 constexpr unsigned kStackWords = 8;
 

@@ -60,8 +60,11 @@ for file in /usr/share/man/man1/telobackup-util.1.gz \
 done
 
 echo "== ldconfig"
+# Outputs are read whole before grep -q looks at them: grep leaving early would kill the writer
+# with SIGPIPE, which pipefail reports as a failure.
+cache=$(ldconfig -p)
 for library in libtelobackup-util.so.0 libtelobackup-platform.so.0; do
-  ldconfig -p | grep -q "^[[:space:]]*$library " || fail "ldconfig -p does not list $library"
+  grep -q "^[[:space:]]*$library " <<<"$cache" || fail "ldconfig -p does not list $library"
 done
 
 echo "== a program built against the installed development package"
@@ -72,7 +75,7 @@ cmake --build "$work/consumer" >/dev/null
 c++ -std=c++17 "$source_dir/tests/install/consumer/main.cpp" \
   $(pkg-config --cflags --libs telobackup-util) -o "$work/pkg-consumer"
 "$work/pkg-consumer" || fail "the pkg-config consumer failed"
-ldd "$work/pkg-consumer" | grep -Eq "libtelobackup-util.so.0 => (/usr)?/lib/" ||
+grep -Eq "libtelobackup-util.so.0 => (/usr)?/lib/" <<<"$(ldd "$work/pkg-consumer")" ||
   fail "the consumer does not load the installed library"
 
 echo "== purge"
@@ -86,5 +89,5 @@ done
 for file in "${owned[@]}"; do
   if [[ -e $file || -L $file ]]; then fail "$file is left after the purge"; fi
 done
-if ldconfig -p | grep -q telobackup; then fail "ldconfig still lists a library of ours"; fi
+if grep -q telobackup <<<"$(ldconfig -p)"; then fail "ldconfig still lists a library of ours"; fi
 echo "packages built, installed, used and purged: ${#owned[@]} files, none left"
