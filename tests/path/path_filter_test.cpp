@@ -197,8 +197,8 @@ TEST(PathFilterDifferential, EveryShortPatternPathAndPrefix) {
             int reference = testsupport::rebaseReference(pattern.c_str(), prefix, expected);
             if ((result != reference || got != expected) && ++failures < 5) {
                 ADD_FAILURE() << "\"" << pattern << "\" under \"" << prefix << "\": " << result
-                              << " \"" << got << "\", reference " << reference << " \""
-                              << expected << "\"";
+                              << " \"" << got << "\", reference " << reference << " \"" << expected
+                              << "\"";
             }
         }
         if (failures > 20) break;
