@@ -323,10 +323,8 @@ TEST(IpcTree, ReplacedTreeStillLocksTheNamedFile) {
             }
         }
         CHILD_CHECK_EQ(1, closed);
-        int taken = open("/tmp/telobackup/taken", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        UniqueFd taken(open("/tmp/telobackup/taken", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
         close(openNamedLockFile());
-        close(taken);
-        CHILD_CHECK(unlink("/tmp/telobackup/taken") == 0);
 
         if (!canChangeOwner()) return;
         CHILD_CHECK(removeAll("/tmp/telobackup"));
