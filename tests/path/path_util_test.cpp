@@ -596,14 +596,13 @@ TEST_F(PathFiles, UnprivilegedRenameFailures) {
 TEST_F(PathFiles, ModesOfNewAndReplacedNames) {
     writeFile(dir.file("prog"), "old", 0755);
     ASSERT_EQ(0, chmod(dir.file("prog").c_str(), 04755));
-    writeFile(dir.file("prog.new"), "new", 0600);
-    writeFile(dir.file("target"), "target", 0600);
+    for (const char *name : {"prog.new", "target", "f.tmp", "new"}) {
+        writeFile(dir.file(name), name, 0600);
+    }
     const std::string target = describeTree(dir.file("target"));
     ASSERT_EQ(0, symlink(dir.file("target").c_str(), dir.file("link").c_str()));
     ASSERT_EQ(0, symlink("/nowhere", dir.file("l.tmp").c_str()));
-    writeFile(dir.file("f.tmp"), "x", 0600);
     writeFile(dir.file("g.tmp"), "y", 0644);
-    writeFile(dir.file("new"), "new", 0600);
     makeDir(dir.file("d.tmp"), 0700);
     EXPECT_CHILD_OK([&] {
         // Each row: umask, source, destination, the destination's mode.
