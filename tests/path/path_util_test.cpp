@@ -8,11 +8,9 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <climits>
-#include <functional>
 
 #include "internal/safe_open.h"
 #include "internal/test_hook.h"
@@ -41,35 +39,22 @@ constexpr char kSource[] = "path/path_util";
 
 }  // namespace
 
-// Each row: a, b, join(a, b).
+// Each row: a, b, join(a, b); one row per way the seam is made.
 TEST(PathAlgebra, Join) {
     // clang-format off
     const char *cases[][3] = {
-        // Separators at the seam collapse to one; inner and trailing ones stay.
-        {"a", "b", "a/b"}, {"a/", "/b/", "a/b/"}, {"a//", "//b//c", "a/b//c"}, {"/", "x", "/x"},
-        {"///", "", "/"}, {"///", "///", "/"}, {"/a", "", "/a"}, {"a/", "", "a"},
-        // Empty sides; a leading slash of b goes even when a is empty.
-        {"", "", ""}, {"", "x", "x"}, {"", "/x", "x"}, {"", "/", ""},
-        // "." on either side, and one leading "./" of b.
-        {".", "x", "x"}, {"./", "x", "x"}, {".", "/x/", "x/"}, {"a", ".", "a"}, {"a", "./b", "a/b"},
-        {"a", "././b", "a/./b"}, {"a", "/./b", "a/b"}, {"a", "./", "a"}, {"a", ".x", "a/.x"},
-        {"/", ".", "/"}, {"", ".", ""}, {".", ".", ""},
-        // No normalisation.
-        {"a", "..", "a/.."}, {"a/./b", "../c", "a/./b/../c"},
+        {"a//", "//b//c", "a/b//c"}, {"a/", "", "a"}, {"///", "", "/"}, {"", "/x", "x"},
+        {".", "/x/", "x/"}, {"a", "././b", "a/./b"}, {"a", ".", "a"}, {"a", ".x", "a/.x"},
+        {"a/./b", "../c", "a/./b/../c"},
     };
     // clang-format on
     for (const auto &c : cases) EXPECT_EQ(c[2], Path::join(c[0], c[1])) << c[0] << " + " << c[1];
-    EXPECT_EQ("a/b/c", Path::join("a", "b", "", "c", "", "", ""));
-    // c is always joined: an empty c strips the trailing slash and turns "." into "".
+    // c is always joined, so its trailing slash goes; d..g are skipped when empty.
     EXPECT_EQ("a/b", Path::join("a", "b/", ""));
-    EXPECT_EQ("", Path::join(".", "", ""));
-    // d..g are skipped when empty, so a trailing slash they would strip survives.
     EXPECT_EQ("/x/y/", Path::join("/", "x", "y/", "", "", "", ""));
     Parts parts{"/", "a", "b/"};
-    EXPECT_EQ("/a/b/", Path::join(parts));
     EXPECT_EQ("/a", Path::join(parts.cbegin(), parts.cbegin() + 2));
     EXPECT_EQ("", Path::join(Parts{}));
-    // A single element comes back untouched.
     EXPECT_EQ("a//", Path::join(Parts{"a//"}));
 }
 
@@ -81,9 +66,8 @@ TEST(PathAlgebra, SplitAndToken) {
         const char *first;
     } cases[] = {
         // clang-format off
-        {"", {}, ""}, {"/", {"/"}, "/"}, {"//", {"/", "/"}, "/"}, {"a", {"a"}, "a"},
-        {"a//", {"a", "/"}, "a/"}, {"a//b", {"a", "", "b"}, "a"}, {"/a/", {"/", "a/"}, "/"},
-        {"a/b/", {"a", "b/"}, "a"}, {"///a", {"/", "", "", "a"}, "/"}, {"/a/b", {"/", "a", "b"}, "/"},
+        {"", {}, ""}, {"/", {"/"}, "/"}, {"a//", {"a", "/"}, "a/"}, {"a//b", {"a", "", "b"}, "a"},
+        {"/a/b/", {"/", "a", "b/"}, "/"},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -98,60 +82,47 @@ TEST(PathAlgebra, SplitAndToken) {
     }
 }
 
-// Each row: a, b, common(a, b); then path, base, relative(path, base).
+// Each row: a, b, common(a, b) (symmetric), path, base, relative(path, base).
 TEST(PathAlgebra, CommonAndRelative) {
     // clang-format off
-    const char *common[][3] = {
-        {"/a/b/c", "/a/b/d", "/a/b"}, {"/a/b/", "/a/b", "/a/b"}, {"/a/b", "/a/bc", "/a"},
-        {"/x", "/y", "/"}, {"a", "b", ""}, {"a/b", "a/c", "a"}, {"/a", "a", ""}, {"", "/a", ""},
-        // A lone "/" is stripped to empty before the comparison.
-        {"/", "/a", ""}, {"/", "/", ""},
-    };
-    const char *relative[][3] = {
-        {"/a/b/c", "/a", "b/c"}, {"/a/b/c", "/a///", "b/c"}, {"/a/b", "/a/b", ""},
-        {"/a/b/", "/a/b", ""}, {"/a/bc", "/a/b", ""}, {"/x/y", "/", "x/y"}, {"/x/y", "///", "x/y"},
-        {"/x", "", ""}, {"", "/", ""}, {"a/b", "a", "b"}, {"/a//b", "/a", "/b"},
+    const char *cases[][6] = {
+        {"/a/b/c", "/a/b/d", "/a/b", "/a/b/c", "/a///", "b/c"},
+        {"/a/b/", "/a/b", "/a/b", "/a/b/", "/a/b", ""},
+        {"/a/b", "/a/bc", "/a", "/a/bc", "/a/b", ""},
+        {"/x", "/y", "/", "/x/y", "/", "x/y"},
+        {"/", "/", "", "/x", "", ""},
+        {"a", "b", "", "/a//b", "/a", "/b"},
     };
     // clang-format on
-    for (const auto &c : common) {
-        // Symmetric.
+    for (const auto &c : cases) {
         EXPECT_EQ(c[2], Path::common(c[0], c[1])) << c[0] << " " << c[1];
         EXPECT_EQ(c[2], Path::common(c[1], c[0])) << c[1] << " " << c[0];
-    }
-    for (const auto &c : relative) {
-        EXPECT_EQ(c[2], Path::relative(c[0], c[1])) << c[0] << " under " << c[1];
+        EXPECT_EQ(c[5], Path::relative(c[3], c[4])) << c[3] << " under " << c[4];
     }
 }
 
+// Each row: path, basename, dirname, share name, path relative to the share.
 TEST(PathAlgebra, BasenameDirnameShareNameAndAbsPath) {
-    // Each row: path, basename, dirname; only the text before an embedded NUL counts.
-    const std::string names[][3] = {
+    const std::string cases[][5] = {
         // clang-format off
-        {"/a/b/", "b", "/a"}, {"/a/b", "b", "/a"}, {"/", "/", "/"}, {"", ".", "."},
-        {"a", "a", "."}, {"/a", "a", "/"}, {std::string("/a/x\0/y", 7), "x", "/a"},
+        {"/photos/2024/", "2024", "/photos", "photos", "2024/"}, {"", ".", ".", "", ""},
+        {"/photos", "photos", "/", "photos", ""}, {"/", "/", "/", "", ""}, {"a/b", "b", "a", "", ""},
         // clang-format on
     };
-    for (const auto &c : names) {
-        EXPECT_EQ(c[1], Path::basename(c[0])) << c[0];
-        EXPECT_EQ(c[2], Path::dirname(c[0])) << c[0];
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c[0]);
+        EXPECT_EQ(c[1], Path::basename(c[0]));
+        EXPECT_EQ(c[2], Path::dirname(c[0]));
+        EXPECT_EQ(c[3], ConfigPath::shareName(c[0]));
+        EXPECT_EQ(c[4], ConfigPath::shareRelativePath(c[0]));
     }
-    // Each row: path, share name, path relative to the share.
-    // clang-format off
-    const char *shares[][3] = {
-        {"/photos/2024/trip", "photos", "2024/trip"}, {"/photos/2024/", "photos", "2024/"},
-        {"/photos/", "photos", ""}, {"/photos", "photos", ""}, {"/photos//x", "photos", "/x"},
-        {"/", "", ""}, {"//x", "", "x"}, {"", "", ""}, {"photos/2024", "", ""}};
-    // clang-format on
-    for (const auto &c : shares) {
-        EXPECT_EQ(c[1], ConfigPath::shareName(c[0])) << c[0];
-        EXPECT_EQ(c[2], ConfigPath::shareRelativePath(c[0])) << c[0];
-    }
+    // Only the text before an embedded NUL counts.
+    EXPECT_EQ("x", Path::basename(std::string("/a/x\0/y", 7)));
     // The working directory is joined in without normalising.
     EXPECT_EQ("/x/../y", Path::absPath("/x/../y"));
     EXPECT_CHILD_OK([] {
         CHILD_CHECK(chdir("/usr") == 0);
         CHILD_CHECK_EQ(std::string("/usr/x"), Path::absPath("x"));
-        CHILD_CHECK_EQ(std::string("/usr"), Path::absPath(""));
     });
 }
 
@@ -169,7 +140,6 @@ TEST(IpcTree, ExactModesLockFilesAndBadNames) {
             CHILD_CHECK_EQ(EINVAL, errno);
             CHILD_CHECK_EQ(1, log.err(std::string("bad ") + name + " name."));
         }
-        CHILD_CHECK_EQ(size_t(4), log.size());
         CHILD_CHECK_EQ(01777, fileMode("/tmp"));
         CHILD_CHECK(!exists("/tmp/telobackup"));
         // Exact modes whatever the umask, also over existing directories of other modes.
@@ -181,24 +151,23 @@ TEST(IpcTree, ExactModesLockFilesAndBadNames) {
             CHILD_CHECK(chmod("/tmp/telobackup", 0700) == 0);
         }
         UniqueFd fd(Path::createIpcLockFile("token")), other(Path::createIpcLockFile("token"));
-        CHILD_CHECK(fd && other);
         CHILD_CHECK((fcntl(fd.get(), F_GETFD) & FD_CLOEXEC) != 0);
-        CHILD_CHECK_EQ(O_RDWR, fcntl(fd.get(), F_GETFL) & O_ACCMODE);
         CHILD_CHECK_EQ(0770, fileMode("/tmp/telobackup/lock"));
         CHILD_CHECK_EQ(0666, fileMode("/tmp/telobackup/lock/token"));
         // Each call opens the file anew, so that flock excludes a second descriptor.
         CHILD_CHECK(flock(fd.get(), LOCK_EX | LOCK_NB) == 0);
-        CHILD_CHECK(flock(other.get(), LOCK_EX | LOCK_NB) != 0);
+        CHILD_CHECK(flock(other.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK);
     });
 }
 
-// A link planted at the tree, at its lock directory or at a lock file is never followed: the call
-// fails and the target is not changed.
+// A link planted at the tree, at its lock directory or at a lock file (dangling too) is never
+// followed: the call fails and the target is not changed.
 TEST(IpcTree, PlantedLinksAreNeverFollowed) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         SyslogCapture log{kSource};
         CHILD_CHECK(mkdir("/tmp/target", 0700) == 0);
-        const std::string target = describeTree("/tmp/target");
+        writeFile("/tmp/victim", "precious", 0600);
+        const std::string before = describeTree("/tmp/target") + describeTree("/tmp/victim");
         CHILD_CHECK(symlink("/tmp/target", "/tmp/telobackup") == 0);
         CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0777));
         CHILD_CHECK(errno == ELOOP || errno == ENOTDIR);
@@ -209,23 +178,17 @@ TEST(IpcTree, PlantedLinksAreNeverFollowed) {
         CHILD_CHECK(symlink("/tmp/target", "/tmp/telobackup/lock") == 0);
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
         CHILD_CHECK_EQ(1, log.err("chmod /tmp/telobackup/lock path failed. <any>"));
-        CHILD_CHECK_EQ(target, describeTree("/tmp/target"));
 
-        writeFile("/tmp/victim", "precious", 0600);
-        const std::string victim = describeTree("/tmp/victim");
         CHILD_CHECK(unlink("/tmp/telobackup/lock") == 0);
         CHILD_CHECK(Path::createIpcTempPath("lock", 0770) == "/tmp/telobackup/lock");
         CHILD_CHECK(symlink("/tmp/victim", "/tmp/telobackup/lock/t") == 0);
         CHILD_CHECK(symlink("/tmp/absent", "/tmp/telobackup/lock/dangling") == 0);
-        CHILD_CHECK(mkdir("/tmp/telobackup/lock/dir", 0700) == 0);
         errno = 0;
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
         CHILD_CHECK_EQ(ELOOP, errno);
-        // Nor is a dangling link, nor a directory where a lock file should be.
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dangling"));
-        CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dir"));
         CHILD_CHECK(!exists("/tmp/absent"));
-        CHILD_CHECK_EQ(victim, describeTree("/tmp/victim"));
+        CHILD_CHECK_EQ(before, describeTree("/tmp/target") + describeTree("/tmp/victim"));
     });
 }
 
@@ -254,8 +217,8 @@ TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
         // Each row: a lock name and the errno of both ways to open it, 0 when they do.
         const std::pair<const char *, int> names[] = {
             // clang-format off
-            {"app/file", ELOOP}, {"app/new", ELOOP}, {"../../victim", EXDEV}, {"/tmp/victim", EXDEV},
-            {"sub/../../../victim", EXDEV}, {"../../created", EXDEV}, {"sub/t", 0}, {"sub/../t2", 0},
+            {"app/new", ELOOP}, {"/tmp/victim", EXDEV},
+            {"sub/../../../victim", EXDEV}, {"../../created", EXDEV}, {"sub/../t", 0},
             // clang-format on
         };
         auto outcome = [](int fd) {
@@ -272,8 +235,7 @@ TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
         }
         CHILD_CHECK_EQ(before, describeTree("/tmp/victims") + describeTree("/tmp/victim"));
         CHILD_CHECK(!exists("/tmp/created"));
-        CHILD_CHECK_EQ(0666, fileMode(lockDir + "/sub/t"));
-        CHILD_CHECK_EQ(0666, fileMode(lockDir + "/t2"));
+        CHILD_CHECK_EQ(0666, fileMode(lockDir + "/t"));
     });
 }
 
@@ -284,31 +246,24 @@ namespace {
 int openNamedLockFile() {
     int fd = Path::createIpcLockFile("t");
     struct stat held, named;
-    CHILD_CHECK(fstat(fd, &held) == 0);
-    CHILD_CHECK(stat("/tmp/telobackup/lock/t", &named) == 0);
+    CHILD_CHECK(fstat(fd, &held) == 0 && stat("/tmp/telobackup/lock/t", &named) == 0);
     CHILD_CHECK(held.st_dev == named.st_dev && held.st_ino == named.st_ino);
     return fd;
 }
 
 }  // namespace
 
-// A process keeps the lock directory it validated between calls. When the tree is removed, or
-// moved away, and made anew, or the held descriptor is closed and its number taken by another
-// file, the next call still opens the file the path names; a changed mode is brought back; a
-// tree that another user made in its place is refused.
+// A process keeps the lock directory it validated between calls. When the tree is moved away
+// and made anew, or the held descriptor is closed and its number taken by another file, the next
+// call still opens the file the path names; a changed mode is brought back; a tree that another
+// user made in its place is refused.
 TEST(IpcTree, ReplacedTreeStillLocksTheNamedFile) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         close(openNamedLockFile());
-        const std::function<bool()> replacements[] = {
-            [] { return removeAll("/tmp/telobackup"); },
-            [] { return rename("/tmp/telobackup", "/tmp/moved") == 0; },
-        };
-        for (const auto &replace : replacements) {
-            CHILD_CHECK(replace());
-            makeDir("/tmp/telobackup", 0755);
-            makeDir("/tmp/telobackup/lock", 0770);
-            close(openNamedLockFile());
-        }
+        CHILD_CHECK(rename("/tmp/telobackup", "/tmp/moved") == 0);
+        makeDir("/tmp/telobackup", 0755);
+        makeDir("/tmp/telobackup/lock", 0770);
+        close(openNamedLockFile());
         CHILD_CHECK(chmod("/tmp/telobackup/lock", 0777) == 0);
         close(openNamedLockFile());
         CHILD_CHECK_EQ(0770, fileMode("/tmp/telobackup/lock"));
@@ -335,7 +290,6 @@ TEST(IpcTree, ReplacedTreeStillLocksTheNamedFile) {
         errno = 0;
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
         CHILD_CHECK_EQ(EPERM, errno);
-        CHILD_CHECK(listDir("/tmp/telobackup") == Parts{"lock"});
         CHILD_CHECK(listDir("/tmp/telobackup/lock").empty());
     });
 }
@@ -371,9 +325,7 @@ TEST(IpcTree, ForeignEntriesAreRefusedAndRootsTreeIsShared) {
         ChildResult user = runInChild(ChildOptions{.dropPrivileges = true}, [] {
             CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
                            Path::createIpcTempPath("shared", 0777));
-            errno = 0;
             CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("shared", 0700));
-            CHILD_CHECK_EQ(EPERM, errno);
         });
         CHILD_CHECK_EQ(std::string(), user.message);
     });
@@ -420,7 +372,6 @@ TEST_F(PathFiles, RemoveAllRemovesEveryLevelButNoLinkTarget) {
     const std::string before = describeTree(outside);
     const std::set<int> fds = openFds();
     makeChain(dir.file("tree"), 30, outside);
-    ASSERT_EQ(0, symlink("/nonexistent/target", (below(dir.file("tree"), 29) + "/x").c_str()));
     writeFile(dir.file("single"), "x");
     for (const char *name : {"tree", "single", "missing"}) EXPECT_TRUE(removeAll(dir.file(name)));
     EXPECT_EQ(Parts{"outside"}, listDir(dir.path()));
@@ -460,28 +411,23 @@ TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
         }
     });
     for (int depth = 0; depth < 25; ++depth) EXPECT_EQ(Parts{"d"}, listDir(below(root, depth)));
-    EXPECT_EQ(Parts{"locked"}, listDir(below(root, 25)));
     EXPECT_EQ(Parts{"stuck"}, listDir(locked));
     EXPECT_EQ(Parts{"f"}, listDir(unlistable + "/sub"));
 }
 
 // Other file systems mounted inside the tree are left alone, mount points included, and so is a
-// directory of the same file system bound there (its st_dev is the tree's own).
+// directory or file of the same file system bound there (its st_dev is the tree's own).
 TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
     std::string root = dir.file("tree"), elsewhere = dir.file("elsewhere");
     EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [root, elsewhere] {
         SyslogCapture childLog{kSource};
-        for (const std::string &d :
-             {root, root + "/sub", root + "/sub/mnt", elsewhere, root + "/sub/bound"}) {
-            makeDir(d);
-        }
-        CHILD_CHECK(mount("tmpfs", (root + "/sub/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
-        writeFile(root + "/sub/mnt/inside", "mounted", 0644);
+        for (const std::string &d : {root, root + "/mnt", elsewhere, root + "/bound"}) makeDir(d);
+        CHILD_CHECK(mount("tmpfs", (root + "/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
+        writeFile(root + "/mnt/inside", "mounted", 0644);
         writeFile(elsewhere + "/precious", "kept", 0644);
         writeFile(root + "/source", "bound", 0644);
         writeFile(root + "/target", "", 0644);
-        writeFile(root + "/sub/plain", "x", 0644);
-        const std::pair<std::string, std::string> binds[] = {{elsewhere, root + "/sub/bound"},
+        const std::pair<std::string, std::string> binds[] = {{elsewhere, root + "/bound"},
                                                              {root + "/source", root + "/target"}};
         for (const auto &[from, to] : binds) {
             CHILD_CHECK(mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) == 0);
@@ -489,25 +435,22 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
         errno = 0;
         CHILD_CHECK(!removeAll(root));
         CHILD_CHECK_EQ(EACCES, errno);
-        CHILD_CHECK_EQ(std::string("mounted"), readFile(root + "/sub/mnt/inside"));
+        CHILD_CHECK_EQ(std::string("mounted"), readFile(root + "/mnt/inside"));
         CHILD_CHECK_EQ(std::string("bound"), readFile(root + "/target"));
         CHILD_CHECK_EQ(std::string("kept"), readFile(elsewhere + "/precious"));
-        CHILD_CHECK(!exists(root + "/sub/plain"));
         CHILD_CHECK(!exists(root + "/source"));
-        CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + "/sub failed. Directory not empty"));
-        CHILD_CHECK_EQ(size_t(1), childLog.size());
+        CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + " failed. Directory not empty"));
     });
 }
 
 namespace {
 
 Attacker *activeAttacker = nullptr;
-int attackDepth = 0;
 bool attackDone = false;
 
-// At the moment the remover opens level `attackDepth`, the attacker performs its step 1.
+// At the moment the remover opens level 29, the attacker performs its step 1.
 void attackWhenDeep(HookPoint point, const char *, int depth) {
-    if (point == HookPoint::kDirectoryOpened && depth == attackDepth && !attackDone) {
+    if (point == HookPoint::kDirectoryOpened && depth == 29 && !attackDone) {
         attackDone = activeAttacker->perform(1);
     }
 }
@@ -544,13 +487,10 @@ TEST(RemoveAllAttack, SwappedDirectoryLeadsNowhere) {
             });
             CHILD_CHECK(attacker.perform(0) && exists(below(tree, 30) + "/f"));
             activeAttacker = &attacker;
-            attackDepth = 29;
             testHook = attackWhenDeep;
             bool removed = removeAll(tree);
             testHook = nullptr;
-            CHILD_CHECK(attackDone);
-            CHILD_CHECK(removed);
-            CHILD_CHECK(!exists(tree));
+            CHILD_CHECK(attackDone && removed && !exists(tree));
             CHILD_CHECK_EQ(before, describeTree("/tmp/victim"));
         });
     }
@@ -580,13 +520,9 @@ TEST_F(PathFiles, UnprivilegedRenameFailures) {
             CHILD_CHECK_EQ(accepted, Path::renameWithMode(from, from + ".new"));
         }
         CHILD_CHECK_EQ(EPERM, errno);
-        CHILD_CHECK_EQ(3, fakeplatform::calls("TELOGetFSType"));
         CHILD_CHECK_EQ(1, childLog.err("chmod failed Operation not permitted, [<any>.new]"));
-        CHILD_CHECK_EQ(size_t(2), childLog.size());
     });
     EXPECT_EQ(before, describeTree(dst) + describeTree(src));
-    for (auto fs : fsTypes)
-        EXPECT_TRUE(exists(dir.file("root" + std::to_string(fs.first) + ".new")));
 }
 
 // A new name takes the umask's mode; so does a link's name, which is replaced, not followed.
@@ -602,41 +538,38 @@ TEST_F(PathFiles, ModesOfNewAndReplacedNames) {
     const std::string target = describeTree(dir.file("target"));
     ASSERT_EQ(0, symlink(dir.file("target").c_str(), dir.file("link").c_str()));
     ASSERT_EQ(0, symlink("/nowhere", dir.file("l.tmp").c_str()));
-    writeFile(dir.file("g.tmp"), "y", 0644);
-    makeDir(dir.file("d.tmp"), 0700);
     EXPECT_CHILD_OK([&] {
-        // Each row: umask, source, destination, the destination's mode.
-        const std::tuple<mode_t, const char *, const char *, int> cases[] = {
-            {022, "f.tmp", "f", 0644}, {022, "d.tmp", "d", 0755}, {022, "new", "link", 0644},
-            {077, "g.tmp", "g", 0600}, {077, "l.tmp", "l", 0777}, {077, "prog.new", "prog", 0755},
+        umask(022);
+        // Each row: source, destination, the destination's mode.
+        const std::tuple<const char *, const char *, int> cases[] = {
+            // clang-format off
+            {"f.tmp", "f", 0644}, {"new", "link", 0644}, {"l.tmp", "l", 0777},
+            {"prog.new", "prog", 0755},
+            // clang-format on
         };
-        for (const auto &[mask, from, to, mode] : cases) {
-            umask(mask);
+        for (const auto &[from, to, mode] : cases) {
             CHILD_CHECK(Path::renameWithMode(dir.file(from), dir.file(to)));
             CHILD_CHECK_EQ(mode, fileMode(dir.file(to)));
         }
         CHILD_CHECK_EQ(target, describeTree(dir.file("target")));
-        CHILD_CHECK(listDir(dir.path()) == (Parts{"d", "f", "g", "l", "link", "prog", "target"}));
     });
 }
 
+// Failures leave the old file as it was and make no new name.
 TEST_F(PathFiles, RenameFailuresLeaveTheOldFile) {
     std::string dst = dir.file("config");
     writeFile(dst, "old", 0600);
     makeDir(dir.file("adir"), 0700);
     const std::string before = describeTree(dir.path());
-    // A missing source, or a directory, cannot replace a file; a missing source makes no new name.
-    EXPECT_FALSE(Path::renameWithMode(dir.file("missing"), dst));
-    EXPECT_EQ(1, log.err("rename failed, No such file or directory [" + dst + "]")) << log.dump();
     EXPECT_FALSE(Path::renameWithMode(dir.file("adir"), dst));
-    EXPECT_EQ(1, log.err("rename failed, Not a directory [" + dst + "]"));
+    EXPECT_EQ(1, log.err("rename failed, Not a directory [" + dst + "]")) << log.dump();
     EXPECT_FALSE(Path::renameWithMode(dir.file("missing"), dir.file("new")));
     EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ(1, log.err("rename failed No such file or directory, [" + dir.file("new") + "]"));
     // lstat of dst failing other than ENOENT: false without a line.
     EXPECT_FALSE(Path::renameWithMode(dst, dst + "/under"));
     EXPECT_EQ(ENOTDIR, errno);
-    EXPECT_EQ(3u, log.size());
+    EXPECT_EQ(2u, log.size());
     EXPECT_EQ(before, describeTree(dir.path()));
 }
 
@@ -645,23 +578,13 @@ TEST_F(PathFiles, RenameWithPlatformAclsCopiesThemOrFails) {
     std::string dst = dir.file("config");
     writeFile(dst, "old", 0600);
     writeFile(dir.file("a.tmp"), "new", 0644);
-    EXPECT_TRUE(Path::renameWithMode(dir.file("a.tmp"), dst));
-    EXPECT_EQ(1, fakeplatform::calls("TELOACLCopy"));
-    EXPECT_EQ(1, fakeplatform::calls("TELOACLArchiveCopy"));
-    EXPECT_EQ(0644, fileMode(dst));  // permission bits are the ACL's business here
-
-    writeFile(dir.file("b.tmp"), "newer", 0644);
     fakeplatform::setFail("TELOACLArchiveCopy");
-    EXPECT_FALSE(Path::renameWithMode(dir.file("b.tmp"), dst));
-    EXPECT_EQ("new", readFile(dst));
-    EXPECT_EQ(1, log.err("Failed to copy ACL from [" + dst + "] to [" + dir.file("b.tmp") + "]"));
-
+    EXPECT_FALSE(Path::renameWithMode(dir.file("a.tmp"), dst));
+    EXPECT_EQ("old", readFile(dst));
+    EXPECT_EQ(1, log.err("Failed to copy ACL from [" + dst + "] to [" + dir.file("a.tmp") + "]"));
     // A new name with ACLs resets inheritance instead of applying the umask.
-    EXPECT_TRUE(Path::renameWithMode(dir.file("b.tmp"), dir.file("fresh")));
-    EXPECT_EQ(1, fakeplatform::calls("TELOACLResetInherit"));
-    writeFile(dir.file("c.tmp"), "x", 0644);
     fakeplatform::setFail("TELOACLResetInherit");
-    EXPECT_FALSE(Path::renameWithMode(dir.file("c.tmp"), dir.file("fresh2")));
-    EXPECT_TRUE(exists(dir.file("fresh2")));
+    EXPECT_FALSE(Path::renameWithMode(dir.file("a.tmp"), dir.file("fresh")));
+    EXPECT_TRUE(exists(dir.file("fresh")));
     EXPECT_EQ(1, log.err("reset acl inherit failed"));
 }
