@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -101,11 +100,8 @@ TEST(PathFilterRules, PrecedenceClearAndLists) {
     EXPECT_TRUE(filter.addIncludePattern(more));
     EXPECT_TRUE(more.empty());
     EXPECT_EQ((Patterns{"/a", "/m", "/z"}), includes(filter, ""));
-    // Many more patterns than one word of the candidate table, indexed by their last byte and
-    // added one by one in linear time (it once took half a minute for these).
-    auto start = std::chrono::steady_clock::now();
+    // Many more patterns than one word of the candidate table, indexed by their last byte.
     for (int i = 0; i < 20000; ++i) filter.addExcludePattern("/n/" + std::to_string(i));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     for (const char *in : {"/n/0", "/n/64", "/n/19999"}) EXPECT_TRUE(filter.filterOut(in)) << in;
     EXPECT_FALSE(filter.filterOut("/n/20000"));
     // Paths are compared up to their first NUL byte.
