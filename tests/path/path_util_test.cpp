@@ -568,6 +568,7 @@ TEST_F(PathFiles, RenameWithPlatformAclsCopiesThemOrFails) {
     fakeplatform::setFail("TELOACLArchiveCopy");
     EXPECT_FALSE(Path::renameWithMode(dir.file("a.tmp"), dst));
     EXPECT_EQ("old", readFile(dst));
+    EXPECT_EQ(1, fakeplatform::calls("TELOACLCopy"));
     EXPECT_EQ(1, log.err("Failed to copy ACL from [" + dst + "] to [" + dir.file("a.tmp") + "]"));
     // A new name with ACLs resets inheritance instead of applying the umask.
     fakeplatform::setFail("TELOACLResetInherit");
