@@ -1,5 +1,5 @@
-// The line scanner and the four file operations on real files, including failed rewrites, bad
-// input and a writer killed at random moments.
+// The line scanner and the file operations on real files, including failed rewrites, bad input,
+// links and swaps another user plants, and a writer killed at random moments.
 #include "telobackup/section_config.h"
 
 #include <fcntl.h>
@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <iostream>
+#include <memory>
 #include <random>
 
 #include "internal/test_hook.h"
@@ -86,36 +87,67 @@ TEST(SectionConfigScanner, ClassifiesEveryLine) {
     EXPECT_EQ(15u, scan(content, false).size());
 }
 
-TEST_F(SectionConfigFile, LoadAndList) {
-    writeFile(file, "k0=0\n[a]\n k = \"v\" \nbare = v\nn=1\nn=2\n[b]\n[a]\nx=9\n");
-    Json::Value values(7);  // replaced, whatever it held
-    EXPECT_TRUE(SectionConfig::loadSection(file, "a", values));
-    EXPECT_EQ(json("{\"k\":\"v\",\"n\":2}"), values);
-    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values));
-    EXPECT_TRUE(values.empty());
-    EXPECT_FALSE(SectionConfig::loadSection(file, "A", values));
-    EXPECT_EQ(ENOENT, errno);
-    std::list<std::string> names{"stale"};
-    EXPECT_TRUE(SectionConfig::listSection(file, names));
-    EXPECT_EQ((std::list<std::string>{"a", "b", "a"}), names);
-    EXPECT_EQ(0u, log.size()) << log.dump();
+// A stop ends the scan after the stopping line and leaves the stream just behind it, so a
+// caller can go on reading from there.
+TEST_F(SectionConfigFile, StopLeavesTheStreamAfterTheStoppingLine) {
+    writeFile(file, "[a]\nx=1\n[b]\ny=2\n");
+    auto stopAtB = [](bool &stop, const SectionConfig::LineInfo &info, void *arg) {
+        const bool section = info.type == SectionConfig::LINE_SECTION;
+        static_cast<Lines *>(arg)->push_back(section ? info.line : info.key);
+        stop = section && std::string(info.section) == "b";
+        return true;
+    };
+    Lines seen;
+    std::unique_ptr<FILE, int (*)(FILE *)> stream(fopen(file.c_str(), "r"), fclose);
+    ASSERT_TRUE(stream);
+    EXPECT_TRUE(SectionConfig::parseFile(stream.get(), stopAtB, &seen));
+    EXPECT_EQ((Lines{"[a]", "x", "[b]"}), seen);
+    char rest[32] = {};
+    EXPECT_EQ(4u, fread(rest, 1, sizeof rest - 1, stream.get()));
+    EXPECT_STREQ("y=2\n", rest);
+}
+
+// The three writers put exactly one line each, cut at a NUL; a stream that refuses the text
+// makes them false with the failure logged once each.
+TEST_F(SectionConfigFile, LineWritersAndTheirFailure) {
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *memory = open_memstream(&text, &size);
+    ASSERT_NE(nullptr, memory);
+    EXPECT_TRUE(SectionConfig::writeSectionName(memory, "s"));
+    EXPECT_TRUE(SectionConfig::writeKeyValue(memory, "k", "\"v\""));
+    EXPECT_TRUE(SectionConfig::writeLine(memory, std::string("#c\0hidden", 9)));
+    fclose(memory);
+    EXPECT_EQ("[s]\nk=\"v\"\n#c\n", std::string(text, size));
+    free(text);
+
+    FILE *full = fopen("/dev/full", "we");
+    ASSERT_NE(nullptr, full);
+    setvbuf(full, nullptr, _IONBF, 0);  // the refusal shows at the write, not at a later flush
+    EXPECT_FALSE(SectionConfig::writeSectionName(full, "s"));
+    EXPECT_FALSE(SectionConfig::writeKeyValue(full, "k", "1"));
+    EXPECT_FALSE(SectionConfig::writeLine(full, "line"));
+    fclose(full);
+    EXPECT_EQ(3, log.err("fprintf failed, No space left on device")) << log.dump();
 }
 
 // Values that do not parse are skipped, however they fail: a value nested past the reader's
 // depth limit is one of them. A `values` of any kind ends as the section's object.
-TEST_F(SectionConfigFile, HostileValuesAreSkipped) {
+TEST_F(SectionConfigFile, LoadAndList) {
     std::string deep = std::string(1001, '[') + std::string(1001, ']');
-    writeFile(file,
-              "[a]\ne=" + std::string(1001, '[') + "\nf=" + deep + "\nok=1\n[b]\nd=" + deep + "\n");
-    Json::Value array;  // becomes an array
-    array.append(1);
-    for (Json::Value values : {array, Json::Value("s"), Json::Value(3)}) {
+    writeFile(file, "k0=0\n[a]\n k = \"v\" \nbare = v\nn=1\nn=2\ne=" + std::string(1001, '[') +
+                        "\nf=" + deep + "\n[b]\nd=" + deep + "\n[a]\nx=9\n");
+    for (Json::Value values : {Json::Value(7), Json::Value("s"), json("[1]")}) {
         EXPECT_TRUE(SectionConfig::loadSection(file, "a", values));
-        EXPECT_EQ(json("{\"ok\":1}"), values);
+        EXPECT_EQ(json("{\"k\":\"v\",\"n\":2}"), values);
     }
-    Json::Value values(Json::arrayValue);
+    Json::Value values = json("[1]");
     EXPECT_TRUE(SectionConfig::loadSection(file, "b", values));
     EXPECT_TRUE(values.empty());
+    EXPECT_FALSE(SectionConfig::loadSection(file, "A", values) || errno != ENOENT);
+    std::list<std::string> names{"stale"};
+    EXPECT_TRUE(SectionConfig::listSection(file, names));
+    EXPECT_EQ((std::list<std::string>{"a", "b", "a"}), names);
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
@@ -124,8 +156,6 @@ TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
     EXPECT_TRUE(SectionConfig::updateSection(file, "a", json("{\"z\":5,\"s\":\"t\"}"), false));
     EXPECT_EQ("#top\n[a]\ns=\"t\"\nz=5\n#c\n[b]\ny=2\n", readFile(file));
     EXPECT_EQ(0640, fileMode(file));
-    expectAlone();
-
     writeFile(file, kSample);
     EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
     EXPECT_EQ("#top\n[b]\ny=2\n", readFile(file));
@@ -136,37 +166,62 @@ TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
     EXPECT_EQ("k=1\n[a]\nn=[1,\"x\"]\n[a]\nn=[1,\"x\"]\n[c]\nbad line\n[a]\nn=[1,\"x\"]\n",
               readFile(file));
     EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
-    EXPECT_EQ("k=1\n[c]\nbad line\n", readFile(file));
     EXPECT_TRUE(SectionConfig::updateSection(file, "new", Json::Value(), true));
     EXPECT_EQ("k=1\n[c]\nbad line\n[new]\n", readFile(file));
 
-    // An absent section (or file) without `create` leaves everything as it was.
-    EXPECT_FALSE(SectionConfig::updateSection(file, "zz", json("{\"a\":1}"), false));
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_FALSE(SectionConfig::removeSection(file, "zz"));
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ("k=1\n[c]\nbad line\n[new]\n", readFile(file));
+    // Several sections in one rewrite: both copies of [a] get its keys, the missing one is
+    // appended; a missing file is made with the sections in the object's order.
+    writeFile(file, "# top\n[a]\nx=1\n# in a\n[b]\ny=1\n[a]\nx=9\n[keep]\nz=1\n");
+    ASSERT_TRUE(SectionConfig::updateSections(
+        file, json("{\"b\":{\"n\":null,\"y\":2},\"a\":{\"x\":2},\"new\":{\"w\":[1]}}"), true));
+    EXPECT_EQ("# top\n[a]\nx=2\n# in a\n[b]\nn=null\ny=2\n[a]\nx=2\n[keep]\nz=1\n[new]\nw=[1]\n",
+              readFile(file));
+    ASSERT_EQ(0, unlink(file.c_str()));
+    ASSERT_TRUE(SectionConfig::updateSections(file, json("{\"z\":{},\"m\":{\"k\":\"v\"}}"), true));
+    EXPECT_EQ("[m]\nk=\"v\"\n[z]\n", readFile(file));
     ASSERT_EQ(0, unlink(file.c_str()));
     EXPECT_TRUE(SectionConfig::updateSection(file, "s", json("{\"a\":1}"), true));
     EXPECT_EQ("[s]\na=1\n", readFile(file));
+    // Nothing to update: the file is not even made.
+    EXPECT_TRUE(SectionConfig::updateSections(dir.file("none.conf"), json("{}"), true));
     expectAlone();
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
-// Names that would not read back as written are refused before anything is touched; odd
-// content elsewhere (a 10 MB line, invalid UTF-8, a NUL byte) survives rewrites of other
-// sections.
+// Names that would not read back as written, absent sections without `create` and a non-object
+// are refused before anything is touched; odd content elsewhere (a 10 MB line, invalid UTF-8, a
+// NUL byte) survives rewrites of other sections.
 TEST_F(SectionConfigFile, BadInputNeverCostsData) {
     std::string big = "big=\"" + std::string(10 << 20, 'x') + "\"\n";
     std::string content = "[keep]\n" + big + "\xff\xfe=1\n[a]\nv=1\n";
     writeFile(file, content);
-    EXPECT_FALSE(SectionConfig::updateSection(file, "a\n[keep]", json("{}"), true));
+    auto update = [&](const char *name, const char *values, bool create) {
+        return SectionConfig::updateSection(file, name, json(values), create);
+    };
+    auto sections = [&](const char *values, bool create) {
+        return SectionConfig::updateSections(file, json(values), create);
+    };
+    const std::pair<std::function<bool()>, int> refused[] = {
+        {[&] { return update("a\n[keep]", "{}", true); }, EINVAL},
+        {[&] { return update("zz", "{\"a\":1}", false); }, ENOENT},
+        {[&] { return SectionConfig::removeSection(file, "zz"); }, ENOENT},
+        // A bad key in any section refuses all of them; one missing section refuses all.
+        {[&] { return sections("{\"a\":{},\"b\":{\"=k\":1}}", true); }, EINVAL},
+        {[&] { return sections("{\"a\":{},\"gone\":{}}", false); }, ENOENT},
+        {[&] { return sections("[{\"a\":{}}]", true); }, EINVAL},
+    };
+    for (const auto &call : refused) {
+        errno = 0;
+        EXPECT_FALSE(call.first());
+        EXPECT_EQ(call.second, errno);
+    }
     for (const char *key : {"x\n[keep]", "k=v", " k", "k\t", "#k", "[k"}) {
         Json::Value values;
         values[key] = "[1]";
         EXPECT_FALSE(SectionConfig::updateSection(file, "a", values, true) || errno != EINVAL);
     }
     EXPECT_EQ(1, log.err("invalid name [#k]"));
+    EXPECT_EQ(1, log.err("invalid name [=k]"));
     EXPECT_EQ(content, readFile(file));
     expectAlone();
 
@@ -187,8 +242,7 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
         SyslogCapture childLog{"section_config"};
         Json::Value values = json("{\"z\":1}");
-        CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false));
-        CHILD_CHECK_EQ(EACCES, errno);
+        CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false) && errno == EACCES);
         CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
         CHILD_CHECK_EQ(2, childLog.err("create temp failed, Permission denied"));
         // A file the caller may not write fails at the open, silently.
@@ -203,8 +257,16 @@ TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
 
 // A FIFO, a device or a directory where the file should be is refused at once by every
 // operation, with EINVAL (EISDIR for a directory): nothing waits for a writer that never comes
-// or reads without end.
+// or reads without end. A regular file opens close-on-exec, from its start.
 TEST_F(SectionConfigFile, OnlyRegularFilesAreRead) {
+    writeFile(file, kSample);
+    std::unique_ptr<FILE, int (*)(FILE *)> in(SectionConfig::openFile(file), fclose);
+    ASSERT_TRUE(in);
+    char buffer[sizeof(kSample)] = {};
+    EXPECT_EQ(sizeof(kSample) - 1, fread(buffer, 1, sizeof(buffer), in.get()));
+    EXPECT_STREQ(kSample, buffer);
+    EXPECT_NE(0, fcntl(fileno(in.get()), F_GETFD) & FD_CLOEXEC);
+    EXPECT_FALSE(SectionConfig::openFile(dir.file("missing")) != nullptr || errno != ENOENT);
     const std::string fifo = dir.file("fifo.conf"), zero = dir.file("zero.conf"),
                       sub = dir.file("dir.conf");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
@@ -219,12 +281,13 @@ TEST_F(SectionConfigFile, OnlyRegularFilesAreRead) {
             const int expected = path == sub ? EISDIR : EINVAL;
             Json::Value loaded;
             std::list<std::string> names;
+            CHILD_CHECK(SectionConfig::openFile(path) == nullptr && errno == expected);
             CHILD_CHECK(!SectionConfig::loadSection(path, "a", loaded) && errno == expected);
             CHILD_CHECK(!SectionConfig::listSection(path, names) && errno == expected);
-            CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false) &&
-                        errno == expected);
-            CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, true) &&
-                        errno == expected);
+            for (bool create : {false, true}) {
+                CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, create) &&
+                            errno == expected);
+            }
             CHILD_CHECK(!SectionConfig::removeSection(path, "a") && errno == expected);
         }
         CHILD_CHECK_EQ(6, childLog.err("open failed, Invalid argument"));
@@ -233,41 +296,51 @@ TEST_F(SectionConfigFile, OnlyRegularFilesAreRead) {
     EXPECT_EQ(before, describeTree(dir.path()));
 }
 
-// A rewrite keeps the file's POSIX ACL and user attributes, so a reader granted access keeps
-// it; a file without an ACL gets none from its directory's default ACL on the way.
-TEST_F(SectionConfigFile, RewritesKeepAclAndUserAttributes) {
+// A rewrite replaces the file with one that has its mode, ACL and attributes; a file without an
+// ACL gets none from its directory's default ACL on the way.
+TEST_F(SectionConfigFile, RewritesTakeNoAclFromTheDirectory) {
     const std::string acl = aclGrantingRead(34);
-    writeFile(file, kSample, 0600);
-    if (setxattr(file.c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0) != 0 ||
-        setxattr(file.c_str(), "user.origin", "by hand", 7, 0) != 0) {
-        GTEST_SKIP() << "no ACLs or user attributes on " << dir.path() << ": " << strerror(errno);
+    if (setxattr(dir.path().c_str(), "system.posix_acl_default", acl.data(), acl.size(), 0) != 0) {
+        GTEST_SKIP() << "no ACLs on " << dir.path() << ": " << strerror(errno);
     }
-    struct stat before, after;
-    ASSERT_EQ(0, stat(file.c_str(), &before));
-    EXPECT_TRUE(SectionConfig::updateSection(file, "b", json("{\"y\":3}"), false));
-    ASSERT_EQ(0, stat(file.c_str(), &after));
-    EXPECT_NE(before.st_ino, after.st_ino);  // replaced, not written in place
+    writeFile(file, kSample, 0600);
+    ASSERT_EQ(0, removexattr(file.c_str(), "system.posix_acl_access"));
+    ASSERT_EQ(0, chmod(file.c_str(), 0600));
     EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
     std::string value;
-    EXPECT_TRUE(attributeOf(file, "system.posix_acl_access", value));
-    EXPECT_EQ(acl, value);
-    EXPECT_TRUE(attributeOf(file, "user.origin", value));
-    EXPECT_EQ("by hand", value);
-    EXPECT_EQ(0640, fileMode(file));
+    EXPECT_FALSE(attributeOf(file, "system.posix_acl_access", value));
+    EXPECT_EQ(0600, fileMode(file));
     expectAlone();
-
-    const std::string sub = dir.file("inherits"), plain = sub + "/p.conf";
-    makeDir(sub, 0755);
-    ASSERT_EQ(0, setxattr(sub.c_str(), "system.posix_acl_default", acl.data(), acl.size(), 0));
-    writeFile(plain, kSample, 0600);
-    ASSERT_EQ(0, removexattr(plain.c_str(), "system.posix_acl_access"));
-    ASSERT_EQ(0, chmod(plain.c_str(), 0600));
-    EXPECT_TRUE(SectionConfig::removeSection(plain, "a"));
-    EXPECT_FALSE(attributeOf(plain, "system.posix_acl_access", value));
-    EXPECT_EQ(0600, fileMode(plain));
 }
 
-// ---- Links another user planted --------------------------------------------------------------
+// The temporaries of killed writers, once 10 minutes old, go; nothing else does: not a young
+// one, a link, a directory, another user's file or a name of another shape.
+TEST_F(SectionConfigFile, StaleTemporariesGoNothingElse) {
+    writeFile(file, kSample);
+    Lines expected = {"c.conf",         "c.conf.Young1", "c.conf.ab-de9", "c.conf.abcde",
+                      "c.conf.abcdefg", "c.conf.bak",    "d.conf.abcdef"};
+    for (const std::string &name : expected) writeFile(dir.file(name), "x", 0600);
+    ASSERT_EQ(0, symlink(file.c_str(), dir.file("c.conf.Link01").c_str()));
+    makeDir(dir.file("c.conf.Dir001"), 0700);
+    expected.insert(expected.end(), {"c.conf.Dir001", "c.conf.Link01"});
+    if (canChangeOwner()) {
+        writeFile(dir.file("c.conf.Nobody"), "x", 0600);
+        ASSERT_EQ(0, chown(dir.file("c.conf.Nobody").c_str(), 65534, 65534));
+        expected.push_back("c.conf.Nobody");
+    }
+    std::sort(expected.begin(), expected.end());
+    writeFile(dir.file("c.conf.Ab12Cd"), "stale");
+    const timespec old[2] = {{time(nullptr) - 11 * 60, 0}, {time(nullptr) - 11 * 60, 0}};
+    for (const std::string &name : listDir(dir.path())) {
+        if (name != "c.conf.Young1") {
+            ASSERT_EQ(0, utimensat(AT_FDCWD, dir.file(name).c_str(), old, AT_SYMLINK_NOFOLLOW));
+        }
+    }
+    errno = EDOM;
+    EXPECT_EQ(1, SectionConfig::removeStaleTemporaries(file));
+    EXPECT_EQ(EDOM, errno);
+    EXPECT_EQ(expected, listDir(dir.path()));
+}
 
 // A user plants links in their own directory to a root-only file, to a name that does not exist
 // yet in a root-only directory, and to that directory itself. Every read and write of root
@@ -294,7 +367,6 @@ TEST(SectionConfigAttack, PlantedLinksAreFollowedOnlyWhenTrusted) {
         Json::Value values = json("{\"k\":2}"), loaded;
         std::list<std::string> names;
         for (const std::string &conf : {home + "/a.conf", home + "/new.conf", home + "/dir/file"}) {
-            errno = 0;
             CHILD_CHECK(!SectionConfig::updateSection(conf, "s", values, true) && errno == EPERM);
             CHILD_CHECK(!SectionConfig::removeSection(conf, "s") && errno == EPERM);
             CHILD_CHECK(!SectionConfig::loadSection(conf, "s", loaded) && errno == EPERM);
@@ -315,28 +387,36 @@ TEST(SectionConfigAttack, PlantedLinksAreFollowedOnlyWhenTrusted) {
     });
 }
 
-// ---- Another user swapping the temporary --------------------------------------------------------
-
 namespace {
 
 Attacker *swapper = nullptr;
 HookPoint swapAt;
 bool swapDone = false;
 
-void swapWhenDue(HookPoint point, const char *, int) {
-    if (point == swapAt && !swapDone) swapDone = swapper->perform(0);
-}
-
 // Rewrites section "s" of `conf` while `attacker` performs its step 0 at `point`: true when the
 // step was done and the rewrite failed with ESTALE.
 bool rewriteFailsUnderAttack(Attacker &attacker, HookPoint point, const std::string &conf) {
     swapper = &attacker;
     swapAt = point;
-    testHook = swapWhenDue;
+    testHook = [](HookPoint at, const char *, int) {
+        if (at == swapAt && !swapDone) swapDone = swapper->perform(0);
+    };
     bool written = SectionConfig::updateSection(conf, "s", json("{\"k\":2}"), false);
     int writeErrno = errno;
     testHook = nullptr;
     return swapDone && !written && writeErrno == ESTALE;
+}
+
+// /tmp/home/app/a.conf ("[s]\nk=1\n"), all of it the attacker's, and a root-only file beside.
+void makeUsersConfigAndRootsFile(const std::string &rootsFile) {
+    makeDir("/tmp/home", 0755);
+    makeDir("/tmp/home/app", 0755);
+    writeFile("/tmp/home/app/a.conf", "[s]\nk=1\n", 0644);
+    for (const char *path : {"/tmp/home", "/tmp/home/app", "/tmp/home/app/a.conf"}) {
+        CHILD_CHECK(chown(path, 65534, 65534) == 0);
+    }
+    makeDir("/tmp/rootonly", 0700);
+    writeFile(rootsFile, "[s]\nsecret=1\n", 0600);
 }
 
 }  // namespace
@@ -349,30 +429,26 @@ TEST(SectionConfigAttack, SwappedTemporaryChangesNothingOutside) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to rewrite another user's file";
     for (HookPoint point : {HookPoint::kBeforeTempCheck, HookPoint::kBeforeTempRename}) {
         EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [point] {
-            const std::string home = "/tmp/home", conf = "/tmp/home/a.conf";
-            makeDir(home, 0755);
-            writeFile(conf, "[s]\nk=1\n", 0644);
-            CHILD_CHECK(chown(home.c_str(), 65534, 65534) == 0);
-            CHILD_CHECK(chown(conf.c_str(), 65534, 65534) == 0);
-            writeFile("/tmp/secret", "precious", 0600);
-            const std::string victim = describeTree("/tmp/secret"), config = describeTree(conf);
-            Attacker attacker({[home] {
-                for (const std::string &name : listDir(home)) {
+            const std::string app = "/tmp/home/app", conf = app + "/a.conf";
+            makeUsersConfigAndRootsFile("/tmp/rootonly/secret");
+            const std::string victim = describeTree("/tmp/rootonly"), config = describeTree(conf);
+            Attacker attacker({[app] {
+                for (const std::string &name : listDir(app)) {
                     if (name.rfind("a.conf.", 0) != 0) continue;
-                    std::string temp = home + "/" + name;
-                    return rename(temp.c_str(), (home + "/stolen").c_str()) == 0 &&
-                           symlink("/tmp/secret", temp.c_str()) == 0;
+                    std::string temp = app + "/" + name;
+                    return rename(temp.c_str(), (app + "/stolen").c_str()) == 0 &&
+                           symlink("/tmp/rootonly/secret", temp.c_str()) == 0;
                 }
                 return false;
             }});
             SyslogCapture log{"path/path_util"};
             CHILD_CHECK(rewriteFailsUnderAttack(attacker, point, conf));
-            CHILD_CHECK_EQ(victim, describeTree("/tmp/secret"));
+            CHILD_CHECK_EQ(victim, describeTree("/tmp/rootonly"));
             CHILD_CHECK(log.err("rename failed<any>Stale file handle<any>[" + conf + "]") == 1);
             if (point == HookPoint::kBeforeTempCheck) {
                 CHILD_CHECK_EQ(config, describeTree(conf));
                 // The planted link stays: the name is no longer root's to remove.
-                CHILD_CHECK_EQ(size_t(3), listDir(home).size());
+                CHILD_CHECK_EQ(size_t(3), listDir(app).size());
             }
         });
     }
@@ -385,27 +461,18 @@ TEST(SectionConfigAttack, SwappedTemporaryChangesNothingOutside) {
 TEST(SectionConfigAttack, SwappedDirectoryDoesNotRedirectTheRewrite) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to rewrite another user's file";
     EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
-        const std::string home = "/tmp/home", conf = "/tmp/home/app/a.conf";
-        makeDir(home, 0755);
-        makeDir(home + "/app", 0755);
-        writeFile(conf, "[s]\nk=1\n", 0644);
-        for (const std::string &path : {home, home + "/app", conf}) {
-            CHILD_CHECK(chown(path.c_str(), 65534, 65534) == 0);
-        }
-        makeDir("/tmp/rootonly", 0700);
-        writeFile("/tmp/rootonly/a.conf", "[s]\nsecret=1\n", 0600);
+        makeUsersConfigAndRootsFile("/tmp/rootonly/a.conf");
         const std::string before = describeTree("/tmp/rootonly");
-        Attacker attacker({[home] {
-            return rename((home + "/app").c_str(), (home + "/moved").c_str()) == 0 &&
-                   symlink("/tmp/rootonly", (home + "/app").c_str()) == 0;
+        Attacker attacker({[] {
+            return rename("/tmp/home/app", "/tmp/home/moved") == 0 &&
+                   symlink("/tmp/rootonly", "/tmp/home/app") == 0;
         }});
-        CHILD_CHECK(rewriteFailsUnderAttack(attacker, HookPoint::kBeforeTempCreate, conf));
+        CHILD_CHECK(rewriteFailsUnderAttack(attacker, HookPoint::kBeforeTempCreate,
+                                            "/tmp/home/app/a.conf"));
         CHILD_CHECK_EQ(before, describeTree("/tmp/rootonly"));
-        CHILD_CHECK_EQ(std::string("[s]\nk=1\n"), readFile(home + "/moved/a.conf"));
+        CHILD_CHECK_EQ(std::string("[s]\nk=1\n"), readFile("/tmp/home/moved/a.conf"));
     });
 }
-
-// ---- A writer killed at random moments --------------------------------------------------------
 
 namespace {
 
@@ -439,11 +506,10 @@ TEST_F(SectionConfigFile, KilledWriterLeavesOldOrNewFile) {
     writeFile(file, text(0));
     std::mt19937 rng(std::random_device{}());
     // 20 kills however busy the machine is, more while 3 s last.
-    const int enoughKills = 20;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     long committed = 0;
     int kills = 0, leftovers = 0;
-    while ((kills < enoughKills || std::chrono::steady_clock::now() < deadline) && kills < 200) {
+    for (; (kills < 20 || std::chrono::steady_clock::now() < deadline) && kills < 200; ++kills) {
         int fds[2];
         ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
         pid_t pid = fork();
@@ -466,7 +532,6 @@ TEST_F(SectionConfigFile, KilledWriterLeavesOldOrNewFile) {
         while (readSome()) {
         }
         close(fds[0]);
-        ++kills;
         long last = std::stol(reported.substr(reported.rfind('\n', reported.size() - 2) + 1));
         Json::Value values;
         ASSERT_TRUE(SectionConfig::loadSection(file, "data", values));
@@ -479,50 +544,4 @@ TEST_F(SectionConfigFile, KilledWriterLeavesOldOrNewFile) {
     }
     std::cout << "[ crash    ] " << kills << " kills, " << committed << " versions, " << leftovers
               << " temporaries left beside the file" << std::endl;
-}
-
-// A stop ends the scan after the stopping line and leaves the stream just behind it, so a
-// caller can go on reading from there.
-TEST_F(SectionConfigFile, StopLeavesTheStreamAfterTheStoppingLine) {
-    writeFile(file, "[a]\nx=1\n[b]\ny=2\n");
-    auto stopAtB = [](bool &stop, const SectionConfig::LineInfo &info, void *arg) {
-        static_cast<Lines *>(arg)->push_back(info.type == SectionConfig::LINE_SECTION
-                                                 ? std::string(info.line)
-                                                 : std::string(info.key));
-        stop = info.type == SectionConfig::LINE_SECTION && std::string(info.section) == "b";
-        return true;
-    };
-    Lines seen;
-    FILE *stream = fopen(file.c_str(), "r");
-    ASSERT_NE(nullptr, stream);
-    EXPECT_TRUE(SectionConfig::parseFile(stream, stopAtB, &seen));
-    EXPECT_EQ((Lines{"[a]", "x", "[b]"}), seen);
-    char rest[32] = {};
-    EXPECT_EQ(4u, fread(rest, 1, sizeof rest - 1, stream));
-    EXPECT_STREQ("y=2\n", rest);
-    fclose(stream);
-}
-
-// The three writers put exactly one line each, cut at a NUL; a stream that refuses the text
-// makes them false with the failure logged once each.
-TEST_F(SectionConfigFile, LineWritersAndTheirFailure) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *memory = open_memstream(&text, &size);
-    ASSERT_NE(nullptr, memory);
-    EXPECT_TRUE(SectionConfig::writeSectionName(memory, "s"));
-    EXPECT_TRUE(SectionConfig::writeKeyValue(memory, "k", "\"v\""));
-    EXPECT_TRUE(SectionConfig::writeLine(memory, std::string("#c\0hidden", 9)));
-    fclose(memory);
-    EXPECT_EQ("[s]\nk=\"v\"\n#c\n", std::string(text, size));
-    free(text);
-
-    FILE *full = fopen("/dev/full", "we");
-    ASSERT_NE(nullptr, full);
-    setvbuf(full, nullptr, _IONBF, 0);  // the refusal shows at the write, not at a later flush
-    EXPECT_FALSE(SectionConfig::writeSectionName(full, "s"));
-    EXPECT_FALSE(SectionConfig::writeKeyValue(full, "k", "1"));
-    EXPECT_FALSE(SectionConfig::writeLine(full, "line"));
-    fclose(full);
-    EXPECT_EQ(3, log.err("fprintf failed, No space left on device")) << log.dump();
 }
