@@ -48,17 +48,11 @@ std::string binding(const OptionMap &map) {
            (map.optIsLoaded() ? " loaded" : "");
 }
 
-// Forks one child per element of `pids`, each ending with `body(i)` as its exit code.
-void forkEach(std::vector<pid_t> &pids, const std::function<int(size_t)> &body) {
-    for (size_t i = 0; i < pids.size(); ++i) {
-        if ((pids[i] = fork()) == 0) _exit(body(i));
+// Forks one child per element of `pids`, each ending with `body()` as its exit code.
+void forkEach(std::vector<pid_t> &pids, const std::function<int()> &body) {
+    for (pid_t &pid : pids) {
+        if ((pid = fork()) == 0) _exit(body());
     }
-}
-
-int failedChildren(const std::vector<pid_t> &pids) {
-    int failed = 0;
-    for (pid_t pid : pids) failed += waitExitCode(pid) != 0;
-    return failed;
 }
 
 }  // namespace
@@ -396,7 +390,7 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
     inChildWithOwnLocks(dir, [](const std::string &work) {
         const std::string ids = work + "/ids.conf", path = work + "/c.conf";
         std::vector<pid_t> creators(8), writers(4);
-        forkEach(creators, [&](size_t) {
+        forkEach(creators, [&] {
             for (int i = 0; i < 250; ++i) {
                 OptionMap map;
                 if (!map.setLockToken("ids") || !map.optSectionCreateIncreaseId(ids, "job")) {
@@ -405,7 +399,7 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
             }
             return 0;
         });
-        CHILD_CHECK_EQ(0, failedChildren(creators));
+        for (pid_t pid : creators) CHILD_CHECK_EQ(0, waitExitCode(pid));
         // Every section once: 2000 distinct identifiers and the counter.
         std::list<std::string> names;
         CHILD_CHECK(OptionMap::optSectionListName(ids, names) && names.size() == 2001u);
@@ -414,7 +408,7 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
         CHILD_CHECK(counters.optSectionLoad(ids, OptionMap::SZK_SEC_GLOBAL, -1));
         CHILD_CHECK_EQ(2000, counters.optInt("jobid_max", 0));
 
-        forkEach(writers, [&](size_t) {
+        forkEach(writers, [&] {
             for (int i = 0; i < 50; ++i) {
                 OptionMap map;
                 map.optSet("by", static_cast<int>(getpid()));

@@ -290,8 +290,9 @@ TEST_F(SectionConfigFile, OnlyRegularFilesAreRead) {
     EXPECT_EQ(before, describeTree(dir.path()));
 }
 
-// A rewrite replaces the file with one that has its mode, ACL and attributes; a file without an
-// ACL gets none from its directory's default ACL on the way.
+// A file without an ACL gets none from its directory's default ACL when it is rewritten. (That
+// the replacement takes over the old file's own ACL and attributes is the rename's, which the
+// path tests check.)
 TEST_F(SectionConfigFile, RewritesTakeNoAclFromTheDirectory) {
     const std::string acl = aclGrantingRead(34);
     if (setxattr(dir.path().c_str(), "system.posix_acl_default", acl.data(), acl.size(), 0) != 0) {
