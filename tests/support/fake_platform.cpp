@@ -132,11 +132,7 @@ int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize) {
     return 0;
 }
 
-}  // extern "C"
-
 // ---- Volumes ----------------------------------------------------------------------------------
-
-extern "C" {
 
 int TELOVolumeSupportLocGet(void) {
     if (enter("TELOVolumeSupportLocGet", __LINE__)) return 0;
@@ -242,11 +238,9 @@ int BlTLIBIsv6IpAddrValid(const char *addr) {
 
 // A real fork unless switched to fail, which fails as an exhausted process table would.
 pid_t TLIBCProcFork(void) {
-    if (enter("TLIBCProcFork", __LINE__)) {
-        errno = EAGAIN;
-        return -1;
-    }
-    return fork();
+    if (!enter("TLIBCProcFork", __LINE__)) return fork();
+    errno = EAGAIN;
+    return -1;
 }
 
 }  // extern "C"
