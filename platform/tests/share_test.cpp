@@ -151,32 +151,30 @@ TEST(SharesFile, UnreadableConfigurationIsAnErrorThatSaysSo) {
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
     writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\ninclude = /dev/zero\n");
     writeFile(dir.file("big.conf"), std::string(telo_platform::kMaxShareFileBytes + 1, '#'));
-    struct Case {
-        std::string shares, smb, expected, detail;
-    } cases[] = {
-        {dir.file("none"), dir.file("none.smb"), "error 4 No such file or directory",
-         "no share configuration: neither " + dir.file("none") + " nor " + dir.file("none.smb") +
-             " exists"},
-        {dir.file("fifo"), dir.file("none.smb"), "error 7 Invalid argument",
-         "shares file " + dir.file("fifo") + ": not a regular file"},
-        {dir.path(), dir.file("none.smb"), "error 7 Is a directory",
-         "shares file " + dir.path() + ": Is a directory"},
-        {dir.file("none"), dir.file("fifo"), "error 7 Invalid argument",
-         "Samba configuration " + dir.file("fifo") + ": not a regular file"},
-        {dir.file("none"), dir.file("smb.conf"), "error 7 Invalid argument",
-         "Samba configuration " + dir.file("smb.conf") +
-             ":3: include /dev/zero: not a regular file"},
-        {dir.file("big.conf"), dir.file("none.smb"), "error 7 File too large",
-         "shares file " + dir.file("big.conf") + ": larger than 4194304 bytes"},
-        {"/proc/self/status", dir.file("none.smb"), "error 7 Invalid argument",
-         "shares file /proc/self/status: not a regular file"},
+    // The lookup's error and its detail.
+    auto failure = [](const std::string &shares, const std::string &smb) {
+        Fixtures env(shares, smb);
+        std::string result = lookup("/srv/media/a");
+        return result + ": " + TLIBCErrorGetDetail();
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.shares + " " + c.smb);
-        Fixtures env(c.shares, c.smb);
-        EXPECT_EQ(c.expected, lookup("/srv/media/a"));
-        EXPECT_EQ(c.detail, TLIBCErrorGetDetail());
-    }
+    std::string none = dir.file("none"), noSmb = dir.file("none.smb"), fifo = dir.file("fifo");
+    EXPECT_EQ("error 4 No such file or directory: no share configuration: neither " + none +
+                  " nor " + noSmb + " exists",
+              failure(none, noSmb));
+    EXPECT_EQ("error 7 Invalid argument: shares file " + fifo + ": not a regular file",
+              failure(fifo, noSmb));
+    EXPECT_EQ("error 7 Is a directory: shares file " + dir.path() + ": Is a directory",
+              failure(dir.path(), noSmb));
+    EXPECT_EQ("error 7 Invalid argument: Samba configuration " + fifo + ": not a regular file",
+              failure(none, fifo));
+    EXPECT_EQ("error 7 Invalid argument: Samba configuration " + dir.file("smb.conf") +
+                  ":3: include /dev/zero: not a regular file",
+              failure(none, dir.file("smb.conf")));
+    EXPECT_EQ("error 7 File too large: shares file " + dir.file("big.conf") +
+                  ": larger than 4194304 bytes",
+              failure(dir.file("big.conf"), noSmb));
+    EXPECT_EQ("error 7 Invalid argument: shares file /proc/self/status: not a regular file",
+              failure("/proc/self/status", noSmb));
 }
 
 // What the differential cannot see: the detail of each refusal, and a NUL byte ending its line.
