@@ -6,25 +6,21 @@
 
 #include "telo/platform.h"
 
+// Without ACLs each call fails as unsupported; the code says it all, so there is no detail.
 TEST(PlatformError, AclFunctionsOfAGenericServer) {
     EXPECT_EQ(0, TELOACLIsSupport("/", -1, 2));
-    struct Call {
-        const char *name;
-        int (*fn)();
-    } calls[] = {
-        {"TELOACLCopy", [] { return TELOACLCopy("/a", "/b"); }},
-        {"TELOACLArchiveCopy", [] { return TELOACLArchiveCopy("/a", "/b"); }},
-        {"TELOACLResetInherit", [] { return TELOACLResetInherit("/a"); }},
-    };
-    for (const Call &call : calls) {
-        SCOPED_TRACE(call.name);
+    for (int call = 0; call < 3; ++call) {
+        SCOPED_TRACE(call);
         errno = 0;
-        EXPECT_LT(call.fn(), 0);
+        EXPECT_LT(call == 0   ? TELOACLCopy("/a", "/b")
+                  : call == 1 ? TELOACLArchiveCopy("/a", "/b")
+                              : TELOACLResetInherit("/a"),
+                  0);
         EXPECT_EQ(ENOTSUP, errno);
         EXPECT_EQ(unsigned(TELO_ERR_NOT_SUPPORTED), TLIBCErrGet());
         EXPECT_STREQ("src/acl.cpp", TLIBCErrorGetFile());
         EXPECT_GT(TLIBCErrorGetLine(), 0);
-        EXPECT_STREQ("", TLIBCErrorGetDetail());  // the code says it all
+        EXPECT_STREQ("", TLIBCErrorGetDetail());
     }
 }
 
