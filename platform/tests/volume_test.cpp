@@ -168,7 +168,7 @@ class Volumes : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Volumes, EnumeratesDiskFileSystemsOnce) {
+TEST_F(Volumes, EnumeratesDiskFileSystemsOnceOrSaysWhyNone) {
     std::vector<std::string> expected = {
         dir.file("vol1") + " 2 1",        // ext4
         dir.file("vol2") + " 3 0",        // btrfs, read-only super block
@@ -180,9 +180,7 @@ TEST_F(Volumes, EnumeratesDiskFileSystemsOnce) {
     EXPECT_EQ(TELO_VOL_LOCATION_DISK, TELOVolumeSupportLocGet());
     EXPECT_TRUE(enumerate(false, 3).empty());
     EXPECT_EQ(unsigned(TELO_ERR_NOT_FOUND), TLIBCErrGet());
-}
-
-TEST_F(Volumes, NoVolumeAndNoTable) {
+    // No volume, no table.
     writeFile(table, "22 1 0:30 / " + dir.file("tmpfs") + " rw - tmpfs tmpfs rw\n");
     EXPECT_TRUE(enumerate().empty());
     EXPECT_EQ(unsigned(TELO_ERR_NOT_FOUND), TLIBCErrGet());
