@@ -101,6 +101,7 @@ TEST_F(Crypt, KeyAndBufferFailures) {
     setenv("TELO_SECRET_KEY_FILE", dir.file("missing/dir/secret.key").c_str(), 1);
     EXPECT_EQ("error 9 No such file or directory", encrypt("x"));
 }
+
 // Only encryption makes a key, when there is none, and says so once in the system log; its
 // directory is private. Decryption with the key gone fails with "no key" and makes none, so
 // secrets written later are not sealed under a key that the old one would then replace.
