@@ -115,16 +115,11 @@ std::vector<std::string> findmntVolumes(const std::string &findmnt, const std::s
                     : y > x;
         }
         if (!disk || loop || efi || !directory || hidden) continue;
-        std::string fs = ids ? r.device : r.source;
-        auto found = best.find(fs);
-        if (found == best.end()) {
-            best[fs] = x;
-            continue;
-        }
-        const Row &b = rows[found->second];
-        if ((r.root == "/") != (b.root == "/") ? r.root == "/"
-                                               : r.target.size() < b.target.size()) {
-            found->second = x;
+        auto [slot, fresh] = best.emplace(ids ? r.device : r.source, x);
+        const Row &b = rows[slot->second];
+        if (!fresh && ((r.root == "/") != (b.root == "/") ? r.root == "/"
+                                                          : r.target.size() < b.target.size())) {
+            slot->second = x;
         }
     }
     std::set<size_t> order;
