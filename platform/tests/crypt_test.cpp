@@ -36,8 +36,7 @@ class Crypt : public ::testing::Test {
         return failure();
     }
     static std::string failure() {
-        const char *reason = strerror(errno);
-        return "error " + std::to_string(TLIBCErrGet()) + " " + reason;
+        return "error " + std::to_string(TLIBCErrGet()) + " " + strerror(errno);
     }
 
     TempDir dir;

@@ -135,14 +135,14 @@ std::string instantiate(const std::string &name, const TempDir &dir) {
     std::vector<MountEntry> entries;
     EXPECT_TRUE(telo_platform::parseMountTable(text, entries));
     for (const MountEntry &entry : entries) {
-        const std::string &point = entry.mountPoint;
-        if (point.rfind(dir.path() + "/", 0) != 0 || point.find("missing") != std::string::npos) {
+        std::filesystem::path point = entry.mountPoint;
+        if (entry.mountPoint.rfind(dir.path() + "/", 0) != 0 ||
+            entry.mountPoint.find("missing") != std::string::npos) {
             continue;
         }
-        bool file = point.size() > 5 && point.compare(point.size() - 5, 5, ".file") == 0;
+        bool file = point.extension() == ".file";
         std::error_code ignored;  // a point listed twice
-        std::filesystem::create_directories(file ? point.substr(0, point.rfind('/')) : point,
-                                            ignored);
+        std::filesystem::create_directories(file ? point.parent_path() : point, ignored);
         if (file) writeFile(point, "");
     }
     writeFile(dir.file(name), text);
