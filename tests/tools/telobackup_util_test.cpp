@@ -140,32 +140,25 @@ TEST_F(Tool, FailuresSayWhyAndChangeNothing) {
     });
 }
 
-namespace {
-
-bool isTemporaryOf(const std::string &name, const std::string &base) {
-    return name.size() == base.size() + 7 && name.compare(0, base.size() + 1, base + ".") == 0;
-}
-
-}  // namespace
-
 // A writer stopped by SIGTERM, SIGINT or SIGHUP while its temporary exists finishes the rewrite
 // and removes the temporary before the signal ends it; the temporaries of writers killed
 // outright go with the next write, once they are 10 minutes old.
 TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
     IN_PRIVATE_TMP([this] {
-        const std::string base = "tasks.conf", pad = std::string(2 << 20, 'p');
+        const std::string pad = std::string(2 << 20, 'p');
+        // The temporaries of the file: its name, a dot and six characters.
         auto temporaries = [&] {
             std::set<std::string> names;
             for (const std::string &name : listDir(dir.path())) {
-                if (isTemporaryOf(name, base)) names.insert(name);
+                if (name.size() == 17 && name.rfind("tasks.conf.", 0) == 0) names.insert(name);
             }
             return names;
         };
         writeFile(conf, "[s]\nk=0\npad=\"" + pad + "\"\n", 0640);
         // Starts a writer of k=`value` and signals it as soon as a temporary of its own exists;
-        // the temporaries then beside the file, and how the writer ended.
-        auto interrupt = [&](int value, int signal, int &exitCode) {
-            const std::set<std::string> before = temporaries();
+        // how the writer ended.
+        auto interrupt = [&](int value, int signal) {
+            const size_t before = temporaries().size();
             pid_t pid = fork();
             if (pid == 0) {
                 int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -174,39 +167,33 @@ TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
             }
             // Watched without reaping it, so that the signal cannot reach another process.
             siginfo_t info = {};
-            while (temporaries().size() == before.size() &&
+            while (temporaries().size() == before &&
                    waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
                    info.si_pid == 0) {
             }
             kill(pid, signal);
-            exitCode = waitExitCode(pid);
-            return temporaries();
+            return waitExitCode(pid);
         };
-        int stopped = 0;
-        for (int round = 1; round <= 6; ++round) {
-            const int signal = round % 3 == 0 ? SIGTERM : round % 3 == 1 ? SIGINT : SIGHUP;
-            int exitCode;
-            std::set<std::string> left = interrupt(round, signal, exitCode);
+        int value = 0, stopped = 0;
+        for (int signal : {SIGINT, SIGHUP, SIGTERM, SIGINT, SIGHUP, SIGTERM}) {
+            const int exitCode = interrupt(++value, signal);
             CHILD_CHECK(exitCode == 128 + signal || exitCode == 0);
             stopped += exitCode == 128 + signal;
-            CHILD_CHECK(left.empty());
+            CHILD_CHECK(temporaries().empty());
             // The rewrite under way was finished before the signal took effect.
-            CHILD_CHECK_EQ("[s]\nk=" + std::to_string(round) + "\npad=\"" + pad + "\"\n",
+            CHILD_CHECK_EQ("[s]\nk=" + std::to_string(value) + "\npad=\"" + pad + "\"\n",
                            readFile(conf));
             CHILD_CHECK_EQ(0640, fileMode(conf));
         }
-        std::set<std::string> leftovers;
-        for (int round = 0; round < 3; ++round) {
-            int exitCode;
-            leftovers = interrupt(100 + round, SIGKILL, exitCode);
-        }
+        for (int killed : {100, 101, 102}) interrupt(killed, SIGKILL);
+        const std::set<std::string> leftovers = temporaries();
         CHILD_CHECK(!leftovers.empty());
         for (const std::string &name : leftovers) {
             struct timespec old[2] = {{time(nullptr) - 11 * 60, 0}, {time(nullptr) - 11 * 60, 0}};
             CHILD_CHECK(utimensat(AT_FDCWD, dir.file(name).c_str(), old, 0) == 0);
         }
         CHILD_CHECK_EQ(0, run({"config", "set", conf, "s", "k=7"}).exitCode);
-        for (const std::string &name : listDir(dir.path())) CHILD_CHECK(!isTemporaryOf(name, base));
+        CHILD_CHECK(temporaries().empty());
         printf(
             "[ signals  ] %d of 6 writers ended by the signal after their rewrite, %zu killed "
             "writers' temporaries removed by the next write\n",
@@ -360,12 +347,7 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
                     section.substr(0, section.size() - 1);
     }
     expected += "}\n";
-    std::string dump = out({"config", "dump", conf});
-    EXPECT_EQ(expected, dump);
-    Json::Value all = parse(dump);
-    EXPECT_EQ(2, all["b"]["k"].asInt());
-    for (const char *gone : {"later", "bad", "deep"}) EXPECT_FALSE(all["b"].isMember(gone)) << gone;
-    EXPECT_EQ("[1,\"x\"]", TELO::Backup::jsonToString(all["b"]["list"]));
+    EXPECT_EQ(expected, out({"config", "dump", conf}));
 
     // A value as deep as a text may be is set and read whole: neither passes it through the
     // text of the whole section, which is one level deeper.
@@ -408,13 +390,11 @@ TEST_F(Tool, FailedStandardOutputIsReported) {
     close(pipeFds[0]);  // no reader
     // A command that fails before it writes keeps its own exit code.
     std::pair<int, Args> cases[] = {
-        {4, {"config", "sections", conf}},
         {4, {"config", "dump", conf}},
         {4, {"--json", "config", "get", conf, "a"}},
         {1, {"filter", "--from-file", dir.file("none"), "/x"}},
         {4, {"template", dir.file("t"), "--vars", "{\"x\":1}"}},
         {4, {"--help"}},
-        {4, {"volumes"}},
         {4, {"--generate-bash-completion"}},
     };
     for (const auto &c : cases) {
@@ -473,38 +453,29 @@ TEST_F(Tool, ProbeFindsAListener) {
 // in its .telobackup-tmp. A mount point cannot break the text table or drive the terminal.
 TEST_F(Tool, VolumesTemporariesAndSessions) {
     IN_PRIVATE_TMP([this] {
-        std::string tmp = dir.file("vol/.telobackup-tmp");
+        const std::string tmp = dir.file("vol/.telobackup-tmp");
         Json::Value volumes = parse(out({"--json", "volumes"}));
-        CHILD_CHECK_EQ(1u, volumes["volumes"].size());
         CHILD_CHECK_EQ(dir.file("vol"), volumes["volumes"][0]["path"].asString());
-        CHILD_CHECK_EQ(std::string("ext4"), volumes["volumes"][0]["type"].asString());
         CHILD_CHECK_EQ(tmp, volumes["choices"]["max-ext"].asString());
         CHILD_CHECK(out({"volumes"}).find(tmp + " (made on first use)") != std::string::npos);
         CHILD_CHECK(!exists(tmp));  // listing only reads
-
-        CHILD_CHECK_EQ(size_t(0),
-                       out({"mktemp", "--volume", "max", "job"}).rfind(tmp + "/job.", 0));
-        Json::Value folder =
-            parse(out({"--json", "mktemp", "--dir", "--volume", "same:" + dir.file("vol")}));
-        CHILD_CHECK(folder["directory"].asBool());
-        CHILD_CHECK_EQ(0700, fileMode(folder["path"].asString()));
-
+        CHILD_CHECK_EQ(0u, out({"mktemp", "--volume", "max", "job"}).rfind(tmp + "/job.", 0));
+        const std::string folder =
+            parse(out({"--json", "mktemp", "--dir", "--volume", "same:" + dir.file("vol")}))["path"]
+                .asString();
+        CHILD_CHECK_EQ(0700, fileMode(folder));
         Json::Value session = parse(out({"--json", "session", "create", "--volume", "max"}));
-        std::string id = session["id"].asString();
-        CHILD_CHECK(std::regex_match(id, std::regex("seln\\.[A-Za-z0-9]{6}")));
+        const std::string id = session["id"].asString();
         CHILD_CHECK_EQ(session["path"].asString() + "\n", out({"session", "path", id}));
         CHILD_CHECK_EQ("{\"changed\":true,\"id\":\"" + id + "\"}\n",
                        out({"--json", "session", "destroy", id}));
-        CHILD_CHECK_EQ(1, run({"session", "path", id}).exitCode);
-        std::string local = out({"session", "create"});
-        CHILD_CHECK(local.rfind("sess.", 0) == 0);
-        CHILD_CHECK_EQ(0, run({"session", "destroy", local.substr(0, local.size() - 1)}).exitCode);
+        CHILD_CHECK(!exists(session["path"].asString()));
 
-        std::string odd = dir.file("a\nb\x1b[31mc\\d");
+        const std::string odd = dir.file("a\nb\x1b[31mc\\d");
         CHILD_CHECK(mkdir(odd.c_str(), 0755) == 0);
         writeFile(dir.file("mountinfo"),
                   "20 1 8:1 / " + dir.file("a\\012b\x1b[31mc\\134d") + " rw - ext4 /dev/sdz1 rw\n");
-        std::string table = out({"volumes"});
+        const std::string table = out({"volumes"});
         CHILD_CHECK(table.find(dir.file("a\\x0ab\\x1b[31mc\\x5cd") + " ") != std::string::npos);
         CHILD_CHECK(table.find('\x1b') == std::string::npos);
         CHILD_CHECK_EQ(odd, parse(out({"--json", "volumes"}))["volumes"][0]["path"].asString());
