@@ -122,8 +122,8 @@ TEST_F(Tool, DefaultApplicationLog) {
 
 // The manual page names every command and every option the parser knows, in the command's own
 // section (or, for the writing options, in the section they share), and has the sections a
-// manual has, the exit status once.
-TEST_F(Tool, ManualPageCoversTheParser) {
+// manual has, the exit status once; every command's --help ends with examples.
+TEST_F(Tool, ManualAndHelpCoverTheParser) {
     std::string prefix = TELO::Backup::Path::dirname(TELO::Backup::Path::dirname(toolPath()));
     std::string page = readFile(prefix + "/share/man/man1/telobackup-util.1");
     page = std::regex_replace(page, std::regex(R"(\\f[BIR]|\\&|\\e)"), "");
@@ -154,13 +154,31 @@ TEST_F(Tool, ManualPageCoversTheParser) {
                                                   std::regex_replace(word, std::regex("-"), "\\-") +
                                                   "($|[^-A-Za-z0-9])"));
     };
+    // Every --help ends with two or three examples, each a command line and its comment.
+    auto expectExamples = [this](const std::string &command) {
+        std::istringstream words(command + " --help");
+        std::string help = out(Args(std::istream_iterator<std::string>(words), {}));
+        size_t examples = help.rfind("\nExamples:\n");
+        ASSERT_NE(std::string::npos, examples) << help;
+        std::vector<std::string> lines = linesOf(help.substr(examples + 11));
+        while (!lines.empty() && lines.back().empty()) lines.pop_back();
+        ASSERT_TRUE(lines.size() == 4 || lines.size() == 6) << help;
+        for (size_t i = 0; i < lines.size(); i += 2) {
+            EXPECT_TRUE(std::regex_search(lines[i], std::regex("^  \\$ .*telobackup-util")))
+                << lines[i];
+            EXPECT_EQ(0u, lines[i + 1].rfind("      ", 0)) << lines[i + 1];
+        }
+    };
+    expectExamples("");
     Json::Value tree = parse(out({"--generate-tree"}));
+    ASSERT_GT(tree["commands"].size(), 15u);
     for (const Json::Value &option : tree["options"]) {
         EXPECT_TRUE(mentions(sections["GLOBAL OPTIONS"], option.asString())) << option.asString();
     }
     const std::set<std::string> writing = {"--lock", "--wait", "--dry-run", "--force"};
     for (const Json::Value &command : tree["commands"]) {
         std::string name = command["command"].asString();
+        expectExamples(name);
         if (command["options"].size() <= 2 && command["arguments"].empty()) continue;  // a group
         const std::string &text = sections[name];
         for (const Json::Value &option : command["options"]) {
@@ -212,32 +230,6 @@ TEST_F(Tool, ProbeShowsProgressOnATerminal) {
     EXPECT_EQ(6, r.exitCode);
     EXPECT_EQ(std::string::npos, r.err.find("trying")) << r.err;
     for (int fd : {queued[0], queued[1], listener}) close(fd);
-}
-
-// Every command's --help ends with two or three examples, each a command line and its comment.
-TEST_F(Tool, EveryHelpEndsWithExamples) {
-    Json::Value tree = parse(out({"--generate-tree"}));
-    std::vector<Args> commands = {Args{}};
-    for (const Json::Value &command : tree["commands"]) {
-        std::istringstream words(command["command"].asString());
-        commands.emplace_back(std::istream_iterator<std::string>(words),
-                              std::istream_iterator<std::string>());
-    }
-    ASSERT_GT(commands.size(), 15u);
-    for (Args args : commands) {
-        args.push_back("--help");
-        std::string help = out(args);
-        size_t examples = help.rfind("\nExamples:\n");
-        ASSERT_NE(std::string::npos, examples) << help;
-        std::vector<std::string> lines = linesOf(help.substr(examples + 11));
-        while (!lines.empty() && lines.back().empty()) lines.pop_back();
-        ASSERT_TRUE(lines.size() == 4 || lines.size() == 6) << help;
-        for (size_t i = 0; i < lines.size(); i += 2) {
-            EXPECT_TRUE(std::regex_search(lines[i], std::regex("^  \\$ .*telobackup-util")))
-                << lines[i];
-            EXPECT_EQ(0u, lines[i + 1].rfind("      ", 0)) << lines[i + 1];
-        }
-    }
 }
 
 // The completion completes commands, options and their values, sections and keys from the FILE
