@@ -76,7 +76,7 @@ TEST_F(Tool, FailuresSayWhyAndChangeNothing) {
         CHILD_CHECK(symlink("/dev/zero", "zero") == 0);
         // Held, so that a command that took the lock before it looked at the file would fail
         // with 5.
-        int held = TELO::Backup::Path::createIpcLockFile("held");
+        int held = TELO::Backup::Path::createIpcLockFile("h");
         CHILD_CHECK(held >= 0);
         CHILD_CHECK(flock(held, LOCK_EX) == 0);
         const std::string tree = describeTree(dir.path());
@@ -118,8 +118,8 @@ TEST_F(Tool, FailuresSayWhyAndChangeNothing) {
             {3, {"config", "get", conf, "c", "--format", "sh"}, "is no shell variable name"},
             {3, {"config", "get", dir.path(), "a"}, dir.path() + ": not a regular file"},
             // Refused before the held lock is waited for.
-            {3, {"config", "set", "fifo", "s", "k=1", "--lock", "held", "--wait", "0"}, "fifo: "},
-            {3, {"config", "new", "zero", "j", "--lock", "held", "--wait", "0"}, "zero: not a"},
+            {3, {"config", "set", "fifo", "s", "k=1", "--lock", "h", "--wait", "0"}, "fifo: not a"},
+            {3, {"config", "new", "zero", "j", "--lock", "h", "--wait", "0"}, "zero: not a"},
             {3, {"config", "dump", "zero"}, "zero: not a regular file"},
             {3, {"filter", "--from-file", conf, "/x"}, conf + ":2: expected KIND<TAB>PATTERN"},
             {3, {"share", "/x"}, "shares file fifo: not a", "", {{"TELO_SHARES_CONF", "fifo"}}},
