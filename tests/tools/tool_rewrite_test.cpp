@@ -12,16 +12,7 @@ namespace {
 // A file with every kind of line a rewrite of [s] would lose: a value that is not JSON, an
 // earlier duplicate of a key, and a second copy of the section with keys of its own.
 const char kForeign[] =
-    "# top\n"
-    "[s]\n"
-    "plain = hello world\n"
-    "k=1\n"
-    "k=2\n"
-    "# inside\n"
-    "[t]\n"
-    "x=1\n"
-    "[s]\n"
-    "m=\"z\"\n";
+    "# top\n[s]\nplain = hello world\nk=1\nk=2\n# inside\n[t]\nx=1\n[s]\nm=\"z\"\n";
 
 }  // namespace
 
@@ -29,18 +20,11 @@ TEST_F(Tool, RewritesThatWouldLoseLinesAreRefused) {
     writeFile(conf, kForeign);
     CommandResult r = run({"config", "set", conf, "s", "n=3"});
     EXPECT_EQ(3, r.exitCode);
+    const std::string lost = "telobackup-util: " + conf + ":";
     EXPECT_EQ("telobackup-util: refusing to rewrite " + conf +
                   ": [s] appears 2 times and only its first copy's keys are kept; these lines "
-                  "would be lost:\n"
-                  "telobackup-util: " +
-                  conf +
-                  ":3: plain = hello world\n"
-                  "telobackup-util: " +
-                  conf +
-                  ":4: k=1\n"
-                  "telobackup-util: " +
-                  conf +
-                  ":10: m=\"z\"\n"
+                  "would be lost:\n" +
+                  lost + "3: plain = hello world\n" + lost + "4: k=1\n" + lost + "10: m=\"z\"\n" +
                   "telobackup-util: store plain text with --string KEY=TEXT, merge the copies "
                   "first, or accept the loss with --force\n",
               r.err);
