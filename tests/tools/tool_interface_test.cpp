@@ -198,7 +198,8 @@ TEST_F(Tool, ManualAndHelpCoverTheParser) {
 }
 
 // On a terminal a probe that takes more than a second names the address it is trying, and a
-// silent port is told apart from a refusing one; not on a terminal, no progress.
+// silent port is told apart from a refusing one; not on a terminal, no progress. A listener is
+// found.
 TEST_F(Tool, ProbeShowsProgressOnATerminal) {
     // A listener whose queue of unaccepted connections is full, so that the kernel drops the
     // next connection's SYN and a connect can only time out.
@@ -230,6 +231,12 @@ TEST_F(Tool, ProbeShowsProgressOnATerminal) {
     EXPECT_EQ(6, r.exitCode);
     EXPECT_EQ(std::string::npos, r.err.find("trying")) << r.err;
     for (int fd : {queued[0], queued[1], listener}) close(fd);
+    // Once the listener is gone, the attempt says why it failed; a listener is found.
+    EXPECT_EQ("refused",
+              parse(out({"--json", "probe", "127.0.0.1", port}))["tries"][0]["outcome"].asString());
+    listener = loopbackListener(8, port);
+    EXPECT_EQ("127.0.0.1\n", out({"probe", "127.0.0.1", port, "--timeout", "2"}));
+    close(listener);
 }
 
 // The completion completes commands, options and their values, sections and keys from the FILE
