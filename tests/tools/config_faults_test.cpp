@@ -201,10 +201,9 @@ TEST(ConfigFaults, EveryFailingCallLeavesTheOldOrTheNewFile) {
     const std::string strace = programPath("strace");
     if (strace.empty()) GTEST_SKIP() << "strace is not installed (package strace)";
     TempDir root;
-    Scene scene = {root.file("scene"), root.file("scene/tasks.conf"), canChangeOwner(), false};
-    makeDir(scene.dir, 0755);
-    writeFile(scene.file, "");
-    scene.attributes = setxattr(scene.file.c_str(), "user.probe", "1", 1, 0) == 0;
+    writeFile(root.file("probe"), "");
+    Scene scene = {"", "", canChangeOwner(),
+                   setxattr(root.file("probe").c_str(), "user.probe", "1", 1, 0) == 0};
 
     // The runs' secret key, made before any of them; this test reads the secret back with it.
     setenv("TELO_SECRET_KEY_FILE", root.file("secret.key").c_str(), 1);
@@ -224,7 +223,15 @@ TEST(ConfigFaults, EveryFailingCallLeavesTheOldOrTheNewFile) {
            scene.owned ? "file owned by 65534" : "file owned by the caller",
            scene.attributes ? "with a user attribute" : "no user attributes here", "change",
            "traced", "old, failed", "new, exit 0", "new, failed", "WRONG");
-    for (const Change &change : kChanges) {
+    // Each change in a directory of its own, its faulty runs in a process of its own, so that
+    // the changes run side by side and the runs of two never meet.
+    std::vector<pid_t> runners;
+    std::vector<int> traced(kChanges.size());
+    for (size_t c = 0; c < kChanges.size(); ++c) {
+        const Change &change = kChanges[c];
+        scene.dir = root.file("c" + std::to_string(c));
+        scene.file = scene.dir + "/tasks.conf";
+        makeDir(scene.dir, 0755);
         // Once to make the IPC tree and the lock files, so that every later run makes the same
         // calls; then traced without faults: the new version, and the calls to fail.
         scene.reset();
@@ -243,23 +250,40 @@ TEST(ConfigFaults, EveryFailingCallLeavesTheOldOrTheNewFile) {
             ASSERT_LT(calls[needed].before, calls[needed].total)
                 << change.name << ": no " << needed << " found after the start-up in the trace";
         }
-        int outcomes[kWrong + 1] = {}, traced = 0;
+        for (const auto &call : calls) {
+            if (kNotInjected.count(call.first) == 0)
+                traced[c] += call.second.total - call.second.before;
+        }
+        // The runner's report: a line "OUTCOME CALL#N=ERROR: PROBLEM" per faulty run.
+        runners.push_back(fork());
+        if (runners.back() != 0) continue;
+        std::string report;
         for (const auto &call : calls) {
             for (int n = call.second.before + 1;
-                 kNotInjected.count(call.first) == 0 && n <= call.second.total; ++n, ++traced) {
+                 kNotInjected.count(call.first) == 0 && n <= call.second.total; ++n) {
                 for (const char *error : {"EIO", "ENOSPC"}) {
                     if (error == std::string("ENOSPC") && kNoSpace.count(call.first) == 0) continue;
                     std::string problem;
                     Outcome outcome =
                         runFault(strace, change, call.first, n, error, scene, newVersion, problem);
-                    ++outcomes[outcome];
-                    EXPECT_NE(kWrong, outcome) << change.name << " with " << call.first << "#" << n
-                                               << "=" << error << ": " << problem;
+                    report += std::to_string(outcome) + " " + call.first + "#" + std::to_string(n) +
+                              "=" + error + ": " + problem + "\n";
                 }
             }
         }
-        printf("%-24s %7d %12d %12d %12d %6d\n", change.name.c_str(), traced, outcomes[0],
-               outcomes[1], outcomes[2], outcomes[3]);
-        fflush(stdout);
+        writeFile(root.file("report" + std::to_string(c)), report);
+        _exit(0);
     }
+    for (size_t c = 0; c < kChanges.size(); ++c) {
+        EXPECT_EQ(0, waitExitCode(runners[c]));
+        int outcomes[kWrong + 1] = {};
+        std::istringstream lines(readFile(root.file("report" + std::to_string(c))));
+        for (std::string line; std::getline(lines, line);) {
+            ++outcomes[line[0] - '0'];
+            EXPECT_NE('0' + kWrong, line[0]) << kChanges[c].name << " with " << line.substr(2);
+        }
+        printf("%-24s %7d %12d %12d %12d %6d\n", kChanges[c].name.c_str(), traced[c], outcomes[0],
+               outcomes[1], outcomes[2], outcomes[3]);
+    }
+    fflush(stdout);
 }
