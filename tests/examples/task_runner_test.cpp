@@ -73,22 +73,16 @@ TEST_F(TaskRunner, RunsATaskFile) {
     ASSERT_EQ(0, symlink("/etc/passwd", (photos + "/sub/link").c_str()));
     writeFile(dest + "/photos.tar", "old archive");
     std::vector<std::string> hook = helperCommand("check_password");
-    std::string q = "\"";
-    writeFile(conf,
-              "[global]\nowner=\"ops\"\n"
-              "[task1]\nname=\"photos\"\nsource=" +
-                  q + photos + q + "\ndest=" + q + dest + q +
-                  "\ninclude=[\"/cache/keep.jpg\"]\nexclude=[\"/cache/**\",\"/**.txt\"]\n"
-                  "notify=\"{{task}}: {{files}} files, {{status}}\"\n"
-                  "[task2]\nname=\"docs\"\nsource=" +
-                  q + photos + "/sub" + q + "\ndest=" + q + dest + q + "\nhook=[" + q + hook[0] +
-                  q + "," + q + hook[1] + q +
-                  "]\n"
-                  "notify=\"{{task}} on {{host}}\"\n"
-                  "[task3]\nname=\"broken\"\nsource=" +
-                  q + photos + q + "\ndest=" + q + dest + q +
-                  "\nhook=[\"/nonexistent/mount-target\"]\n"
-                  "[task4]\nname=\"off\"\nenabled=false\nsource=\"/\"\ndest=\"/\"\n");
+    auto task = [&dest](const std::string &name, const std::string &source) {
+        return "name=\"" + name + "\"\nsource=\"" + source + "\"\ndest=\"" + dest + "\"\n";
+    };
+    writeFile(conf, "[global]\nowner=\"ops\"\n[task1]\n" + task("photos", photos) +
+                        "include=[\"/cache/keep.jpg\"]\nexclude=[\"/cache/**\",\"/**.txt\"]\n"
+                        "notify=\"{{task}}: {{files}} files, {{status}}\"\n[task2]\n" +
+                        task("docs", photos + "/sub") + "hook=[\"" + hook[0] + "\",\"" + hook[1] +
+                        "\"]\nnotify=\"{{task}} on {{host}}\"\n[task3]\n" + task("broken", photos) +
+                        "hook=[\"/nonexistent/mount-target\"]\n"
+                        "[task4]\nname=\"off\"\nenabled=false\nsource=\"/\"\ndest=\"/\"\n");
 
     // The password is stored encrypted, never as text.
     CommandResult set = run({conf, "--set-password", "task2"}, "s3cret\n");
@@ -99,13 +93,8 @@ TEST_F(TaskRunner, RunsATaskFile) {
 
     CommandResult result = run({conf});
     EXPECT_EQ(1, result.exitCode) << result.err;
-    EXPECT_EQ("photos: 3 files archived to " + dest +
-                  "/photos.tar\n"
-                  "notice: photos: 3 files, ok\n"
-                  "docs: 1 files archived to " +
-                  dest +
-                  "/docs.tar\n"
-                  "broken: failed\n",
+    EXPECT_EQ("photos: 3 files archived to " + dest + "/photos.tar\nnotice: photos: 3 files, ok\n" +
+                  "docs: 1 files archived to " + dest + "/docs.tar\nbroken: failed\n",
               result.out);
     EXPECT_EQ(
         "docs: no notice, the template has no value for 'host'\n"

@@ -70,23 +70,24 @@ double secondsSince(Clock::time_point start) {
 
 }  // namespace
 
+// Every failure leaves the reason in errno.
 TEST(NetProbe, ConnectResults) {
     SyslogCapture log;
-    // Every failure leaves the reason in errno.
-    auto failsWith = [](int result, int expected) {
+    auto expectFailure = [](int expected, int expectedErrno, int result) {
         int error = errno;
         EXPECT_EQ(expected, result);
-        return error;
+        EXPECT_EQ(expectedErrno, error);
     };
-    errno = 0;
-    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect(nullptr, 80, 5), -1));
-    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect("h", -1, 5), -1));
-    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect("127.0.0.1", 65536, 5), -1));
-    EXPECT_EQ(EINVAL, failsWith(Net::testIpAndPortConnect("127.0.0.1", 80, -1), -1));
+    struct {
+        const char *host;
+        int port, timeout;
+    } bad[] = {{nullptr, 80, 5}, {"h", -1, 5}, {"127.0.0.1", 65536, 5}, {"127.0.0.1", 80, -1}};
+    for (const auto &c : bad) {
+        expectFailure(-1, EINVAL, Net::testIpAndPortConnect(c.host, c.port, c.timeout));
+    }
     EXPECT_EQ(4, log.count(LOG_ERR, "network/network:<line> bad parameter")) << log.dump();
     // The empty name has no address, and getaddrinfo knows without asking anyone.
-    errno = 0;
-    EXPECT_EQ(ENOENT, failsWith(Net::testIpAndPortConnect("", 80, 5), -1));
+    expectFailure(-1, ENOENT, Net::testIpAndPortConnect("", 80, 5));
     EXPECT_TRUE(log.has(LOG_ERR, "network/network:<line> [:80] getaddrinfo() error, <any>"));
     TELO::Backup::clearLastErrorText();
 
@@ -97,8 +98,7 @@ TEST(NetProbe, ConnectResults) {
     EXPECT_EQ(5u, log.size()) << log.dump();
     EXPECT_EQ("", TELO::Backup::lastErrorText());
     std::string refused = "network/network:<line> [127.0.0.1:" + std::to_string(portOf(closed));
-    EXPECT_EQ(ECONNREFUSED,
-              failsWith(Net::testIpAndPortConnect("127.0.0.1", portOf(closed), 5), -1));
+    expectFailure(-1, ECONNREFUSED, Net::testIpAndPortConnect("127.0.0.1", portOf(closed), 5));
     EXPECT_TRUE(log.has(LOG_ERR, refused + "] isn't connected") ||
                 log.has(LOG_ERR, refused + "] connect() error, Connection refused"))
         << log.dump();
@@ -106,8 +106,8 @@ TEST(NetProbe, ConnectResults) {
     EXPECT_EQ(log.lines().back().text, TELO::Backup::lastErrorText());
     // Timeout 0 polls once.
     Clock::time_point start = Clock::now();
-    EXPECT_EQ(ETIMEDOUT,
-              failsWith(Net::testIpAndPortConnect("127.0.0.1", portOf(silent.listener), 0), -2));
+    expectFailure(-2, ETIMEDOUT,
+                  Net::testIpAndPortConnect("127.0.0.1", portOf(silent.listener), 0));
     EXPECT_LT(secondsSince(start), 0.9);
     EXPECT_TRUE(
         log.has(LOG_ERR, "network/network:<line> [127.0.0.1:<any>] select() timeout, <any>"));

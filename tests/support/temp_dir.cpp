@@ -1,6 +1,5 @@
 #include "support/temp_dir.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace testsupport {
@@ -75,13 +75,8 @@ void makeDir(const std::string &path, mode_t mode) {
 
 std::string readFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        ADD_FAILURE() << "cannot read " << path;
-        return std::string();
-    }
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    if (!in) ADD_FAILURE() << "cannot read " << path;
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 bool exists(const std::string &path) {
@@ -91,14 +86,10 @@ bool exists(const std::string &path) {
 
 std::vector<std::string> listDir(const std::string &path) {
     std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr) return names;
-    while (struct dirent *entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-            names.push_back(entry->d_name);
-        }
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(path, error), end; it != end; it.increment(error)) {
+        names.push_back(it->path().filename());
     }
-    closedir(dir);
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -117,8 +108,8 @@ std::string aclGrantingRead(uid_t uid) {
         uint32_t id;
     };
     const uint32_t none = ~0u, version = 2;
-    const Entry entries[] = {{0x01, 6, none}, {0x02, 4, uid},  {0x04, 4, none},
-                             {0x10, 4, none}, {0x20, 0, none}};
+    const Entry entries[] = {
+        {0x01, 6, none}, {0x02, 4, uid}, {0x04, 4, none}, {0x10, 4, none}, {0x20, 0, none}};
     std::string blob(reinterpret_cast<const char *>(&version), sizeof(version));
     blob.append(reinterpret_cast<const char *>(entries), sizeof(entries));
     return blob;
