@@ -77,8 +77,9 @@ TEST(FileLog, AppendsTimestampedLinesToTheFirstConfiguredFile) {
 }
 
 // An empty path turns the log off (nothing beside the binary either, and no failure); a null
-// format never opens the file.
-TEST(FileLog, EmptyPathAndNullFormatWriteNothing) {
+// format never opens the file. A write that fails is reported by the checked call, and the next
+// line is not disturbed by what the failed one left behind.
+TEST(FileLog, OffNullFormatAndFailedWrites) {
     TempDir dir;
     std::string path = dir.file("never.log");
     EXPECT_CHILD_OK([&dir, path] {
@@ -95,6 +96,10 @@ TEST(FileLog, EmptyPathAndNullFormatWriteNothing) {
         const char *volatile noFormat = nullptr;
         logVa(noFormat);
         CHILD_CHECK(!exists(path));
+        setenv("TELO_LOGFILE", "/dev/full", 1);
+        filelog(3, "lost");
+        CHILD_CHECK(filelogChecked(3, "lost") == -1 && errno == ENOSPC);
+        CHILD_CHECK(filelogChecked(3, "%s", std::string(100000, 'x').c_str()) == -1);
     });
 }
 
@@ -111,17 +116,6 @@ TEST(FileLog, UnwritablePathIsRetriedOnEveryCall) {
         filelog(3, "kept");
         CHILD_CHECK_EQ(0, filelogChecked(3, "%s", "checked"));
         CHILD_CHECK_EQ(std::string("kept\nchecked\n"), messages(readFile(path), from));
-    });
-}
-
-// A write that fails is reported by the checked call, and the next line is not disturbed by
-// what the failed one left behind.
-TEST(FileLog, CheckedCallReportsFailedWrites) {
-    EXPECT_CHILD_OK([] {
-        setenv("TELO_LOGFILE", "/dev/full", 1);
-        filelog(3, "lost");
-        CHILD_CHECK(filelogChecked(3, "lost") == -1 && errno == ENOSPC);
-        CHILD_CHECK(filelogChecked(3, "%s", std::string(100000, 'x').c_str()) == -1);
     });
 }
 
