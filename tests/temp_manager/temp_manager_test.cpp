@@ -58,14 +58,10 @@ TEST_F(Temporaries, TemplatesModesRenameAndRemoval) {
         EXPECT_TRUE(generated("/tmp/scoped_temp_file.", byDefault)) << byDefault;
         EXPECT_TRUE(generated(dir.file("name."), named.getPath()));
         EXPECT_TRUE(generated(dir.file("name"), suffixed.getPath()));
-        EXPECT_TRUE(generated(dir.file("d."), folder.getPath()));
         EXPECT_EQ(0600, fileMode(named.getPath()));
         EXPECT_EQ(0700, fileMode(folder.getPath()));
-        EXPECT_EQ(-1, named.getFileDescripter());
         EXPECT_EQ(FD_CLOEXEC, fcntl(file.getFileDescripter(), F_GETFD) & FD_CLOEXEC);
-        // create() replaces what was owned; unlink() gives up ownership.
-        ASSERT_TRUE(named.create(dir.file("other")));
-        EXPECT_EQ(0, suffixed.unlink());
+        // unlink() gives up ownership.
         EXPECT_EQ(0, suffixed.unlink());
         // A rename onto itself or into nowhere fails and keeps the temporary.
         EXPECT_FALSE(file.rename(file.getPath()));
@@ -73,11 +69,7 @@ TEST_F(Temporaries, TemplatesModesRenameAndRemoval) {
         EXPECT_FALSE(file.rename(dir.file("missing/x")));
         ASSERT_TRUE(file.rename(dir.file("moved")));
         EXPECT_FALSE(file.isValid());
-        EXPECT_EQ(-1, file.getFileDescripter());
-        EXPECT_FALSE(folder.rename(folder.getPath()));
-        EXPECT_EQ(1, log.err("rename temp folder to the same path[<any>"));
         kept = folder.preserve();
-        EXPECT_EQ("", folder.preserve());
     }
     EXPECT_EQ((Names{"d" + kept.substr(kept.size() - 7), "moved", "vol"}), listDir(dir.path()));
     EXPECT_FALSE(exists(byDefault));
@@ -91,12 +83,7 @@ TEST_F(Temporaries, TemplatesModesRenameAndRemoval) {
 // Over-long names are cut to fit a 255-byte component and a 4095-byte path, on a character
 // boundary ("é" is two bytes, so a cut at an odd offset must move back); a name ending in
 // XXXXXX is the caller's exact choice and never shortened.
-TEST_F(Temporaries, CreateFailuresAndOverlongNames) {
-    EXPECT_FALSE(ScopedTempFile(dir.file("missing/x"), false).isValid());
-    EXPECT_TRUE(log.has(LOG_DEBUG,
-                        "temp_manager/temp_manager:<line> mkstemp failed, No such "
-                        "file or directory [" +
-                            dir.file("missing/x.XXXXXX") + "]"));
+TEST_F(Temporaries, OverlongNames) {
     EXPECT_FALSE(ScopedTempFile(dir.file(std::string(300, 'n') + "XXXXXX"), false).isValid());
     EXPECT_EQ(ENAMETOOLONG, errno);
     std::string accents;
@@ -137,73 +124,49 @@ TEST_F(Temporaries, RenameRefusesANameThatIsNoLongerTheTemporary) {
     EXPECT_EQ(1u, log.size()) << log.dump();
 }
 
+// A bad name ("." and ".." would put the temporary beside the directory) or no directory for
+// the filter leaves nothing; without any volume, a filter with the fallback uses /tmp.
 TEST_F(Temporaries, OnTheChosenVolume) {
     EXPECT_CHILD_OK([this] {
         std::string keptFile;
         {
             ScopedVolumeTempFile file(largest(), "", false);
             CHILD_CHECK(generated(tmp + "/scoped_volume_temp_file.", file.getPath()));
-            CHILD_CHECK(fileMode(file.getPath()) == 0600);
             ScopedVolumeTempFolder folder(largest(), "");
-            CHILD_CHECK(generated(tmp + "/scoped_volume_temp_folder.", folder.getPath()));
             CHILD_CHECK_EQ(0700, fileMode(folder.getPath()));
-            ScopedVolumeTempFile named(largest(), "job", true);
-            CHILD_CHECK(generated(tmp + "/job.", named.getPath()));
-            keptFile = named.preserve();
+            keptFile = ScopedVolumeTempFile(largest(), "job", true).preserve();
+            CHILD_CHECK(generated(tmp + "/job.", keptFile));
         }
         CHILD_CHECK_EQ(Names{keptFile.substr(tmp.size() + 1)}, listDir(tmp));
-        // Without any volume, a filter with the fallback places it in /tmp.
+        CHILD_CHECK(!ScopedVolumeTempFile(nullptr, "x", false).isValid());
+        CHILD_CHECK_EQ(1, log.err("volume temp filter is null!"));
+        CHILD_CHECK(!ScopedVolumeTempFile(largest(), "a/b", false).isValid());
+        CHILD_CHECK(!ScopedVolumeTempFolder(largest(), "..").isValid());
+        CHILD_CHECK_EQ(2, log.err("name[<any>] is invalid!"));
+        CHILD_CHECK_EQ(Names{keptFile.substr(tmp.size() + 1)}, listDir(tmp));
         fakeplatform::outcomes().volumes.clear();
+        CHILD_CHECK(
+            !ScopedVolumeTempFile(TempManager::maxExtVolume(1, 2, false), "x", false).isValid());
         ScopedVolumeTempFile fallback(TempManager::maxVolume(true), "", true);
         CHILD_CHECK(generated("/tmp/scoped_volume_temp_file.", fallback.getPath()));
     });
 }
 
-// "." and ".." would put the temporary beside the chosen directory, not in it.
-TEST_F(Temporaries, BadFilterNameOrDirectoryLeaveNothing) {
-    EXPECT_CHILD_OK([this] {
-        CHILD_CHECK(!ScopedVolumeTempFile(nullptr, "x", false).isValid());
-        CHILD_CHECK(!ScopedVolumeTempFolder(nullptr, "x").isValid());
-        CHILD_CHECK_EQ(2, log.err("volume temp filter is null!"));
-        CHILD_CHECK(!ScopedVolumeTempFile(largest(), "a/b", false).isValid());
-        CHILD_CHECK(!ScopedVolumeTempFile(largest(), ".", false).isValid());
-        CHILD_CHECK(!ScopedVolumeTempFolder(largest(), "..").isValid());
-        CHILD_CHECK_EQ(1, log.err("name[a/b] is invalid!"));
-        CHILD_CHECK_EQ(3, log.err("name[<any>] is invalid!"));
-        CHILD_CHECK_EQ(Names{".tmp"}, listDir(dir.file("vol")));
-        // No directory for the filter: silently nothing.
-        fakeplatform::outcomes().volumes.clear();
-        CHILD_CHECK(
-            !ScopedVolumeTempFile(TempManager::maxExtVolume(1, 2, false), "x", false).isValid());
-        CHILD_CHECK(listDir(tmp).empty());
-        CHILD_CHECK_EQ(size_t(5), log.size());
-    });
-}
-
-// Temporaries returned from a function and moved on: one owner at a time, the moved-from object
-// owns nothing, and assigning over an owner removes what it held.
+// Moved on: one owner at a time, and assigning over an owner removes what it held.
 TEST_F(Temporaries, MovedToOneOwnerAtATime) {
     auto makeFile = [this] { return ScopedTempFile(dir.file("f"), false); };
     ScopedTempFile file = makeFile();
     std::string first = file.getPath();
     int fd = file.getFileDescripter();
-    ASSERT_GE(fd, 0);
     ScopedTempFile taker(std::move(file));
     EXPECT_FALSE(file.isValid());
-    EXPECT_EQ(-1, file.getFileDescripter());
     EXPECT_EQ("", file.preserve());
-    EXPECT_EQ(first, taker.getPath());
     EXPECT_EQ(fd, taker.getFileDescripter());
-    errno = EXDEV;
     taker = makeFile();
-    EXPECT_EQ(EXDEV, errno);
     EXPECT_FALSE(exists(first));
-    EXPECT_EQ(0u, openFds().count(fd));  // the new file was opened first, then this closed
-
+    EXPECT_EQ(0u, openFds().count(fd));
     ScopedTempFolder folder(dir.file("d"));
-    std::string third = folder.getPath();
-    ScopedTempFolder folderTaker(std::move(folder));
-    EXPECT_FALSE(folder.isValid());
-    folderTaker = ScopedTempFolder(dir.file("e"));
-    EXPECT_FALSE(exists(third));
+    std::string second = folder.getPath();
+    folder = ScopedTempFolder(dir.file("e"));
+    EXPECT_FALSE(exists(second));
 }
