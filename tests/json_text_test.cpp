@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 using TELO::Backup::jsonFromString;
 using TELO::Backup::jsonToString;
 
@@ -38,23 +35,4 @@ TEST(JsonText, ParsesExactlyOneBoundedValue) {
             EXPECT_EQ("keep", v.asString()) << c.first.substr(0, 20);
         }
     }
-}
-
-// Each thread has its own writer and reader.
-TEST(JsonText, RoundTripsAcrossThreads) {
-    Json::Value v;
-    v["k"] = "Müller";
-    v["n"] = Json::Int64(1) << 40;
-    const std::string text = jsonToString(v);
-    std::atomic<int> wrong{0};
-    auto roundTrips = [&] {
-        for (int i = 0; i < 200; ++i) {
-            Json::Value back;
-            if (!jsonFromString(back, text) || back != v || jsonToString(back) != text) ++wrong;
-        }
-    };
-    std::thread a(roundTrips), b(roundTrips);
-    a.join();
-    b.join();
-    EXPECT_EQ(0, wrong);
 }
