@@ -3,7 +3,6 @@
 // child, the same SIGCHLD and SIGTERM dispositions.
 #include "telobackup/proc/subprocess.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,7 +15,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
@@ -38,18 +36,15 @@ using TELO::Backup::SubProcess;
 using namespace testsupport;
 using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
+using Disposition = std::pair<void (*)(int), int>;
 
 namespace {
 
-// Handler and flags; the C library adds its restorer flag to every action it sets.
-bool same(const struct sigaction &a, const struct sigaction &b) {
-    return a.sa_handler == b.sa_handler && ((a.sa_flags ^ b.sa_flags) & ~0x04000000) == 0;
-}
-
-struct sigaction actionOf(int sig) {
+// Handler and flags, without the restorer flag the C library adds to every action it sets.
+Disposition disposition(int sig) {
     struct sigaction action = {};
     sigaction(sig, nullptr, &action);
-    return action;
+    return {action.sa_handler, action.sa_flags & ~0x04000000};
 }
 
 // The launcher's lines as "<who> <priority> <text>" without the source line; who is "self",
@@ -80,13 +75,12 @@ Lines childLines(const std::string &who, const Lines &args, const Lines &errors 
     return lines;
 }
 
-// The rest of every line of a child's report that starts with `key` + " ", in order.
+// What follows `key` and one blank on each line of a child's report that starts with it.
 Lines field(const std::string &report, const std::string &key) {
     Lines values;
     std::istringstream in(report);
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, key.size() + 1, key + " ") == 0)
-            values.push_back(line.substr(key.size() + 1));
+    for (std::string name, rest; in >> name && std::getline(in, rest);) {
+        if (name == key) values.push_back(rest.substr(1));
     }
     return values;
 }
@@ -113,73 +107,67 @@ class Launch : public ::testing::TestWithParam<bool> {
         TELO::Backup::internal::setForkOnly(false);
         EXPECT_EQ(fds_, openFds()) << "descriptors leaked or closed";
         EXPECT_TRUE(noChildren()) << "a child was left behind";
-        EXPECT_TRUE(same(chld_, actionOf(SIGCHLD)));
-        EXPECT_TRUE(same(term_, actionOf(SIGTERM)));
+        EXPECT_EQ(chld_, disposition(SIGCHLD));
+        EXPECT_EQ(term_, disposition(SIGTERM));
     }
     TempDir dir;
     SyslogCapture log;
     const std::set<int> fds_ = openFds();
-    const struct sigaction chld_ = actionOf(SIGCHLD), term_ = actionOf(SIGTERM);
+    const Disposition chld_ = disposition(SIGCHLD), term_ = disposition(SIGTERM);
 };
 
 INSTANTIATE_TEST_SUITE_P(Paths, Launch, ::testing::Values(false, true),
                          [](const auto &info) { return info.param ? "Fork" : "SharedMemory"; });
 
 // Exit statuses come back raw; a child that fails before its program runs exits 127 after its
-// lines, written by the caller under the child's pid.
+// lines, written by the caller under the child's pid. No PATH search and no shell: a relative
+// path is taken from "/", and a blank belongs to the name.
 TEST_P(Launch, ExitStatusesAndTheChildsLines) {
     std::string missing = dir.file("no/file"), noFile = "open [" + missing + "] failed, " + kNoFile;
-    Lines exit3 = helperCommand("exit", {"3"});
     using Step = LaunchFailure::Step;
     struct Case {
+        Lines command;
         std::function<void(SubProcess &)> set;
-        Lines args;  // as launched, when the child got that far
+        bool execs;  // the child got as far as its exec and logged the command
         int status;
         Lines errors;
         LaunchFailure failure;  // what the overloads that take one report
     } cases[] = {
         // clang-format off
-        {[](SubProcess &) {}, exit3, 3, {}, {}},
-        {[](SubProcess &sp) { sp.addArg("x"); }, {"/nonexistent", "x"}, 127,
-         {"execv [/nonexistent] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
-        {[&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, {}, 127, {noFile},
-         {Step::kOpenStream, ENOENT, 1}},
-        {[&](SubProcess &sp) { sp.setStdInput(missing); }, {}, 127,
+        {helperCommand("exit", {"3"}), {}, true, 3, {}, {}},
+        {helperCommand("exit", {"127"}), {}, true, 127, {}, {}},  // its own 127, not a failed exec
+        {{"bin/true"}, {}, true, 0, {}, {}},
+        {{"ls -l", "x"}, {}, true, 127, {"execv [ls -l] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
+        {{"/nonexistent"}, [&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, false, 127,
+         {noFile}, {Step::kOpenStream, ENOENT, 1}},
+        {{"/nonexistent"}, [&](SubProcess &sp) { sp.setStdInput(missing); }, false, 127,
          {noFile, "dup2 0 failed, " + kNoFile}, {Step::kOpenStream, ENOENT, 0}},
-        {[](SubProcess &sp) { sp.setStdError(1000); }, {}, 127,
+        {{"/nonexistent"}, [](SubProcess &sp) { sp.setStdError(1000); }, false, 127,
          {"dup2(2) failed, Bad file descriptor"}, {Step::kDupStream, EBADF, 2}},
         // clang-format on
     };
-    for (Case &c : cases) {
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.command[0]);
         clearCapturedLines();
         TELO::Backup::clearLastErrorText();
-        SubProcess sp(c.args.empty() || c.status == 3 ? exit3 : Lines{"/nonexistent"});
-        c.set(sp);
+        SubProcess sp(c.command);
+        if (c.set) c.set(sp);
         LaunchFailure failure;
         failure.step = Step::kUnobserved;
         int status = 0, pid = sp.callNoWait({}, failure);
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(c.status << 8, status);
-        EXPECT_EQ(childLines("pid", c.args, c.errors), launcherLines(log, pid));
+        EXPECT_EQ(childLines("pid", c.execs ? c.command : Lines{}, c.errors),
+                  launcherLines(log, pid));
         EXPECT_EQ(c.failure.step, failure.step);
         EXPECT_EQ(c.failure.error, failure.error);
         EXPECT_EQ(c.failure.stream, failure.stream);
         // The caller's thread keeps the last error line it wrote for the child.
         EXPECT_EQ(c.errors.empty() ? "" : log.lines().back().text, TELO::Backup::lastErrorText());
     }
-    // No PATH search and no shell: paths are taken from "/", a blank belongs to the name.
-    EXPECT_EQ(0, SubProcess("bin/true").call());
-    EXPECT_EQ(127 << 8, SubProcess("true").call() | SubProcess("ls -l").call());
-    // A program that exits 127 itself is told apart from one that could not run.
-    LaunchFailure failure;
-    EXPECT_EQ(127 << 8, SubProcess(helperCommand("exit", {"127"})).call(failure));
-    EXPECT_EQ(LaunchFailure::kNone, failure.step);
-    EXPECT_EQ(127 << 8, SubProcess("ls -l").call(failure));
-    EXPECT_EQ(LaunchFailure::kExec, failure.step);
-    EXPECT_EQ(ENOENT, failure.error);
     // Only root may chmod /dev/null (to the mode it has anyway).
-    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
-        SubProcess modeless(exit3);
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [] {
+        SubProcess modeless("/nonexistent");
         modeless.setStdOutput("/dev/null", 0666);
         LaunchFailure why;
         CHILD_CHECK_EQ(127 << 8, modeless.call(why));
@@ -189,26 +177,36 @@ TEST_P(Launch, ExitStatusesAndTheChildsLines) {
 }
 
 // Unset streams are the null device, a kept stream is the caller's, a kept descriptor survives
-// although close-on-exec, and nothing else reaches the program.
-TEST_P(Launch, ChildGetsExactlyItsStreamsAndKeptDescriptors) {
-    int fds[2], kept = 5;
-    ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
-    while (fcntl(kept, F_GETFD) >= 0) ++kept;
-    ASSERT_EQ(kept, dup3(fds[1], kept, O_CLOEXEC));
-    close(fds[1]);
+// although close-on-exec, and nothing else reaches the program. Of the caller's environment only
+// PATH does, before the program's own variables; a PATH of its own wins.
+TEST_P(Launch, ChildGetsExactlyItsStreamsDescriptorsAndEnvironment) {
+    std::string report = dir.file("report");
+    int kept = open(report.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     int stray = open("/dev/zero", O_RDONLY);
-    int pid =
-        SubProcess(helperCommand("describe", {"fd:" + std::to_string(kept)})).callNoWait({1, kept});
+    SubProcess sp(helperCommand("describe", {"fd:" + std::to_string(kept)}));
+    sp.setEnv("ZED", "last");
+    sp.setEnv("ALPHA", "first");
+    Lines fds = {"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
+                 std::to_string(kept) + " " + report};
+    for (const char *ownPath : {static_cast<const char *>(nullptr), "/opt/bin"}) {
+        if (ownPath != nullptr) sp.setEnv("PATH", ownPath);
+        Lines env = {std::string("PATH=") + (ownPath != nullptr ? ownPath : getenv("PATH")),
+                     "ALPHA=first", "ZED=last"};
+        int status = -1, pid = sp.callNoWait({1, kept});
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(fds, field(readFile(report), "fd"));
+        EXPECT_EQ(env, field(readFile(report), "env"));
+        EXPECT_EQ(0, ftruncate(kept, 0));
+    }
     close(kept);
     close(stray);
-    EXPECT_EQ((Lines{"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
-                     std::to_string(kept) + " " + linkOf(fds[0])}),
-              field(readAll(fds[0]), "fd"));
-    close(fds[0]);
-    EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
 }
 
-TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
+// Output files are appended to or created with the mode given, the later setter of a stream
+// wins, and a FIFO on standard input does not hold the launch: the child waits in its open for a
+// writer, which the caller could never become if the launch waited for the exec.
+TEST_P(Launch, StreamFilesAndTheLaterSetterWins) {
     mode_t oldMask = umask(022);
     writeFile(dir.file("in"), "new\n");
     writeFile(dir.file("old"), "old\n", 0644);
@@ -226,33 +224,21 @@ TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
     EXPECT_EQ(0, cat.call());
     cat.setStdError(fd);
     cat.setStdError(dir.file("later"), 0);
-    EXPECT_EQ(0, cat.call());
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    cat.setStdInput(fifo);
+    LaunchFailure failure;
+    int status = -1, pid = cat.callNoWait({}, failure);
+    EXPECT_EQ(LaunchFailure::kUnobserved, failure.step);
+    int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(3, write(writer, "hi\n", 3));
+    close(writer);
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
     close(fd);
-    EXPECT_EQ("new\nnew\n", readFile(dir.file("byfd")));
+    EXPECT_EQ("new\nhi\n", readFile(dir.file("byfd")));
     EXPECT_EQ(0600, fileMode(dir.file("later")));
     EXPECT_FALSE(exists(dir.file("unused")));
     umask(oldMask);
-}
-
-TEST_P(Launch, ChildSeesOnlyPathAndItsOwnVariables) {
-    std::string report = dir.file("report");
-    Lines args = helperCommand("describe", {report});
-    EXPECT_CHILD_OK([&] {
-        setenv("PATH", "/bin", 1);
-        setenv("SECRET", "leaks", 1);
-        SubProcess sp(args);
-        sp.setEnv("ZED", "last");
-        sp.setEnv("ALPHA", "first");
-        CHILD_CHECK_EQ(0, sp.call());
-        CHILD_CHECK(field(readFile(report), "env") ==
-                    (Lines{"PATH=/bin", "ALPHA=first", "ZED=last"}));
-        // Set after the clean-up, PATH wins.
-        unlink(report.c_str());
-        sp.setEnv("PATH", "/opt/bin");
-        CHILD_CHECK_EQ(0, sp.call());
-        CHILD_CHECK(field(readFile(report), "env") ==
-                    (Lines{"PATH=/opt/bin", "ALPHA=first", "ZED=last"}));
-    });
 }
 
 int hostHandlerCalls = 0;
@@ -286,15 +272,17 @@ TEST_P(Launch, SignalsAroundTheChild) {
         struct sigaction host = {};
         host.sa_handler = [](int) { ++hostHandlerCalls; };
         sigaction(SIGTERM, &host, nullptr);
+        const Disposition hostTerm = disposition(SIGTERM);
         CHILD_CHECK_EQ(42 << 8, SubProcess(signaller).call());
-        CHILD_CHECK(hostHandlerCalls >= 1 && same(host, actionOf(SIGTERM)));
+        CHILD_CHECK(hostHandlerCalls >= 1 && hostTerm == disposition(SIGTERM));
 
         // SA_NOCLDWAIT is lifted for the wait and put back.
         struct sigaction chld = {};
         chld.sa_flags = SA_NOCLDWAIT | SA_RESTART;
         sigaction(SIGCHLD, &chld, nullptr);
+        const Disposition hostChld = disposition(SIGCHLD);
         CHILD_CHECK_EQ(5 << 8, SubProcess(exit5).call());
-        CHILD_CHECK(SubProcess(exit5).callBackground(false) && same(chld, actionOf(SIGCHLD)));
+        CHILD_CHECK(SubProcess(exit5).callBackground(false) && hostChld == disposition(SIGCHLD));
     });
 }
 
@@ -323,9 +311,7 @@ TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
     std::string report = dir.file("report");
     pid_t pid = fork();
     if (pid == 0) _exit(SubProcess(helperCommand("describe", {report})).exec() + 99);
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, waitExitCode(pid));
     EXPECT_EQ(Lines{std::to_string(pid)}, field(readFile(report), "pid"));
     // On failure the process goes on prepared: in "/", with the program's environment and its
     // descriptors closed (this child reports through its exit status only).
@@ -381,9 +367,9 @@ TEST_P(Launch, PipeConversations) {
         pid = SubProcess(helperCommand("ignore_eof")).callPipeOpen(&pipe);
         std::atomic<bool> closed{false};
         std::thread sampler([&] { EXPECT_EQ(!naps, pidfdSeenUntil(closed)); });
-        auto start = std::chrono::steady_clock::now();
+        auto start = Clock::now();
         int status = SubProcess::callPipeClose(pipe, pid);
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
         closed = true;
         sampler.join();
         if (status == -1) {
@@ -391,28 +377,9 @@ TEST_P(Launch, PipeConversations) {
                                              std::to_string(pid) + "] return [0]"));
             ASSERT_EQ(pid, waitpid(pid, &status, 0));
         }
-        EXPECT_TRUE(WIFSIGNALED(status));
-        EXPECT_EQ(SIGTERM, WTERMSIG(status));
+        EXPECT_EQ(SIGTERM, status);
     }
     TELO::Backup::internal::setExitWaitByNaps(false);
-}
-
-// The child waits in its open for a writer: were the launch to wait for its exec, the caller
-// could never become that writer.
-TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
-    std::string fifo = dir.file("fifo");
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    SubProcess cat(helperCommand("cat"));
-    cat.setStdInput(fifo);
-    cat.setStdOutput(dir.file("out"), 0);
-    LaunchFailure failure;
-    int status = -1, pid = cat.callNoWait({}, failure);
-    EXPECT_EQ(LaunchFailure::kUnobserved, failure.step);
-    int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(3, write(writer, "hi\n", 3));
-    close(writer);
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_EQ("hi\n", readFile(dir.file("out")));
 }
 
 TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
@@ -460,45 +427,11 @@ TEST(SubProcessDescription, ArgumentsCommandLineAndEnvironmentDump) {
               SubProcess::readPipe(&sp, 0, 1, nullptr) + SubProcess::writePipe(&sp, 0, 1, nullptr));
 }
 
-}  // namespace
-
-// ---- Under stress
-// --------------------------------------------------------------------------------
-
 // A daemon whose threads are busy allocating, logging and reading the environment launches
 // children over and over, on both start paths: no launch may hang, and no child or descriptor
-// may be left. TELO_STRESS_LAUNCHES sets the number of launches (default 1000, 250 under the
-// sanitizers, which make each launch several times slower); on a machine too busy to finish
-// them in 40 s the run stops there, once every kind of launch has run 8 times.
-namespace {
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
-
-// The launch patterns of launchOnce (8 kinds on each of the two start paths), and the time
-// after which a busy machine may stop.
-constexpr int kLaunchPatterns = 16;
-constexpr std::chrono::seconds kLaunchBudget(40);
-
-// A stuck child would outlive the aborted run and hold its output open.
-void killChildren() {
-    DIR *tasks = opendir("/proc/self/task");
-    while (struct dirent *task = tasks != nullptr ? readdir(tasks) : nullptr) {
-        std::ifstream children(std::string("/proc/self/task/") + task->d_name + "/children");
-        for (int pid; children >> pid;) kill(pid, SIGKILL);
-    }
-    if (tasks != nullptr) closedir(tasks);
-}
-
+// may be left (a hang is ended by the test's time limit). TELO_STRESS_LAUNCHES sets the number of
+// launches (default 1000); on a machine too busy (or a build too slow) to finish them in 40 s the
+// run stops there, once every kind of launch has run 8 times.
 void busy(const std::atomic<bool> &stop, int index) {
     std::mt19937 random(static_cast<unsigned>(index));
     for (long round = 0; !stop; ++round) {
@@ -514,11 +447,11 @@ void busy(const std::atomic<bool> &stop, int index) {
         syslog(LOG_DEBUG, "busy thread %d holds %zu bytes at %p", index, size, block.get());
         if (getenv("PATH") == nullptr) abort();
         if (index == 0 && round % 4096 == 0) testsupport::clearCapturedLines();
-        // Busy, but sharing two cores with the launching thread.
-        std::this_thread::yield();
+        std::this_thread::yield();  // busy, but sharing two cores with the launching thread
     }
 }
 
+// Launch `i` of 8 kinds (six waited calls, one callNoWait, one conversation) on either path.
 bool launchOnce(int i) {
     TELO::Backup::internal::setForkOnly(i / 8 % 2 == 1);
     if (i % 8 < 6) return SubProcess("/bin/true").call() == 0;
@@ -537,41 +470,22 @@ bool launchOnce(int i) {
 
 TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
     const char *count = getenv("TELO_STRESS_LAUNCHES");
-    const int launches = count != nullptr && atoi(count) > 0 ? atoi(count)
-                         : kSanitized                        ? 250
-                                                             : 1000;
+    const int launches = count != nullptr && atoi(count) > 0 ? atoi(count) : 1000;
     const std::set<int> fdsBefore = testsupport::openFds();
     setenv("TELO_STRESS_TOGGLE", "a", 1);  // only replaced from now on, never added
     std::atomic<bool> stop{false};
-    std::atomic<int> progress{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) threads.emplace_back(busy, std::cref(stop), i);
-    threads.emplace_back([&] {
-        int seen = -1;
-        for (auto since = Clock::now(); !stop;
-             std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
-            if (progress != seen) {
-                seen = progress, since = Clock::now();
-            } else if (Clock::now() - since > std::chrono::seconds(20)) {
-                fprintf(stderr, "launch %d has not returned within 20 s: hung\n", seen);
-                killChildren();
-                abort();
-            }
-        }
-    });
-
     int failures = 0, done = 0;
-    auto start = Clock::now();
-    for (; done < launches; ++done, ++progress) {
-        if (done >= 8 * kLaunchPatterns && Clock::now() - start > kLaunchBudget) break;
+    for (auto start = Clock::now(); done < launches; ++done) {
+        if (done >= 8 * 16 && Clock::now() - start > std::chrono::seconds(40)) break;
         failures += launchOnce(done) ? 0 : 1;
     }
-    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     TELO::Backup::internal::setForkOnly(false);
     stop = true;
     for (std::thread &t : threads) t.join();
     testsupport::clearCapturedLines();
-    printf("%d of %d launches beside 8 busy threads in %.2f s\n", done, launches, seconds);
+    printf("%d of %d launches beside 8 busy threads\n", done, launches);
     EXPECT_EQ(0, failures);
     EXPECT_TRUE(testsupport::noChildren()) << "a child or zombie was left";
     EXPECT_EQ(fdsBefore, testsupport::openFds()) << "descriptors leaked";
