@@ -47,21 +47,9 @@ TEST(Signal, FlagEditorsKeepHandlerAndMaskAndHandBackTheOldFlags) {
     });
 }
 
-// Reading fails for a signal that does not exist (the old flags untouched); writing fails for
-// one that cannot be caught (the old flags already handed back).
-TEST(Signal, FlagEditorFailures) {
-    SyslogCapture log{"proc/signal"};
-    int old = 12345;
-    EXPECT_FALSE(signalHandlerRemoveFlags(0, SA_RESTART, old));
-    EXPECT_FALSE(signalHandlerSetFlags(NSIG, 0));
-    EXPECT_EQ(12345, old);
-    EXPECT_FALSE(signalHandlerAddFlags(SIGKILL, SA_RESTART, old));
-    EXPECT_EQ(0, old & ~kRestorer);
-    EXPECT_EQ(2, log.err("sigaction get org failed: Invalid argument"));
-    EXPECT_EQ(1, log.err("sigaction set flags failed: Invalid argument"));
-}
-
-TEST(Signal, HandlerSetAndScopedHandler) {
+// Refusals are logged. Reading fails for a signal that does not exist (the old flags untouched);
+// writing fails for one that cannot be caught (the old flags already handed back).
+TEST(Signal, HandlerSetScopedHandlerAndRefusals) {
     EXPECT_CHILD_OK([] {
         sigset_t set;
         sigemptyset(&set);
@@ -76,6 +64,12 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         SyslogCapture log{"proc/signal"};
         CHILD_CHECK(!signalHandlerSet(0, handlerA));
         CHILD_CHECK(!signalHandlerSet(SIGKILL, handlerA));
+        int old = 12345;
+        CHILD_CHECK(!signalHandlerRemoveFlags(0, SA_RESTART, old));
+        CHILD_CHECK(!signalHandlerSetFlags(NSIG, 0));
+        CHILD_CHECK_EQ(12345, old);
+        CHILD_CHECK(!signalHandlerAddFlags(SIGKILL, SA_RESTART, old));
+        CHILD_CHECK_EQ(0, old & ~kRestorer);
         {
             ScopedTempSigHandler guard, unarmed;
             CHILD_CHECK(guard.setSignalHandler(SIGUSR1, SA_RESTART, SIG_IGN));
@@ -91,7 +85,9 @@ TEST(Signal, HandlerSetAndScopedHandler) {
         CHILD_CHECK_EQ(1, log.err("sigaddset [0]: Invalid argument"));
         CHILD_CHECK_EQ(1, log.err("sigaction [9]: Invalid argument"));
         CHILD_CHECK_EQ(1, log.err("failed to set signal handler: original signum [10]"));
-        CHILD_CHECK_EQ(3u, log.size());
+        CHILD_CHECK_EQ(2, log.err("sigaction get org failed: Invalid argument"));
+        CHILD_CHECK_EQ(1, log.err("sigaction set flags failed: Invalid argument"));
+        CHILD_CHECK_EQ(6u, log.size());
     });
 }
 
