@@ -121,28 +121,25 @@ INSTANTIATE_TEST_SUITE_P(Paths, Launch, ::testing::Values(false, true),
 
 // Exit statuses come back raw; a child that fails before its program runs exits 127 after its
 // lines, written by the caller under the child's pid. No PATH search and no shell: a relative
-// path is taken from "/", and a blank belongs to the name.
+// path is taken from "/", and a blank belongs to the name. One row per way a launch fails.
 TEST_P(Launch, ExitStatusesAndTheChildsLines) {
-    std::string missing = dir.file("no/file"), noFile = "open [" + missing + "] failed, " + kNoFile;
+    std::string missing = dir.file("no/file");
     using Step = LaunchFailure::Step;
     struct Case {
         Lines command;
         std::function<void(SubProcess &)> set;
-        bool execs;  // the child got as far as its exec and logged the command
         int status;
-        Lines errors;
-        LaunchFailure failure;  // what the overloads that take one report
+        Lines errors;  // none: the child reached its exec and logged the command
+        LaunchFailure failure;
     } cases[] = {
         // clang-format off
-        {helperCommand("exit", {"3"}), {}, true, 3, {}, {}},
-        {helperCommand("exit", {"127"}), {}, true, 127, {}, {}},  // its own 127, not a failed exec
-        {{"bin/true"}, {}, true, 0, {}, {}},
-        {{"ls -l", "x"}, {}, true, 127, {"execv [ls -l] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
-        {{"/nonexistent"}, [&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, false, 127,
-         {noFile}, {Step::kOpenStream, ENOENT, 1}},
-        {{"/nonexistent"}, [&](SubProcess &sp) { sp.setStdInput(missing); }, false, 127,
-         {noFile, "dup2 0 failed, " + kNoFile}, {Step::kOpenStream, ENOENT, 0}},
-        {{"/nonexistent"}, [](SubProcess &sp) { sp.setStdError(1000); }, false, 127,
+        {helperCommand("exit", {"127"}), {}, 127, {}, {}},  // its own 127, not a failed exec
+        {{"bin/true"}, {}, 0, {}, {}},
+        {{"ls -l", "x"}, {}, 127, {"execv [ls -l] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
+        {{"/nonexistent"}, [&](SubProcess &sp) { sp.setStdInput(missing); }, 127,
+         {"open [" + missing + "] failed, " + kNoFile, "dup2 0 failed, " + kNoFile},
+         {Step::kOpenStream, ENOENT, 0}},
+        {{"/nonexistent"}, [](SubProcess &sp) { sp.setStdError(1000); }, 127,
          {"dup2(2) failed, Bad file descriptor"}, {Step::kDupStream, EBADF, 2}},
         // clang-format on
     };
@@ -157,11 +154,10 @@ TEST_P(Launch, ExitStatusesAndTheChildsLines) {
         int status = 0, pid = sp.callNoWait({}, failure);
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(c.status << 8, status);
-        EXPECT_EQ(childLines("pid", c.execs ? c.command : Lines{}, c.errors),
-                  launcherLines(log, pid));
-        EXPECT_EQ(c.failure.step, failure.step);
-        EXPECT_EQ(c.failure.error, failure.error);
-        EXPECT_EQ(c.failure.stream, failure.stream);
+        bool execs = c.errors.empty() || c.failure.step == Step::kExec;
+        EXPECT_EQ(childLines("pid", execs ? c.command : Lines{}, c.errors), launcherLines(log, pid));
+        EXPECT_EQ(std::make_tuple(c.failure.step, c.failure.error, c.failure.stream),
+                  std::make_tuple(failure.step, failure.error, failure.stream));
         // The caller's thread keeps the last error line it wrote for the child.
         EXPECT_EQ(c.errors.empty() ? "" : log.lines().back().text, TELO::Backup::lastErrorText());
     }
@@ -188,15 +184,14 @@ TEST_P(Launch, ChildGetsExactlyItsStreamsDescriptorsAndEnvironment) {
     sp.setEnv("ALPHA", "first");
     Lines fds = {"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
                  std::to_string(kept) + " " + report};
-    for (const char *ownPath : {static_cast<const char *>(nullptr), "/opt/bin"}) {
-        if (ownPath != nullptr) sp.setEnv("PATH", ownPath);
-        Lines env = {std::string("PATH=") + (ownPath != nullptr ? ownPath : getenv("PATH")),
-                     "ALPHA=first", "ZED=last"};
+    for (std::string path : {std::string(getenv("PATH")), std::string("/opt/bin")}) {
+        if (path == "/opt/bin") sp.setEnv("PATH", path);
         int status = -1, pid = sp.callNoWait({1, kept});
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(0, status);
         EXPECT_EQ(fds, field(readFile(report), "fd"));
-        EXPECT_EQ(env, field(readFile(report), "env"));
+        EXPECT_EQ((Lines{"PATH=" + path, "ALPHA=first", "ZED=last"}),
+                  field(readFile(report), "env"));
         EXPECT_EQ(0, ftruncate(kept, 0));
     }
     close(kept);
@@ -221,9 +216,6 @@ TEST_P(Launch, StreamFilesAndTheLaterSetterWins) {
     int fd = open(dir.file("byfd").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     cat.setStdOutput(dir.file("unused"), 0);
     cat.setStdOutput(fd);
-    EXPECT_EQ(0, cat.call());
-    cat.setStdError(fd);
-    cat.setStdError(dir.file("later"), 0);
     std::string fifo = dir.file("fifo");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     cat.setStdInput(fifo);
@@ -235,8 +227,7 @@ TEST_P(Launch, StreamFilesAndTheLaterSetterWins) {
     close(writer);
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     close(fd);
-    EXPECT_EQ("new\nhi\n", readFile(dir.file("byfd")));
-    EXPECT_EQ(0600, fileMode(dir.file("later")));
+    EXPECT_EQ("hi\n", readFile(dir.file("byfd")));
     EXPECT_FALSE(exists(dir.file("unused")));
     umask(oldMask);
 }
@@ -252,10 +243,6 @@ TEST_P(Launch, SignalsAroundTheChild) {
         // starts with an empty mask and SIGPIPE at its default.
         PipeFile *pipe = nullptr;
         int pid = SubProcess(exit5).callPipeOpen(&pipe);
-        // The close gives a child half a second before SIGTERM; on a loaded machine the helper
-        // may need longer to start, so its end is awaited first (not reaped: the close reaps).
-        siginfo_t ended;
-        CHILD_CHECK_EQ(0, waitid(P_PID, pid, &ended, WEXITED | WNOWAIT));
         CHILD_CHECK_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
         sigset_t set;
         sigemptyset(&set);
@@ -268,7 +255,6 @@ TEST_P(Launch, SignalsAroundTheChild) {
             (std::stoull(field(seen, "SigIgn:").at(0), nullptr, 16) & (1 << (SIGPIPE - 1))) == 0);
 
         // SIGTERM to the waiting caller reaches the child, and the host's handler too.
-        CHILD_CHECK_EQ(42 << 8, SubProcess(signaller).call());
         struct sigaction host = {};
         host.sa_handler = [](int) { ++hostHandlerCalls; };
         sigaction(SIGTERM, &host, nullptr);
@@ -307,36 +293,25 @@ TEST_P(Launch, BackgroundGrandchildIsDetached) {
               launcherLines(log));
 }
 
+// On failure exec() returns 0 and the process goes on prepared: in "/", with the program's
+// environment (this child reports through its exit status only).
 TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
     std::string report = dir.file("report");
     pid_t pid = fork();
     if (pid == 0) _exit(SubProcess(helperCommand("describe", {report})).exec() + 99);
     EXPECT_EQ(0, waitExitCode(pid));
     EXPECT_EQ(Lines{std::to_string(pid)}, field(readFile(report), "pid"));
-    // On failure the process goes on prepared: in "/", with the program's environment and its
-    // descriptors closed (this child reports through its exit status only).
     EXPECT_CHILD_OK([] {
         setenv("OTHER", "x", 1);
         SubProcess sp("/nonexistent");
         sp.setEnv("MINE", "1");
         SyslogCapture log;
         char cwd[8] = {};
-        CHILD_CHECK(sp.exec() == 0 && getcwd(cwd, sizeof(cwd)) != nullptr &&
-                    cwd == std::string("/"));
+        CHILD_CHECK(sp.exec() == 0 && getcwd(cwd, sizeof(cwd)) == std::string("/"));
         CHILD_CHECK(getenv("OTHER") == nullptr && getenv("MINE") != nullptr);
         CHILD_CHECK(launcherLines(log) == childLines("self", {"/nonexistent"},
                                                      {"execv [/nonexistent] failed, " + kNoFile}));
     });
-}
-
-// Whether the process holds a pidfd, sampled until `done`.
-bool pidfdSeenUntil(const std::atomic<bool> &done) {
-    bool seen = false;
-    while (!done && !seen) {
-        for (int fd : openFds()) seen = seen || linkOf(fd) == "anon_inode:[pidfd]";
-        std::this_thread::yield();
-    }
-    return seen;
 }
 
 // The child is waited for on a pidfd where the kernel has them, else with naps; both collect it
@@ -365,13 +340,9 @@ TEST_P(Launch, PipeConversations) {
         // A child that ignores end of file gets SIGTERM after half a second; the check right
         // after usually comes too early, and the child is left to the caller.
         pid = SubProcess(helperCommand("ignore_eof")).callPipeOpen(&pipe);
-        std::atomic<bool> closed{false};
-        std::thread sampler([&] { EXPECT_EQ(!naps, pidfdSeenUntil(closed)); });
         auto start = Clock::now();
         int status = SubProcess::callPipeClose(pipe, pid);
         EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
-        closed = true;
-        sampler.join();
         if (status == -1) {
             EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/subprocess:<line> waitpid [" +
                                              std::to_string(pid) + "] return [0]"));
@@ -390,48 +361,36 @@ TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
         setrlimit(RLIMIT_NPROC, &none);
         PipeFile *pipe = nullptr;
         SubProcess sp(exit0);
-        CHILD_CHECK(sp.call() == -1 && errno == EAGAIN);
         LaunchFailure failure;
-        CHILD_CHECK(sp.call(failure) == -1 && failure.step == LaunchFailure::kFork &&
-                    failure.error == EAGAIN);
+        CHILD_CHECK(sp.call(failure) == -1 && errno == EAGAIN &&
+                    failure.step == LaunchFailure::kFork && failure.error == EAGAIN);
         CHILD_CHECK(sp.callNoWait({}) == -1 && !sp.callBackground(true));
         CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
         CHILD_CHECK(launcherLines(log) ==
-                    Lines(5, "self ERR fork failed, Resource temporarily unavailable"));
+                    Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
     });
 }
 
-TEST(SubProcessDescription, ArgumentsCommandLineAndEnvironmentDump) {
-    EXPECT_EQ("\"ls -l\"", SubProcess(std::string("ls -l")).getCmdline());
+// Quoting for the log, and the environment dump sorted by name.
+TEST(SubProcessDescription, CommandLineAndEnvironmentDump) {
     EXPECT_EQ(R"("a\"b" "$x\" "")",
               SubProcess(std::list<std::string>{"a\"b", "$x\\", ""}).getCmdline());
     SubProcess sp(Lines{});
-    EXPECT_EQ("", sp.getCmdline());
-    sp.addArgList("a", "b", (char *)nullptr);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-    sp.addArgList(nullptr);
-#pragma GCC diagnostic pop
-    sp.addArg("c d");
+    sp.addArgList("a", "b c", (char *)nullptr);
     sp.addFormatArg("%s=%03d", "n", 7);
-    EXPECT_EQ(R"("a" "b" "c d" "n=007")", sp.getCmdline());
+    EXPECT_EQ(R"("a" "b c" "n=007")", sp.getCmdline());
     SyslogCapture log;
-    sp.printEnv();
     sp.setEnv("B", "2");
     sp.setEnv("A", "x=1");
     sp.printEnv();
     EXPECT_EQ((Lines{"self ERR env: A=x=1", "self ERR env: B=2"}), launcherLines(log));
-    EXPECT_EQ(-1, SubProcess::callPipeClose(nullptr, -1) + SubProcess::getReadFD(nullptr) + 1);
-    SubProcess::flushPipe(nullptr);
-    EXPECT_EQ(0u,
-              SubProcess::readPipe(&sp, 0, 1, nullptr) + SubProcess::writePipe(&sp, 0, 1, nullptr));
 }
 
 // A daemon whose threads are busy allocating, logging and reading the environment launches
 // children over and over, on both start paths: no launch may hang, and no child or descriptor
 // may be left (a hang is ended by the test's time limit). TELO_STRESS_LAUNCHES sets the number of
 // launches (default 1000); on a machine too busy (or a build too slow) to finish them in 40 s the
-// run stops there, once every kind of launch has run 8 times.
+// run stops there, once every kind of launch has run 16 times.
 void busy(const std::atomic<bool> &stop, int index) {
     std::mt19937 random(static_cast<unsigned>(index));
     for (long round = 0; !stop; ++round) {
@@ -441,22 +400,19 @@ void busy(const std::atomic<bool> &stop, int index) {
             setenv("TELO_STRESS_TOGGLE", round % 2 == 0 ? "a" : "b", 1);
             continue;
         }
-        size_t size = 16 + random() % 65536;
-        std::unique_ptr<char[]> block(new char[size]);
-        memset(block.get(), index, size);
-        syslog(LOG_DEBUG, "busy thread %d holds %zu bytes at %p", index, size, block.get());
-        if (getenv("PATH") == nullptr) abort();
+        std::unique_ptr<char[]> block(new char[16 + random() % 65536]);
+        syslog(LOG_DEBUG, "busy thread %d holds %p", index, block.get());
         if (index == 0 && round % 4096 == 0) testsupport::clearCapturedLines();
         std::this_thread::yield();  // busy, but sharing two cores with the launching thread
     }
 }
 
-// Launch `i` of 8 kinds (six waited calls, one callNoWait, one conversation) on either path.
+// Launch `i` of 4 kinds (two waited calls, a callNoWait, a conversation) on either path.
 bool launchOnce(int i) {
-    TELO::Backup::internal::setForkOnly(i / 8 % 2 == 1);
-    if (i % 8 < 6) return SubProcess("/bin/true").call() == 0;
+    TELO::Backup::internal::setForkOnly(i / 4 % 2 == 1);
     int status = -1, pid;
-    if (i % 8 == 6) {
+    if (i % 4 < 2) return SubProcess("/bin/true").call() == 0;
+    if (i % 4 == 2) {
         pid = SubProcess("/bin/true").callNoWait({});
         return pid > 0 && waitpid(pid, &status, 0) == pid && status == 0;
     }
@@ -478,14 +434,13 @@ TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
     for (int i = 0; i < 8; ++i) threads.emplace_back(busy, std::cref(stop), i);
     int failures = 0, done = 0;
     for (auto start = Clock::now(); done < launches; ++done) {
-        if (done >= 8 * 16 && Clock::now() - start > std::chrono::seconds(40)) break;
+        if (done >= 8 * 8 && Clock::now() - start > std::chrono::seconds(40)) break;
         failures += launchOnce(done) ? 0 : 1;
     }
     TELO::Backup::internal::setForkOnly(false);
     stop = true;
     for (std::thread &t : threads) t.join();
     testsupport::clearCapturedLines();
-    printf("%d of %d launches beside 8 busy threads\n", done, launches);
     EXPECT_EQ(0, failures);
     EXPECT_TRUE(testsupport::noChildren()) << "a child or zombie was left";
     EXPECT_EQ(fdsBefore, testsupport::openFds()) << "descriptors leaked";
