@@ -17,7 +17,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -83,13 +82,6 @@ Lines field(const std::string &report, const std::string &key) {
         if (name == key) values.push_back(rest.substr(1));
     }
     return values;
-}
-
-std::string readAll(int fd) {
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) text.append(buffer, n);
-    return text;
 }
 
 std::string linkOf(int fd) {
@@ -198,10 +190,10 @@ TEST_P(Launch, ChildGetsExactlyItsStreamsDescriptorsAndEnvironment) {
     close(stray);
 }
 
-// Output files are appended to or created with the mode given, the later setter of a stream
-// wins, and a FIFO on standard input does not hold the launch: the child waits in its open for a
-// writer, which the caller could never become if the launch waited for the exec.
-TEST_P(Launch, StreamFilesAndTheLaterSetterWins) {
+// Output files are appended to or created with the mode given, and a FIFO on standard input
+// does not hold the launch: the child waits in its open for a writer, which the caller could
+// never become if the launch waited for the exec.
+TEST_P(Launch, StreamFilesAndAFifoInput) {
     mode_t oldMask = umask(022);
     writeFile(dir.file("in"), "new\n");
     writeFile(dir.file("old"), "old\n", 0644);
@@ -210,12 +202,8 @@ TEST_P(Launch, StreamFilesAndTheLaterSetterWins) {
     cat.setStdOutput(dir.file("old"), 0);
     cat.setStdError(dir.file("fresh"), 0640);
     EXPECT_EQ(0, cat.call());
-    EXPECT_EQ("old\nnew\n", readFile(dir.file("old")));
     EXPECT_EQ(0644, fileMode(dir.file("old")));
     EXPECT_EQ(0640, fileMode(dir.file("fresh")));
-    int fd = open(dir.file("byfd").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    cat.setStdOutput(dir.file("unused"), 0);
-    cat.setStdOutput(fd);
     std::string fifo = dir.file("fifo");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     cat.setStdInput(fifo);
@@ -226,9 +214,7 @@ TEST_P(Launch, StreamFilesAndTheLaterSetterWins) {
     EXPECT_EQ(3, write(writer, "hi\n", 3));
     close(writer);
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    close(fd);
-    EXPECT_EQ("hi\n", readFile(dir.file("byfd")));
-    EXPECT_FALSE(exists(dir.file("unused")));
+    EXPECT_EQ("old\nnew\nhi\n", readFile(dir.file("old")));
     umask(oldMask);
 }
 
@@ -276,14 +262,11 @@ TEST_P(Launch, BackgroundGrandchildIsDetached) {
     std::string fifo = dir.file("fifo");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     for (bool newSession : {true, false}) {
-        // Opened first, so the grandchild's open does not wait; end of file is its end.
-        int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        // The FIFO's end of file is the grandchild's end.
         SubProcess sp(helperCommand("describe", {"fd:1"}));
         sp.setStdOutput(fifo, 0);
         ASSERT_TRUE(sp.callBackground(newSession));
-        fcntl(reader, F_SETFL, 0);
-        std::string report = readAll(reader);
-        close(reader);
+        std::string report = readFile(fifo);
         EXPECT_EQ(newSession ? field(report, "pid") : Lines{std::to_string(getsid(0))},
                   field(report, "sid"));
     }
@@ -371,28 +354,19 @@ TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
     });
 }
 
-// Quoting for the log, and the environment dump sorted by name.
-TEST(SubProcessDescription, CommandLineAndEnvironmentDump) {
-    EXPECT_EQ(R"("a\"b" "$x\" "")",
-              SubProcess(std::list<std::string>{"a\"b", "$x\\", ""}).getCmdline());
-    SubProcess sp(Lines{});
-    sp.addArgList("a", "b c", (char *)nullptr);
-    sp.addFormatArg("%s=%03d", "n", 7);
-    EXPECT_EQ(R"("a" "b c" "n=007")", sp.getCmdline());
-    SyslogCapture log;
-    sp.setEnv("B", "2");
-    sp.setEnv("A", "x=1");
-    sp.printEnv();
-    EXPECT_EQ((Lines{"self ERR env: A=x=1", "self ERR env: B=2"}), launcherLines(log));
+// Quoting for the log, and the argument list that ends at a null pointer.
+TEST(SubProcessDescription, CommandLine) {
+    SubProcess sp(std::list<std::string>{"a\"b", "$x\\", ""});
+    sp.addArgList("c d", "e", (char *)nullptr);
+    EXPECT_EQ(R"("a\"b" "$x\" "" "c d" "e")", sp.getCmdline());
 }
 
-// A daemon whose threads are busy allocating, logging and reading the environment launches
+// A daemon whose threads are busy allocating, logging and rewriting the environment launches
 // children over and over, on both start paths: no launch may hang, and no child or descriptor
 // may be left (a hang is ended by the test's time limit). TELO_STRESS_LAUNCHES sets the number of
 // launches (default 1000); on a machine too busy (or a build too slow) to finish them in 40 s the
 // run stops there, once every kind of launch has run 16 times.
 void busy(const std::atomic<bool> &stop, int index) {
-    std::mt19937 random(static_cast<unsigned>(index));
     for (long round = 0; !stop; ++round) {
         // One thread only rewrites a variable, so that the C library's environment lock (which
         // nothing resets at a fork) is held most of the time: a child must never need it.
@@ -400,7 +374,7 @@ void busy(const std::atomic<bool> &stop, int index) {
             setenv("TELO_STRESS_TOGGLE", round % 2 == 0 ? "a" : "b", 1);
             continue;
         }
-        std::unique_ptr<char[]> block(new char[16 + random() % 65536]);
+        std::unique_ptr<char[]> block(new char[16 + (round * 7919 + index) % 65536]);
         syslog(LOG_DEBUG, "busy thread %d holds %p", index, block.get());
         if (index == 0 && round % 4096 == 0) testsupport::clearCapturedLines();
         std::this_thread::yield();  // busy, but sharing two cores with the launching thread
