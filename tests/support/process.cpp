@@ -1,6 +1,7 @@
 #include "support/process.h"
 
 #include <dirent.h>
+#include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/mman.h>
@@ -130,9 +131,22 @@ bool limitNewDescriptors(int count) {
     return setrlimit(RLIMIT_NOFILE, &lowered) == 0;
 }
 
-// Without an architecture check: this process makes only its own architecture's calls.
+// The filter first refuses a call made through another architecture's table, where the same
+// number means another call.
+#if defined(__x86_64__)
+constexpr unsigned int kAuditArch = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr unsigned int kAuditArch = AUDIT_ARCH_AARCH64;
+#else
+constexpr unsigned int kAuditArch = 0;  // not known here: no filter
+#endif
+
 bool failSystemCall(long number, int error) {
+    if (kAuditArch == 0) return false;
     struct sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kAuditArch, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(number), 0, 1),
         BPF_STMT(BPF_RET | BPF_K,
