@@ -1,35 +1,37 @@
-// The util library over the real platform, reading the machine's configuration files: a share
-// name from the shares file, an address from a private hosts file, and the error logged when a
-// name resolves to nothing.
+// The util library and the platform over the machine's resolver: from a private hosts file, read
+// by a resolver that reads only files (nothing leaves the machine), the addresses of a name and
+// the error logged when it resolves to nothing.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <syslog.h>
 
-#include <cstdlib>
+#include <set>
 
 #include "support/child.h"
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
+#include "telo/platform.h"
 #include "telobackup/network/network.h"
-#include "telobackup/path/path_util.h"
 
 using namespace testsupport;
 
-TEST(UtilOverPlatform, ShareNameAndAddressLookup) {
+TEST(UtilOverPlatform, AddressLookup) {
     TempDir dir;
-    writeFile(dir.file("shares.conf"), "[photos]\npath=\"/srv/photos\"\n");
-    writeFile(dir.file("hosts"), "127.0.0.1 dual.test\n::1 dual.test\n");
+    writeFile(dir.file("hosts"), "127.0.0.1 dual.test\n::1 dual.test\n127.0.0.1 dual.test\n");
     writeFile(dir.file("nsswitch.conf"), "hosts: files\n");
     EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [&] {
-        setenv("TELO_SHARES_CONF", dir.file("shares.conf").c_str(), 1);
-        setenv("TELO_SMB_CONF", dir.file("no-smb.conf").c_str(), 1);
-        CHILD_CHECK_EQ(std::string("photos"), TELO::Backup::Path::getShareName("/srv/photos/a"));
-        CHILD_CHECK_EQ(std::string(""), TELO::Backup::Path::getShareName("/nowhere/a"));
         if (mount(dir.file("hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0 ||
             mount(dir.file("nsswitch.conf").c_str(), "/etc/nsswitch.conf", nullptr, MS_BIND,
                   nullptr) != 0) {
             return std::string("cannot bind the resolver fixtures");
         }
+        char entries[4][TELO_IP_TEXT_SIZE];
+        CHILD_CHECK_EQ(2, TELONetLookupIP("dual.test", entries, 4, 0));  // the repeated one once
+        CHILD_CHECK((std::set<std::string>{entries[0], entries[1]} ==
+                     std::set<std::string>{"127.0.0.1", "::1"}));
+        CHILD_CHECK_EQ(1, TELONetLookupIP("dual.test", entries, 1, 0));
+        CHILD_CHECK_EQ(-1, TELONetLookupIP("missing.test", entries, 4, 0));
+        CHILD_CHECK_EQ(unsigned(TELO_ERR_LOOKUP), TLIBCErrGet());
         SyslogCapture log;
         CHILD_CHECK_EQ(std::string("127.0.0.1"), TELO::Backup::Net::getIpFromAddr("dual.test"));
         CHILD_CHECK_EQ(-1, TELO::Backup::Net::testIpAndPortConnect("missing.test", 80, 1));

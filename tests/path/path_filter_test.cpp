@@ -1,12 +1,11 @@
-// The path filter: match() result codes, rebase remainders and the decision rules by hand, then
-// match() and filters against a plain reference of the pattern language (POSIX regular
-// expressions), exhaustively over short strings and on blocks of several automaton words. Random
-// long patterns and prefixes are the fuzzer's seeds.
+// The path filter: match() result codes, rebase on inputs too big for the exhaustive loop, the
+// pattern lists and the decision rules by hand, then match(), filters and rebase against plain
+// references (POSIX regular expressions, recursion), exhaustively over short strings. Long
+// patterns (blocks of several automaton words, many stars) and prefixes are the fuzzer's seeds.
 #include "telobackup/path/path_filter.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -29,20 +28,17 @@ Patterns includes(PathFilter &filter, const std::string &prefix) {
 
 }  // namespace
 
-// The language itself is checked against the reference below; here are the result codes, which
-// only match() has, and the rebase remainders.
+// Whether a pattern matches is checked against the reference below; the codes of a miss are
+// match()'s own: -1 the path ran out first (also in a star's trial), -2 a single star would
+// cross "/" (a run of stars goes on past that).
 TEST(PathFilterMatch, ResultCodes) {
     struct {
         const char *pattern, *path;
         int expected;
     } cases[] = {
         // clang-format off
-        {"/a/*", "/a/b/c", 0}, {"/a/**", "/a/b/c", 1}, {"**", "", 1}, {"[ab]", "a", 0},
-        // -1: the path ran out first, also in a star's trial; a lone "\" never matches.
-        {"/a/b", "/a", -1}, {"/a*b", "/a", -1}, {"/a**b", "/a", -1}, {"ab*c", "abxx", -1},
-        {"**b", "a/b/c", -1}, {"/**/*.tmp", "/y.tmp", -1}, {"a\\", "a", -1}, {"a\\", "ab", 0},
-        // -2: a single star would cross "/"; a run of stars goes on past that.
-        {"*b", "a/b", -2}, {"*.tmp", "/x/y.tmp", -2}, {"*a*b", "xa/ab", -2}, {"**a*b", "a/ab", 1},
+        {"/a/*", "/a/b/c", 0}, {"/a/b", "/a", -1}, {"/a*b", "/a", -1}, {"a\\", "a", -1},
+        {"*b", "a/b", -2}, {"*a*b", "xa/ab", -2}, {"**a*b", "a/ab", 1},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -51,34 +47,14 @@ TEST(PathFilterMatch, ResultCodes) {
     }
 }
 
-TEST(PathFilterRebase, Remainders) {
-    struct {
-        const char *pattern, *prefix;
-        int expected;
-        const char *out;  // "-" when unchanged
-    } cases[] = {
-        // clang-format off
-        {"/a/***/b", "/a/x", 1, "/**/b"}, {"/a/b", "/a/b", 1, ""}, {"/a/*", "/a/x", 1, "*"},
-        {"/vol/share/dir/*.txt", "/vol/share/dir", 1, "/*.txt"}, {"/a/*.txt", "/a/x", 1, ".txt"},
-        {"/a/?/c", "/a/x", 1, "/c"}, {"/a\\*/c", "/a*", 1, "/c"}, {"/**", "/a/b/c", 1, "/**"},
-        // Patterns that cannot apply below the prefix.
-        {"/a/*", "/a/x/y", 0, "-"}, {"/b/**", "/a", 0, "-"}, {"/a", "/a/b", 0, "-"},
-        {"/ab", "/a", 0, "-"}, {"/a?", "/a/", 0, "-"}, {"/*/c", "/a/b", -2, "-"},
-        // Single stars: the first place that decides wins, else the star takes the rest.
-        {"/x/*a*b/c", "/x/zazb", 1, "/c"}, {"/x/*a*b/c", "/x/zazbz", 1, "b/c"},
-        {"*a*b*c", "ab", 1, "c"}, {"*a*a*a*a/z", "aaaaaa/z", 1, ""},
-        // Many of them fail in polynomial time (trying every place was exponential).
-        {"*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a/z",
-         "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa/q", -2, "-"},
-        // clang-format on
-    };
-    for (const auto &c : cases) {
-        std::string out = "-";
-        EXPECT_EQ(c.expected, PathFilterPrivate::rebase(c.pattern, c.prefix, out)) << c.pattern;
-        EXPECT_EQ(c.out, out) << c.pattern << " under " << c.prefix;
-    }
-    // Far more single stars than a stack has room for frames, each passed at once.
-    std::string stars, as(200000, 'a'), out;
+// Many single stars: a failure in polynomial time (trying every place was exponential), and far
+// more stars than a stack has room for frames, each passed at once.
+TEST(PathFilterRebase, ManyStars) {
+    std::string out = "-";
+    EXPECT_EQ(-2, PathFilterPrivate::rebase("*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a*a/z",
+                                            std::string(48, 'a').append("/q").c_str(), out));
+    EXPECT_EQ("-", out);
+    std::string stars, as(200000, 'a');
     for (int i = 0; i < 200000; ++i) stars += "*a";
     EXPECT_EQ(1, PathFilterPrivate::rebase((stars + "/z").c_str(), as.c_str(), out));
     EXPECT_EQ("/z", out);
@@ -94,9 +70,6 @@ TEST(PathFilterRebase, GetPatternLists) {
     Patterns out{"x", "y", "z", "w", "v"};
     filter.getIncludePattern(out, "");
     EXPECT_EQ((Patterns{"/vol/share/dir/*.txt", "/other/**", "/vol/**", "/vol/share/dir"}), out);
-    out = {"kept"};
-    filter.getIncludePattern(out, "/other");
-    EXPECT_EQ((Patterns{"kept", "/other/**"}), out);
     // A prefix without "/" fails only once a pattern applies.
     EXPECT_EQ(Patterns{}, includes(filter, "vol"));
     filter.addIncludePattern("**");
@@ -104,14 +77,13 @@ TEST(PathFilterRebase, GetPatternLists) {
     // Each getter reads its own list.
     filter.addPriorIncludePattern("/p/*");
     filter.addExcludePattern("/e/**");
-    out.clear();
+    out = {"kept"};
     filter.getPriorIncludePattern(out, "/p");
     filter.getExcludePattern(out, "/e/f");
-    EXPECT_EQ((Patterns{"/p/*", "/f/**"}), out);
+    EXPECT_EQ((Patterns{"kept", "/p/*", "/f/**"}), out);
 }
 
-// The rules themselves are checked against the reference below; here what clear() keeps and the
-// list adders.
+// The rules themselves are checked below; here what clear() keeps and the list adders.
 TEST(PathFilterRules, PrecedenceClearAndLists) {
     PathFilter filter;
     filter.addExcludePattern("/x/**");
@@ -122,108 +94,69 @@ TEST(PathFilterRules, PrecedenceClearAndLists) {
     EXPECT_FALSE(filter.filterOut("/x/drop"));
     EXPECT_FALSE(filter.filterOutIncludeException("/x/keep/f"));
     EXPECT_TRUE(filter.filterOutIncludeException("/y"));
-    EXPECT_EQ(Patterns{}, includes(filter, ""));
     // The list adders merge in byte order and take the strings.
     filter.addIncludePattern("/m");
     Patterns more{"/a", "/z"};
     EXPECT_TRUE(filter.addIncludePattern(more));
     EXPECT_TRUE(more.empty());
     EXPECT_EQ((Patterns{"/a", "/m", "/z"}), includes(filter, ""));
-    more = {"/e"};
-    filter.addExcludePattern(more);
-    EXPECT_TRUE(filter.filterOut("/e"));
-    // Many more patterns than one word of the candidate table, indexed by their last byte and
-    // added one by one in linear time (it once took half a minute for these).
-    auto start = std::chrono::steady_clock::now();
+    // Many more patterns than one word of the candidate table, indexed by their last byte.
     for (int i = 0; i < 20000; ++i) filter.addExcludePattern("/n/" + std::to_string(i));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    for (const char *in : {"/n/0", "/n/63", "/n/64", "/n/149", "/n/19999"}) {
-        EXPECT_TRUE(filter.filterOut(in)) << in;
-    }
+    for (const char *in : {"/n/0", "/n/64", "/n/19999"}) EXPECT_TRUE(filter.filterOut(in)) << in;
     EXPECT_FALSE(filter.filterOut("/n/20000"));
     // Paths are compared up to their first NUL byte.
-    EXPECT_TRUE(filter.filterOut(std::string("/e\0/x", 5)));
+    EXPECT_TRUE(filter.filterOut(std::string("/n/1\0/x", 7)));
 }
-
-// ---- Against the reference ------------------------------------------------------------------
 
 namespace {
 
-// All strings over `alphabet` of length up to `maxLength`.
+// All strings over `alphabet` of length up to `maxLength`, shortest first.
 std::vector<std::string> allStrings(const std::string &alphabet, size_t maxLength) {
     std::vector<std::string> out{""};
-    for (size_t begin = 0, length = 0; length < maxLength; ++length) {
-        size_t end = out.size();
-        for (size_t i = begin; i < end; ++i) {
-            for (char c : alphabet) out.push_back(out[i] + c);
-        }
-        begin = end;
+    for (size_t i = 0; out[i].size() < maxLength; ++i) {
+        for (char c : alphabet) out.push_back(out[i] + c);
     }
     return out;
 }
 
-// One pattern against many paths: the reference, match(), and a filter that excludes by the
-// pattern (its compiled form and its last-byte candidate table); the number of disagreements.
-int compareAll(const std::string &pattern, const std::vector<std::string> &paths) {
-    GlobReference reference(pattern);
-    PathFilter filter;
-    filter.addExcludePattern(pattern);
-    int failures = 0;
-    for (const std::string &path : paths) {
-        bool expected = reference.matches(path);
-        bool byMatch = PathFilterPrivate::match(pattern.c_str(), path.c_str()) == 1;
-        bool byFilter = filter.filterOut(path);
-        if ((byMatch != expected || byFilter != expected) && ++failures < 5) {
-            ADD_FAILURE() << "\"" << pattern << "\" \"" << path << "\": reference " << expected
-                          << ", match() " << byMatch << ", filter " << byFilter;
-        }
-    }
-    return failures;
-}
-
 }  // namespace
 
-TEST(PathFilterDifferential, EveryShortPatternAndPath) {
+// Every short pattern against every short path: the reference, match(), and a filter that
+// excludes by the pattern (its compiled form and its last-byte candidate table) decide alike,
+// and rebase() under the shorter paths as prefixes gives what plain recursion gives.
+TEST(PathFilterDifferential, EveryShortPatternPathAndPrefix) {
     std::vector<std::string> paths = allStrings("ab/", 6);
-    int failures = 0;
     for (const std::string &pattern : allStrings("ab/*?\\", 5)) {
-        if ((failures += compareAll(pattern, paths)) > 20) break;
-    }
-}
-
-// Blocks the automaton follows (a middle or last block holding "/", a searched piece of "?"),
-// over one, several and more words than fit on the stack: the expansion of the pattern, and the
-// same with a "/" given to a single star, to a "?", and with its last literal changed.
-TEST(PathFilterDifferential, MultiWordBlocks) {
-    for (int pieces : {20, 70, 300}) {
-        std::string block, text;
-        for (int i = 0; i < pieces; ++i) {
-            block += i % 7 == 3 ? "a/*" : "a?b*";
-            text += i % 7 == 3 ? "a/z" : "axbz";
-        }
-        std::string question(static_cast<size_t>(pieces), '?'), xs(question.size(), 'x');
-        const std::pair<std::string, std::string> cases[] = {
-            {"**" + block + "c**", "q/" + text + "c/q"},   // middle block
-            {"**" + block + "c", "q/q" + text + "c"},      // last block, read backwards
-            {"**" + question + "*c**", "q/" + xs + "zc"},  // searched piece
-        };
-        for (const auto &c : cases) {
-            std::string path = c.second, starSlash = path, anySlash = path, lastChanged = path;
-            starSlash.insert(starSlash.rfind('z'), "/");
-            anySlash[anySlash.find('x')] = '/';
-            lastChanged[lastChanged.rfind('c')] = 'd';
-            compareAll(c.first, {path, starSlash, anySlash, lastChanged});
+        GlobReference reference(pattern);
+        PathFilter filter;
+        filter.addExcludePattern(pattern);
+        for (const std::string &path : paths) {
+            bool expected = reference.matches(path);
+            ASSERT_EQ(expected, PathFilterPrivate::match(pattern.c_str(), path.c_str()) == 1)
+                << "match() \"" << pattern << "\" \"" << path << "\"";
+            ASSERT_EQ(expected, filter.filterOut(path))
+                << "filter \"" << pattern << "\" \"" << path << "\"";
+            if (path.size() > 4) continue;
+            std::string got = "-", want = "-";
+            int result = PathFilterPrivate::rebase(pattern.c_str(), path.c_str(), got);
+            ASSERT_EQ(testsupport::rebaseReference(pattern.c_str(), path.c_str(), want), result)
+                << "\"" << pattern << "\" under \"" << path << "\"";
+            ASSERT_EQ(want, got) << "\"" << pattern << "\" under \"" << path << "\"";
         }
     }
 }
 
-// Both rules over every combination of prior include, include and exclude hits, and rule 2 with
-// an empty include list.
+// Both rules over every combination of prior include, include and exclude hits, decided through
+// const by a filter that was moved and assigned over: the rules travel with it and the
+// overwritten ones are gone. Rule 2 with an empty include list.
 TEST(PathFilterRules, EveryCombinationOfHits) {
-    PathFilter filter;
-    filter.addPriorIncludePattern("/*p*");
-    filter.addIncludePattern("/*i*");
-    filter.addExcludePattern("/*e*");
+    PathFilter moved, assigned;
+    moved.addPriorIncludePattern("/*p*");
+    moved.addIncludePattern("/*i*");
+    moved.addExcludePattern("/*e*");
+    assigned.addExcludePattern("/x");
+    assigned = std::move(moved);
+    const PathFilter &filter = assigned;
     for (int hits = 0; hits < 8; ++hits) {
         bool prior = hits & 1, include = hits & 2, exclude = hits & 4;
         std::string path = std::string("/") + (prior ? "p" : "") + (include ? "i" : "") +
@@ -235,46 +168,4 @@ TEST(PathFilterRules, EveryCombinationOfHits) {
     noIncludes.addExcludePattern("/e");
     EXPECT_TRUE(noIncludes.filterOutIncludeException("/x"));
     EXPECT_FALSE(noIncludes.filterOut("/x"));
-}
-
-// rebase against plain recursion over every place: every short pattern under every short
-// prefix.
-TEST(PathFilterDifferential, RebaseRemainders) {
-    int failures = 0;
-    auto compare = [&](const std::string &pattern, const std::string &prefix) {
-        std::string got = "-", expected = "-";
-        int result = PathFilterPrivate::rebase(pattern.c_str(), prefix.c_str(), got);
-        int reference = testsupport::rebaseReference(pattern.c_str(), prefix.c_str(), expected);
-        if ((result != reference || got != expected) && ++failures < 5) {
-            ADD_FAILURE() << "\"" << pattern << "\" under \"" << prefix << "\": " << result << " \""
-                          << got << "\", reference " << reference << " \"" << expected << "\"";
-        }
-    };
-    std::vector<std::string> prefixes = allStrings("ab/", 4);
-    for (const std::string &pattern : allStrings("ab/*?\\", 5)) {
-        for (const std::string &prefix : prefixes) compare(pattern, prefix);
-        if (failures > 20) return;
-    }
-}
-
-// A filter built by a function and returned, moved on and assigned over: the rules travel with
-// it, and a const filter can decide.
-TEST(PathFilterRules, MovedAndDecidedThroughConst) {
-    auto build = [] {
-        PathFilter filter;
-        filter.addExcludePattern("/x/**");
-        filter.addPriorIncludePattern("/x/keep");
-        return filter;
-    };
-    PathFilter moved(build());
-    const PathFilter &decider = moved;
-    EXPECT_TRUE(decider.filterOut("/x/a"));
-    EXPECT_FALSE(decider.filterOut("/x/keep"));
-    PathFilter other;
-    other.addExcludePattern("/y");
-    other = std::move(moved);
-    EXPECT_TRUE(other.filterOut("/x/a"));
-    EXPECT_FALSE(other.filterOut("/y"));
-    moved = build();  // a moved-from filter can be assigned to again
-    EXPECT_TRUE(moved.filterOut("/x/b"));
 }

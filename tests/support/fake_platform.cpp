@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 
 namespace fakeplatform {
 
@@ -35,14 +34,19 @@ std::map<std::string, FunctionState> &states() {
     return *map;
 }
 
+// Records `code` as the failure of the fake at `line` and returns `result`.
+template <typename T>
+T failWith(unsigned int code, int line, T result) {
+    lastError = {code, kFakeFile, line};
+    return result;
+}
+
 // Counts the call; when the function is switched to fail, records the error triple and
 // returns true.
 bool enter(const char *name, int line) {
     FunctionState &s = states()[name];
     ++s.calls;
-    if (!s.fail) return false;
-    lastError = {s.errorCode, kFakeFile, line};
-    return true;
+    return s.fail ? failWith(s.errorCode, line, true) : false;
 }
 
 }  // namespace
@@ -70,6 +74,7 @@ void reset() {
 }  // namespace fakeplatform
 
 using fakeplatform::enter;
+using fakeplatform::failWith;
 using fakeplatform::outcomes;
 
 extern "C" {
@@ -128,15 +133,10 @@ int TLIBCCryptSzDecrypt(const char *cipher, char *out, size_t outSize) {
         out[i] = static_cast<char>(byte ^ 0x5A);
         if (i + 1 == length / 2 && length % 2 == 0) return (out[i + 1] = '\0', 1);
     }
-    fakeplatform::lastError = {TELO_ERR_CRYPTO, fakeplatform::kFakeFile, __LINE__};
-    return 0;
+    return failWith(TELO_ERR_CRYPTO, __LINE__, 0);
 }
 
-}  // extern "C"
-
 // ---- Volumes ----------------------------------------------------------------------------------
-
-extern "C" {
 
 int TELOVolumeSupportLocGet(void) {
     if (enter("TELOVolumeSupportLocGet", __LINE__)) return 0;
@@ -145,21 +145,18 @@ int TELOVolumeSupportLocGet(void) {
 
 TELOVOLInfo *TELOMountVolAllEnum(int, int, int) {
     if (enter("TELOMountVolAllEnum", __LINE__)) return nullptr;
-    if (outcomes().volumes.empty()) {
-        fakeplatform::lastError = {TELO_ERR_NOT_FOUND, fakeplatform::kFakeFile, __LINE__};
-        return nullptr;
-    }
-    TELOVOLInfo *head = nullptr;
-    TELOVOLInfo **tail = &head;
-    for (const fakeplatform::Volume &volume : outcomes().volumes) {
+    const std::vector<fakeplatform::Volume> &volumes = outcomes().volumes;
+    if (volumes.empty()) return failWith<TELOVOLInfo *>(TELO_ERR_NOT_FOUND, __LINE__, nullptr);
+    TELOVOLInfo *head = nullptr;  // built from the last volume back, so it lists them in order
+    for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume) {
         auto *record = static_cast<TELOVOLInfo *>(calloc(1, sizeof(TELOVOLInfo)));
-        snprintf(record->volPath, sizeof(record->volPath), "%s", volume.path.c_str());
-        record->fsType = volume.fsType;
-        record->freeBytes = volume.freeBytes;
-        record->mounted = volume.mounted;
-        record->usable = volume.usable;
-        *tail = record;
-        tail = &record->next;
+        snprintf(record->volPath, sizeof(record->volPath), "%s", volume->path.c_str());
+        record->fsType = volume->fsType;
+        record->freeBytes = volume->freeBytes;
+        record->mounted = volume->mounted;
+        record->usable = volume->usable;
+        record->next = head;
+        head = record;
     }
     return head;
 }
@@ -167,10 +164,7 @@ TELOVOLInfo *TELOMountVolAllEnum(int, int, int) {
 int TELOMountVolInfoGet(const char *path, TELOVOLInfo *info) {
     if (enter("TELOMountVolInfoGet", __LINE__)) return -1;
     auto it = outcomes().volumeOfPath.find(path);
-    if (it == outcomes().volumeOfPath.end()) {
-        fakeplatform::lastError = {TELO_ERR_NOT_FOUND, fakeplatform::kFakeFile, __LINE__};
-        return -1;
-    }
+    if (it == outcomes().volumeOfPath.end()) return failWith(TELO_ERR_NOT_FOUND, __LINE__, -1);
     snprintf(info->volPath, sizeof(info->volPath), "%s", it->second.c_str());
     info->mounted = 1;
     info->usable = 1;
@@ -190,9 +184,8 @@ void TELOMountVolInfoFree(TELOVOLInfo *list) {
 int TELOShareTmpPathGet(const char *volPath, char *buf, int size) {
     if (enter("TELOShareTmpPathGet", __LINE__)) return -1;
     auto it = outcomes().shareTmpPaths.find(volPath);
-    std::string path = it != outcomes().shareTmpPaths.end()
-                           ? it->second
-                           : std::string(volPath) + "/.telobackup-tmp";
+    bool chosen = it != outcomes().shareTmpPaths.end();
+    std::string path = chosen ? it->second : std::string(volPath) + "/.telobackup-tmp";
     snprintf(buf, static_cast<size_t>(size), "%s", path.c_str());
     return 0;
 }
@@ -212,10 +205,7 @@ int TELOShareNamePathGet(const char *, char *name, int nameSize, char *sharePath
 int TELONetLookupIP(const char *, char (*entries)[TELO_IP_TEXT_SIZE], int capacity, int) {
     if (enter("TELONetLookupIP", __LINE__)) return -1;
     const std::vector<std::string> &found = outcomes().lookupAddresses;
-    if (found.empty()) {
-        fakeplatform::lastError = {TELO_ERR_LOOKUP, fakeplatform::kFakeFile, __LINE__};
-        return -1;
-    }
+    if (found.empty()) return failWith(TELO_ERR_LOOKUP, __LINE__, -1);
     int count = 0;
     for (; count < capacity && count < static_cast<int>(found.size()); ++count) {
         snprintf(entries[count], TELO_IP_TEXT_SIZE, "%s", found[count].c_str());
@@ -242,11 +232,9 @@ int BlTLIBIsv6IpAddrValid(const char *addr) {
 
 // A real fork unless switched to fail, which fails as an exhausted process table would.
 pid_t TLIBCProcFork(void) {
-    if (enter("TLIBCProcFork", __LINE__)) {
-        errno = EAGAIN;
-        return -1;
-    }
-    return fork();
+    if (!enter("TLIBCProcFork", __LINE__)) return fork();
+    errno = EAGAIN;
+    return -1;
 }
 
 }  // extern "C"

@@ -63,33 +63,26 @@ int starReference(const char *pattern, const char *prefix, std::string &out) {
 }  // namespace
 
 int rebaseReference(const char *pattern, const char *prefix, std::string &out) {
-    if (*pattern == '\0') {
-        if (*prefix != '\0') return 0;
-        out.clear();
-        return 1;
-    }
-    while (*prefix != '\0') {
-        char p = *pattern;
-        if (p == '*') return starReference(pattern, prefix, out);
-        if (p == '?') {
-            if (*prefix == '/') return 0;
-        } else {
-            if (p == '\\') p = *++pattern;
-            if (p != *prefix) return 0;
-        }
-        ++pattern;
-        ++prefix;
+    for (;; ++pattern, ++prefix) {
         if (*pattern == '\0') {
             if (*prefix != '\0') return 0;
             out.clear();
             return 1;
         }
+        if (*pattern == '*') return starReference(pattern, prefix, out);
+        if (*prefix == '\0') {
+            // The prefix ends at a directory boundary of the pattern, or nothing applies below it.
+            if (*pattern != '/') return 0;
+            out = pattern;
+            return 1;
+        }
+        if (*pattern == '?') {
+            if (*prefix == '/') return 0;
+        } else {
+            if (*pattern == '\\') ++pattern;
+            if (*pattern != *prefix) return 0;
+        }
     }
-    if (*pattern == '/') {
-        out = pattern;
-        return 1;
-    }
-    return *pattern == '*' ? starReference(pattern, prefix, out) : 0;
 }
 
 }  // namespace testsupport
