@@ -147,7 +147,8 @@ TEST_P(Launch, ExitStatusesAndTheChildsLines) {
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(c.status << 8, status);
         bool execs = c.errors.empty() || c.failure.step == Step::kExec;
-        EXPECT_EQ(childLines("pid", execs ? c.command : Lines{}, c.errors), launcherLines(log, pid));
+        EXPECT_EQ(childLines("pid", execs ? c.command : Lines{}, c.errors),
+                  launcherLines(log, pid));
         EXPECT_EQ(std::make_tuple(c.failure.step, c.failure.error, c.failure.stream),
                   std::make_tuple(failure.step, failure.error, failure.stream));
         // The caller's thread keeps the last error line it wrote for the child.
