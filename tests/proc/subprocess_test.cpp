@@ -283,8 +283,6 @@ TEST_P(Launch, PipeConversations) {
         int status = SubProcess::callPipeClose(pipe, pid);
         EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
         if (status == -1) {
-            EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/subprocess:<line> waitpid [" +
-                                             std::to_string(pid) + "] return [0]"));
             ASSERT_EQ(pid, waitpid(pid, &status, 0));
         }
         EXPECT_EQ(SIGTERM, status);
@@ -318,9 +316,8 @@ TEST(SubProcessDescription, CommandLine) {
 
 // A daemon whose threads are busy allocating, logging and rewriting the environment launches
 // children over and over, on both start paths: no launch may hang, and no child or descriptor
-// may be left (a hang is ended by the test's time limit). TELO_STRESS_LAUNCHES sets the number of
-// launches (default 1000); on a machine too busy (or a build too slow) to finish them in 40 s the
-// run stops there, once every kind of launch has run 16 times.
+// may be left (a hang is ended by the test's time limit). On a machine too busy (or a build too
+// slow) to finish 1000 launches in 40 s the run stops there, once every kind has run 16 times.
 void busy(const std::atomic<bool> &stop, int index) {
     for (long round = 0; !stop; ++round) {
         // One thread only rewrites a variable, so that the C library's environment lock (which
@@ -349,15 +346,13 @@ bool launchOnce(int i) {
 }
 
 TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
-    const char *count = getenv("TELO_STRESS_LAUNCHES");
-    const int launches = count != nullptr && atoi(count) > 0 ? atoi(count) : 1000;
     const std::set<int> fdsBefore = testsupport::openFds();
     setenv("TELO_STRESS_TOGGLE", "a", 1);  // only replaced from now on, never added
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) threads.emplace_back(busy, std::cref(stop), i);
     int failures = 0, done = 0;
-    for (auto start = Clock::now(); done < launches; ++done) {
+    for (auto start = Clock::now(); done < 1000; ++done) {
         if (done >= 8 * 8 && Clock::now() - start > std::chrono::seconds(40)) break;
         failures += launchOnce(done) ? 0 : 1;
     }
