@@ -12,7 +12,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "support/process.h"
@@ -21,15 +20,6 @@ namespace {
 
 int codeIn(const std::vector<std::string> &args) {
     return args.empty() ? 0 : std::stoi(args[0]);
-}
-
-// The line of /proc/<pid>/status that starts with `key`, tab and all.
-std::string statusLine(const std::string &pid, const std::string &key) {
-    std::ifstream status("/proc/" + pid + "/status");
-    std::string line;
-    while (std::getline(status, line) && line.compare(0, key.size(), key) != 0) {
-    }
-    return line;
 }
 
 }  // namespace
@@ -56,7 +46,9 @@ TELO_TEST_HELPER(describe) {
     }
     for (char **e = environ; *e != nullptr; ++e) out << "env " << *e << "\n";
     out << "pid " << getpid() << "\nsid " << getsid(0) << "\n";
-    for (const char *key : {"SigBlk:", "SigIgn:"}) out << statusLine("self", key) << "\n";
+    for (const char *key : {"SigBlk:", "SigIgn:"}) {
+        out << key << " " << testsupport::procStatus(getpid(), key) << "\n";
+    }
     std::string text = out.str();
     int fd = args[0].compare(0, 3, "fd:") == 0
                  ? std::stoi(args[0].substr(3))
@@ -81,7 +73,7 @@ TELO_TEST_HELPER(signal_parent) {
     // The parent's handler comes a moment after this program starts, and a signal arriving just
     // before the parent waits is not forwarded: keep asking.
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        std::string caught = statusLine(std::to_string(getppid()), "SigCgt:").substr(7);
+        std::string caught = testsupport::procStatus(getppid(), "SigCgt:");
         if ((std::stoull(caught, nullptr, 16) >> (sig - 1)) & 1) kill(getppid(), sig);
         struct timespec pause = {0, 20 * 1000 * 1000};
         if (sigtimedwait(&set, nullptr, &pause) == sig) return std::stoi(args[1]);

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 
 #include "support/child.h"
 #include "support/fake_platform.h"
@@ -41,14 +40,6 @@ TEST(Exec, ResultsAndForkFailure) {
     fakeplatform::reset();
     SyslogCapture log;
     EXPECT_EQ(3, execHelper("exit", {"3"}));
-    // A path that cannot be run makes the child abort: a signal death.
-    EXPECT_CHILD_OK([] {
-        struct rlimit noCore = {0, 0};
-        setrlimit(RLIMIT_CORE, &noCore);
-        char path[] = "/nonexistent";
-        char *argv[] = {path, nullptr};
-        CHILD_CHECK_EQ(-1, UtilExec().Execv(path, argv, nullptr));
-    });
     fakeplatform::setFail("TLIBCProcFork");
     EXPECT_EQ(-1, execHelper("exit", {"0"}));
     EXPECT_EQ(2, fakeplatform::calls("TLIBCProcFork"));

@@ -9,9 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-
 #include "support/child.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 
 using TELO::Backup::Process;
@@ -42,13 +41,7 @@ class NamedChild {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    std::string status(const std::string &key) const {
-        std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-        for (std::string line; std::getline(in, line);) {
-            if (line.compare(0, key.size(), key) == 0) return line.substr(key.size() + 1);
-        }
-        return "?";
-    }
+    std::string status(const std::string &key) const { return procStatus(pid, key); }
     bool termPending() const {
         return ((std::stoull(status("ShdPnd:"), nullptr, 16) >> (SIGTERM - 1)) & 1) != 0;
     }

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 
 namespace testsupport {
@@ -101,6 +102,14 @@ CommandResult runCommand(const std::vector<std::string> &argv, const std::string
 std::string programPath(const std::string &name) {
     for (const char *dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
         if (access((dir + name).c_str(), X_OK) == 0) return dir + name;
+    }
+    return "";
+}
+
+std::string procStatus(pid_t pid, const std::string &key) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, key.size(), key) == 0) return line.substr(key.size() + 1);
     }
     return "";
 }

@@ -38,6 +38,9 @@ CommandResult runCommand(const std::vector<std::string> &argv, const std::string
 // The absolute path of the installed program `name` (/usr/bin, /bin, /usr/sbin, /sbin), or "".
 std::string programPath(const std::string &name);
 
+// The value of `key` ("SigBlk:" and the like) in /proc/`pid`/status, or "" when it is not there.
+std::string procStatus(pid_t pid, const std::string &key);
+
 // The descriptors open in this process.
 std::set<int> openFds();
 // Lowers this process's descriptor limit so that only `count` more descriptors can be opened
