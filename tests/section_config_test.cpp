@@ -130,8 +130,9 @@ TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
-// Names that would not read back as written and absent sections without `create` are refused before anything is touched; odd content elsewhere (a 10 MB line, invalid UTF-8, a
-// NUL byte) survives rewrites of other sections.
+// Names that would not read back as written and absent sections without `create` are refused
+// before anything is touched; odd content elsewhere (a 10 MB line, invalid UTF-8) survives
+// rewrites of other sections.
 TEST_F(SectionConfigFile, BadInputNeverCostsData) {
     std::string big = "big=\"" + std::string(10 << 20, 'x') + "\"\n";
     std::string content = "[keep]\n" + big + "\xff\xfe=1\n[a]\nv=1\n";
