@@ -200,6 +200,26 @@ TEST(IpcTree, ReplacedTreeStillLocksTheNamedFile) {
         makeDir("/tmp/telobackup", 0755);
         makeDir("/tmp/telobackup/lock", 0770);
         close(openNamedLockFile());
+        CHILD_CHECK(chmod("/tmp/telobackup/lock", 0777) == 0);
+        close(openNamedLockFile());
+        CHILD_CHECK_EQ(0770, fileMode("/tmp/telobackup/lock"));
+        // Closed behind the library's back, and the number taken by another file.
+        CHILD_CHECK(close(*held.begin()) == 0);
+        UniqueFd taken(open("/tmp/telobackup/taken", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        CHILD_CHECK_EQ(*held.begin(), taken.get());
+        close(openNamedLockFile());
+        CHILD_CHECK(write(taken.get(), "x", 1) == 1);
+
+        if (!canChangeOwner()) return;
+        CHILD_CHECK(removeAll("/tmp/telobackup"));
+        Attacker attacker({[] {
+            return mkdir("/tmp/telobackup", 0755) == 0 && mkdir("/tmp/telobackup/lock", 0770) == 0;
+        }});
+        CHILD_CHECK(attacker.perform(0));
+        errno = 0;
+        CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
+        CHILD_CHECK_EQ(EPERM, errno);
+        CHILD_CHECK(listDir("/tmp/telobackup/lock").empty());
     });
 }
 
