@@ -85,8 +85,6 @@ TEST(NetProbe, ConnectResults) {
         expectFailure(-1, EINVAL, Net::testIpAndPortConnect(c.host, c.port, c.timeout));
     }
     EXPECT_EQ(4, log.count(LOG_ERR, "network/network:<line> bad parameter")) << log.dump();
-    // The empty name has no address, and getaddrinfo knows without asking anyone.
-    expectFailure(-1, ENOENT, Net::testIpAndPortConnect("", 80, 5));
 
     UniqueFd open = tcpSocket("127.0.0.1", 0, 8), closed = tcpSocket("127.0.0.1", 0, -1);
     SilentListener silent;
@@ -137,9 +135,6 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
     fakeplatform::outcomes().lookupAddresses = {"::1", "127.0.0.1", "127.0.0.2"};
     EXPECT_EQ(0, Net::getAvailableIp("both.test", portOf(open), 5, ip));
     EXPECT_EQ("127.0.0.2", ip);
-    fakeplatform::outcomes().lookupAddresses = {"127.0.0.1"};
-    EXPECT_EQ(-1, Net::getAvailableIp("one.test", portOf(open), 5, ip));
-    EXPECT_EQ(ECONNREFUSED, errno);
 
     // A silent first address: the second is tried only while the budget lasts.
     SilentListener silent;
@@ -163,7 +158,6 @@ TEST(NetProbe, ResolvedAddressesIpv4FirstWithinTheBudget) {
 // for each try to reject.
 TEST(NetProbe, BudgetArithmetic) {
     using TELO::Backup::internal::probeBudget;
-    EXPECT_EQ(15, probeBudget(30, -1, 3).perTry);
     EXPECT_EQ(45, probeBudget(30, -1, 3).overall);
     EXPECT_EQ(15, probeBudget(31, -1, 2).perTry);
     EXPECT_EQ(60, probeBudget(60, -1, 1).perTry);
