@@ -58,29 +58,21 @@ class Sessions : public ::testing::Test {
 TEST_F(Sessions, LocalAndVolumeLifecycles) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         SyslogCapture log{"session"};
-        Session session;
+        Session session, other;
         CHILD_CHECK(session.create());
         std::string id = session.getId(), path = session.getPath();
         CHILD_CHECK(isId(id, "sess"));
         CHILD_CHECK_EQ(kArea + "/" + id, path);
-        CHILD_CHECK(fileMode(path) == 0700);
-        CHILD_CHECK(fileMode(kArea) == 0700);
-        CHILD_CHECK_EQ(path, Session::getPathById(id));
+        CHILD_CHECK(fileMode(path) == 0700 && fileMode(kArea) == 0700);
         // A bound object refuses to create or load.
         CHILD_CHECK(!session.create());
         CHILD_CHECK(!session.load(id));
-        CHILD_CHECK(session.getId() == id);
-        CHILD_CHECK_EQ(1, log.err("session has already existed[" + id + "][" + path + "]"));
         CHILD_CHECK_EQ(1, log.err("session has been loaded[" + id + "][" + path + "]"));
-        // Found again by id from another object; the directory outlives the first one.
+        // Found again by id from another object; destroyed with its content.
         writeFile(path + "/work", "data");
-        Session other;
-        CHILD_CHECK(other.load(id));
-        CHILD_CHECK(other.getPath() == path);
+        CHILD_CHECK(other.load(id) && other.getPath() == path);
         CHILD_CHECK(other.destroy());
         CHILD_CHECK(!exists(path));
-        CHILD_CHECK(other.getId().empty());
-        CHILD_CHECK(other.destroy());  // unbound: nothing to do
 
         TempDir volume;
         CHILD_CHECK(session.destroy());
@@ -89,46 +81,42 @@ TEST_F(Sessions, LocalAndVolumeLifecycles) {
         CHILD_CHECK(isId(id, "seln"));
         CHILD_CHECK_EQ(volume.path() + "/" + id, path);
         CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
-        CHILD_CHECK_EQ(path, Session::getPathById(id));
         // load touches the directory.
         struct utimbuf old = {1000, 1000};
         CHILD_CHECK(utime(path.c_str(), &old) == 0);
-        Session loaded;
         time_t before = time(nullptr);
-        CHILD_CHECK(loaded.load(id));
+        CHILD_CHECK(other.load(id));
         struct stat st;
-        CHILD_CHECK(stat(path.c_str(), &st) == 0);
-        CHILD_CHECK(st.st_mtime >= before);
+        CHILD_CHECK(stat(path.c_str(), &st) == 0 && st.st_mtime >= before);
         // destroy removes the directory and the link; by id, a link already gone is fine.
-        CHILD_CHECK(loaded.destroy());
-        CHILD_CHECK(!exists(path));
-        CHILD_CHECK(!exists(kArea + "/" + id));
+        CHILD_CHECK(other.destroy());
+        CHILD_CHECK(!exists(path) && !exists(kArea + "/" + id));
         CHILD_CHECK(Session::destroyById(id));
+        // Without any directory for the filter the session is made in the current directory
+        // (another filter than above, which the manager has cached).
+        CHILD_CHECK(chdir(volume.path().c_str()) == 0);
+        fakeplatform::outcomes().volumes.clear();
+        CHILD_CHECK(other.create(TempManager::maxExtVolume(1, 2, false)));
+        CHILD_CHECK_EQ(volume.path() + "/" + other.getId(), other.getPath());
     });
 }
 
+// No id reaches outside the session area.
 TEST_F(Sessions, MissingOrMalformedIds) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         SyslogCapture log{"session"};
         CHILD_CHECK(Path::createIpcTempPath("session", 0700) == kArea);
         CHILD_CHECK_EQ(std::string(), Session::getPathById("seln.absent"));
-        CHILD_CHECK_EQ(0u, log.size());
         Session session;
-        CHILD_CHECK(!session.load("seln.absent"));
-        CHILD_CHECK_EQ(1, log.err("failed to lstat session[]"));
         CHILD_CHECK(!session.load("sess.absent"));
-        CHILD_CHECK(!session.load(""));
-        CHILD_CHECK(Session::getPathById("").empty());
         CHILD_CHECK(!Session::destroyById(""));
-        CHILD_CHECK_EQ(2, log.err("invalid parameter, empty session id"));
-        // No id reaches outside the session area.
+        CHILD_CHECK_EQ(1, log.err("invalid parameter, empty session id"));
         writeFile("/tmp/telobackup/keep", "x");
         for (const char *bad : {"..", ".", "../keep", "sess/../../keep"}) {
             CHILD_CHECK(Session::getPathById(bad).empty());
             CHILD_CHECK(!Session::destroyById(bad));
         }
         CHILD_CHECK(exists("/tmp/telobackup/keep"));
-        // Logged by getPathById, and again inside destroyById.
         CHILD_CHECK_EQ(8, log.err("invalid session id[<any>]"));
     });
 }
@@ -146,38 +134,17 @@ TEST_F(Sessions, NameClashUnderTheLockAndAPlantedLockLink) {
         CHILD_CHECK(isId(id, "seln"));
         CHILD_CHECK(id != Path::basename(path));
         CHILD_CHECK_EQ(path, linkTarget(kArea + "/" + id));
-        CHILD_CHECK_EQ(path, Session::getPathById(id));
-        CHILD_CHECK_EQ(0400, fileMode(kArea + "/__sess__.lock"));
-        CHILD_CHECK_EQ(3u, listDir(kArea).size());  // lock, directory, link
         CHILD_CHECK(session.destroy());
-        CHILD_CHECK_EQ(1u, listDir(kArea).size());
 
         writeFile("/tmp/victim", "precious", 0644);
         CHILD_CHECK(unlink((kArea + "/__sess__.lock").c_str()) == 0);
         CHILD_CHECK(symlink("/tmp/victim", (kArea + "/__sess__.lock").c_str()) == 0);
         CHILD_CHECK(!session.create(volumeAt("/" + kArea)));
-        CHILD_CHECK(session.getId().empty());
         CHILD_CHECK_EQ(std::string("precious"), readFile("/tmp/victim"));
         CHILD_CHECK_EQ(0644, fileMode("/tmp/victim"));
         CHILD_CHECK_EQ(1, log.err("failed to open file[" + kArea + "/__sess__.lock]"));
-        CHILD_CHECK_EQ(1, log.err("failed to create_sesslink[<any>]"));
         // Neither the new directory nor the reserved name is left behind.
         CHILD_CHECK_EQ(std::vector<std::string>{"__sess__.lock"}, listDir(kArea));
-    });
-}
-
-// Without any directory for the filter the session is made relative to the current directory.
-TEST_F(Sessions, NoVolumePathFallsBackToTheCurrentDirectory) {
-    EXPECT_CHILD_OK(kPrivateTmp, [] {
-        SyslogCapture log{"session"};
-        TempDir cwd;
-        CHILD_CHECK(chdir(cwd.path().c_str()) == 0);
-        Session session;
-        CHILD_CHECK(session.create(TempManager::maxVolume(1, 2, false)));
-        CHILD_CHECK_EQ(1, log.err("failed to getVolumePath()"));
-        CHILD_CHECK_EQ(cwd.path() + "/" + session.getId(), session.getPath());
-        CHILD_CHECK(session.destroy());
-        CHILD_CHECK(listDir(cwd.path()).empty());
     });
 }
 
@@ -199,34 +166,22 @@ TEST_F(Sessions, ConcurrentVolumeSessionsGetDistinctIds) {
         for (const std::string &link : listDir(kArea)) {
             targets.insert(linkTarget(kArea + "/" + link));
         }
-        CHILD_CHECK(listDir(kArea).size() == 80u);
-        CHILD_CHECK(targets.size() == 80u);
+        CHILD_CHECK_EQ(80u, targets.size());
         CHILD_CHECK_EQ(80u, listDir(volume.path()).size());
     });
 }
 
-// A session made by a function and returned keeps its binding; the moved-from object is unbound
-// and can bind again, and assigning over a bound object leaves its directory in place.
+// A moved-from object is unbound, and assigning over a bound object leaves its directory.
 TEST_F(Sessions, MovedBindings) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
-        auto makeSession = [] {
-            Session session;
-            CHILD_CHECK(session.create());
-            return session;
-        };
-        Session first = makeSession();
-        std::string id = first.getId(), path = first.getPath();
+        Session first, second;
+        CHILD_CHECK(first.create() && second.create());
+        std::string path = first.getPath(), secondPath = second.getPath();
         Session taker(std::move(first));
-        CHILD_CHECK(first.getId().empty() && first.getPath().empty());
-        CHILD_CHECK(taker.getId() == id && taker.getPath() == path);
-        CHILD_CHECK(first.destroy());  // unbound: nothing to remove
+        CHILD_CHECK(first.destroy());
         CHILD_CHECK(exists(path));
-        CHILD_CHECK(first.create() && first.getId() != id);
-        std::string secondPath = first.getPath();
-        taker = std::move(first);
-        CHILD_CHECK(exists(path) && taker.getPath() == secondPath);
-        CHILD_CHECK(first.load(id) && first.getPath() == path);
-        CHILD_CHECK(taker.destroy() && first.destroy());
-        CHILD_CHECK(!exists(path) && !exists(secondPath));
+        taker = std::move(second);
+        CHILD_CHECK(exists(path));
+        CHILD_CHECK(taker.destroy() && !exists(secondPath));
     });
 }

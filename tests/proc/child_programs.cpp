@@ -2,9 +2,10 @@
 //   exit CODE               exits with CODE
 //   cat [CODE]              copies stdin to stdout until end of file, then exits with CODE
 //   describe DEST           reports on itself to DEST (a path, appended, or "fd:N"), one fact a
-//                           line: "fd N TARGET", "env NAME=VALUE", "pid N", "sid N" and its
-//                           "SigBlk:"/"SigIgn:" lines of /proc/self/status
-//   ignore_eof              reads stdin to end of file, then waits to be killed
+//                           line: "fd N TARGET", "env NAME=VALUE", "pid N", "sid N", and its
+//                           blocked and ignored signal masks as "SigBlk: HEX", "SigIgn: HEX"
+//   ignore_eof [deaf]       reads stdin to end of file, then waits to be killed; "deaf" ignores
+//                           SIGTERM too
 //   signal_parent SIG CODE  sends SIG ("TERM" or "INT") to its parent, once the parent catches
 //                           it, until SIG comes back; then exits with CODE
 #include <fcntl.h>
@@ -16,17 +17,33 @@
 
 #include "support/process.h"
 
-TELO_TEST_HELPER(exit) {
+namespace {
+
+int codeIn(const std::vector<std::string> &args) {
     return args.empty() ? 0 : std::stoi(args[0]);
+}
+
+// The line of /proc/<pid>/status that starts with `key`, tab and all.
+std::string statusLine(const std::string &pid, const std::string &key) {
+    std::ifstream status("/proc/" + pid + "/status");
+    std::string line;
+    while (std::getline(status, line) && line.compare(0, key.size(), key) != 0) {
+    }
+    return line;
+}
+
+}  // namespace
+
+TELO_TEST_HELPER(exit) {
+    return codeIn(args);
 }
 
 TELO_TEST_HELPER(cat) {
     char buffer[4096];
-    ssize_t n;
-    while ((n = read(0, buffer, sizeof(buffer))) > 0) {
+    for (ssize_t n; (n = read(0, buffer, sizeof(buffer))) > 0;) {
         if (write(1, buffer, static_cast<size_t>(n)) != n) return 3;
     }
-    return args.empty() ? 0 : std::stoi(args[0]);
+    return codeIn(args);
 }
 
 TELO_TEST_HELPER(describe) {
@@ -39,12 +56,7 @@ TELO_TEST_HELPER(describe) {
     }
     for (char **e = environ; *e != nullptr; ++e) out << "env " << *e << "\n";
     out << "pid " << getpid() << "\nsid " << getsid(0) << "\n";
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 7, "SigBlk:") == 0 || line.compare(0, 7, "SigIgn:") == 0) {
-            out << line.replace(7, 1, " ") << "\n";
-        }
-    }
+    for (const char *key : {"SigBlk:", "SigIgn:"}) out << statusLine("self", key) << "\n";
     std::string text = out.str();
     int fd = args[0].compare(0, 3, "fd:") == 0
                  ? std::stoi(args[0].substr(3))
@@ -53,21 +65,11 @@ TELO_TEST_HELPER(describe) {
 }
 
 TELO_TEST_HELPER(ignore_eof) {
+    if (!args.empty()) signal(SIGTERM, SIG_IGN);
     char buffer[256];
     while (read(0, buffer, sizeof(buffer)) > 0) {
     }
     for (;;) pause();
-    (void)args;
-}
-
-// Whether process `pid` has a handler for `sig` (its SigCgt mask).
-static bool catches(int pid, int sig) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 7, "SigCgt:") == 0)
-            return (std::stoull(line.substr(7), nullptr, 16) >> (sig - 1)) & 1;
-    }
-    return false;
 }
 
 TELO_TEST_HELPER(signal_parent) {
@@ -79,7 +81,8 @@ TELO_TEST_HELPER(signal_parent) {
     // The parent's handler comes a moment after this program starts, and a signal arriving just
     // before the parent waits is not forwarded: keep asking.
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        if (catches(getppid(), sig)) kill(getppid(), sig);
+        std::string caught = statusLine(std::to_string(getppid()), "SigCgt:").substr(7);
+        if ((std::stoull(caught, nullptr, 16) >> (sig - 1)) & 1) kill(getppid(), sig);
         struct timespec pause = {0, 20 * 1000 * 1000};
         if (sigtimedwait(&set, nullptr, &pause) == sig) return std::stoi(args[1]);
     }

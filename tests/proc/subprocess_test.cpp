@@ -3,7 +3,6 @@
 // child, the same SIGCHLD and SIGTERM dispositions.
 #include "telobackup/proc/subprocess.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,10 +15,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -38,18 +35,15 @@ using TELO::Backup::SubProcess;
 using namespace testsupport;
 using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
+using Disposition = std::pair<void (*)(int), int>;
 
 namespace {
 
-// Handler and flags; the C library adds its restorer flag to every action it sets.
-bool same(const struct sigaction &a, const struct sigaction &b) {
-    return a.sa_handler == b.sa_handler && ((a.sa_flags ^ b.sa_flags) & ~0x04000000) == 0;
-}
-
-struct sigaction actionOf(int sig) {
+// Handler and flags, without the restorer flag the C library adds to every action it sets.
+Disposition disposition(int sig) {
     struct sigaction action = {};
     sigaction(sig, nullptr, &action);
-    return action;
+    return {action.sa_handler, action.sa_flags & ~0x04000000};
 }
 
 // The launcher's lines as "<who> <priority> <text>" without the source line; who is "self",
@@ -80,22 +74,14 @@ Lines childLines(const std::string &who, const Lines &args, const Lines &errors 
     return lines;
 }
 
-// The rest of every line of a child's report that starts with `key` + " ", in order.
+// What follows `key` and one blank on each line of a child's report that starts with it.
 Lines field(const std::string &report, const std::string &key) {
     Lines values;
     std::istringstream in(report);
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, key.size() + 1, key + " ") == 0)
-            values.push_back(line.substr(key.size() + 1));
+    for (std::string name, rest; in >> name && std::getline(in, rest);) {
+        if (name == key) values.push_back(rest.substr(1));
     }
     return values;
-}
-
-std::string readAll(int fd) {
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) text.append(buffer, n);
-    return text;
 }
 
 std::string linkOf(int fd) {
@@ -113,73 +99,64 @@ class Launch : public ::testing::TestWithParam<bool> {
         TELO::Backup::internal::setForkOnly(false);
         EXPECT_EQ(fds_, openFds()) << "descriptors leaked or closed";
         EXPECT_TRUE(noChildren()) << "a child was left behind";
-        EXPECT_TRUE(same(chld_, actionOf(SIGCHLD)));
-        EXPECT_TRUE(same(term_, actionOf(SIGTERM)));
+        EXPECT_EQ(chld_, disposition(SIGCHLD));
+        EXPECT_EQ(term_, disposition(SIGTERM));
     }
     TempDir dir;
     SyslogCapture log;
     const std::set<int> fds_ = openFds();
-    const struct sigaction chld_ = actionOf(SIGCHLD), term_ = actionOf(SIGTERM);
+    const Disposition chld_ = disposition(SIGCHLD), term_ = disposition(SIGTERM);
 };
 
 INSTANTIATE_TEST_SUITE_P(Paths, Launch, ::testing::Values(false, true),
                          [](const auto &info) { return info.param ? "Fork" : "SharedMemory"; });
 
 // Exit statuses come back raw; a child that fails before its program runs exits 127 after its
-// lines, written by the caller under the child's pid.
+// lines, written by the caller under the child's pid. No PATH search and no shell: a relative
+// path is taken from "/", and a blank belongs to the name. One row per way a launch fails.
 TEST_P(Launch, ExitStatusesAndTheChildsLines) {
-    std::string missing = dir.file("no/file"), noFile = "open [" + missing + "] failed, " + kNoFile;
-    Lines exit3 = helperCommand("exit", {"3"});
+    std::string missing = dir.file("no/file");
     using Step = LaunchFailure::Step;
     struct Case {
+        Lines command;
         std::function<void(SubProcess &)> set;
-        Lines args;  // as launched, when the child got that far
         int status;
-        Lines errors;
-        LaunchFailure failure;  // what the overloads that take one report
+        Lines errors;  // none: the child reached its exec and logged the command
+        LaunchFailure failure;
     } cases[] = {
         // clang-format off
-        {[](SubProcess &) {}, exit3, 3, {}, {}},
-        {[](SubProcess &sp) { sp.addArg("x"); }, {"/nonexistent", "x"}, 127,
-         {"execv [/nonexistent] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
-        {[&](SubProcess &sp) { sp.setStdOutput(missing, 0600); }, {}, 127, {noFile},
-         {Step::kOpenStream, ENOENT, 1}},
-        {[&](SubProcess &sp) { sp.setStdInput(missing); }, {}, 127,
-         {noFile, "dup2 0 failed, " + kNoFile}, {Step::kOpenStream, ENOENT, 0}},
-        {[](SubProcess &sp) { sp.setStdError(1000); }, {}, 127,
+        {helperCommand("exit", {"127"}), {}, 127, {}, {}},  // its own 127, not a failed exec
+        {{"bin/true"}, {}, 0, {}, {}},
+        {{"ls -l", "x"}, {}, 127, {"execv [ls -l] failed, " + kNoFile}, {Step::kExec, ENOENT, -1}},
+        {{"/nonexistent"}, [&](SubProcess &sp) { sp.setStdInput(missing); }, 127,
+         {"open [" + missing + "] failed, " + kNoFile, "dup2 0 failed, " + kNoFile},
+         {Step::kOpenStream, ENOENT, 0}},
+        {{"/nonexistent"}, [](SubProcess &sp) { sp.setStdError(1000); }, 127,
          {"dup2(2) failed, Bad file descriptor"}, {Step::kDupStream, EBADF, 2}},
         // clang-format on
     };
-    for (Case &c : cases) {
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.command[0]);
         clearCapturedLines();
         TELO::Backup::clearLastErrorText();
-        SubProcess sp(c.args.empty() || c.status == 3 ? exit3 : Lines{"/nonexistent"});
-        c.set(sp);
+        SubProcess sp(c.command);
+        if (c.set) c.set(sp);
         LaunchFailure failure;
         failure.step = Step::kUnobserved;
         int status = 0, pid = sp.callNoWait({}, failure);
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(c.status << 8, status);
-        EXPECT_EQ(childLines("pid", c.args, c.errors), launcherLines(log, pid));
-        EXPECT_EQ(c.failure.step, failure.step);
-        EXPECT_EQ(c.failure.error, failure.error);
-        EXPECT_EQ(c.failure.stream, failure.stream);
+        bool execs = c.errors.empty() || c.failure.step == Step::kExec;
+        EXPECT_EQ(childLines("pid", execs ? c.command : Lines{}, c.errors),
+                  launcherLines(log, pid));
+        EXPECT_EQ(std::make_tuple(c.failure.step, c.failure.error, c.failure.stream),
+                  std::make_tuple(failure.step, failure.error, failure.stream));
         // The caller's thread keeps the last error line it wrote for the child.
         EXPECT_EQ(c.errors.empty() ? "" : log.lines().back().text, TELO::Backup::lastErrorText());
     }
-    // No PATH search and no shell: paths are taken from "/", a blank belongs to the name.
-    EXPECT_EQ(0, SubProcess("bin/true").call());
-    EXPECT_EQ(127 << 8, SubProcess("true").call() | SubProcess("ls -l").call());
-    // A program that exits 127 itself is told apart from one that could not run.
-    LaunchFailure failure;
-    EXPECT_EQ(127 << 8, SubProcess(helperCommand("exit", {"127"})).call(failure));
-    EXPECT_EQ(LaunchFailure::kNone, failure.step);
-    EXPECT_EQ(127 << 8, SubProcess("ls -l").call(failure));
-    EXPECT_EQ(LaunchFailure::kExec, failure.step);
-    EXPECT_EQ(ENOENT, failure.error);
     // Only root may chmod /dev/null (to the mode it has anyway).
-    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
-        SubProcess modeless(exit3);
+    EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [] {
+        SubProcess modeless("/nonexistent");
         modeless.setStdOutput("/dev/null", 0666);
         LaunchFailure why;
         CHILD_CHECK_EQ(127 << 8, modeless.call(why));
@@ -189,26 +166,35 @@ TEST_P(Launch, ExitStatusesAndTheChildsLines) {
 }
 
 // Unset streams are the null device, a kept stream is the caller's, a kept descriptor survives
-// although close-on-exec, and nothing else reaches the program.
-TEST_P(Launch, ChildGetsExactlyItsStreamsAndKeptDescriptors) {
-    int fds[2], kept = 5;
-    ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
-    while (fcntl(kept, F_GETFD) >= 0) ++kept;
-    ASSERT_EQ(kept, dup3(fds[1], kept, O_CLOEXEC));
-    close(fds[1]);
+// although close-on-exec, and nothing else reaches the program. Of the caller's environment only
+// PATH does, before the program's own variables; a PATH of its own wins.
+TEST_P(Launch, ChildGetsExactlyItsStreamsDescriptorsAndEnvironment) {
+    std::string report = dir.file("report");
+    int kept = open(report.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     int stray = open("/dev/zero", O_RDONLY);
-    int pid =
-        SubProcess(helperCommand("describe", {"fd:" + std::to_string(kept)})).callNoWait({1, kept});
+    SubProcess sp(helperCommand("describe", {"fd:" + std::to_string(kept)}));
+    sp.setEnv("ZED", "last");
+    sp.setEnv("ALPHA", "first");
+    Lines fds = {"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
+                 std::to_string(kept) + " " + report};
+    for (std::string path : {std::string(getenv("PATH")), std::string("/opt/bin")}) {
+        if (path == "/opt/bin") sp.setEnv("PATH", path);
+        int status = -1, pid = sp.callNoWait({1, kept});
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(fds, field(readFile(report), "fd"));
+        EXPECT_EQ((Lines{"PATH=" + path, "ALPHA=first", "ZED=last"}),
+                  field(readFile(report), "env"));
+        EXPECT_EQ(0, ftruncate(kept, 0));
+    }
     close(kept);
     close(stray);
-    EXPECT_EQ((Lines{"0 /dev/null", "1 " + linkOf(1), "2 /dev/null",
-                     std::to_string(kept) + " " + linkOf(fds[0])}),
-              field(readAll(fds[0]), "fd"));
-    close(fds[0]);
-    EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
 }
 
-TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
+// Output files are appended to or created with the mode given, and a FIFO on standard input
+// does not hold the launch: the child waits in its open for a writer, which the caller could
+// never become if the launch waited for the exec.
+TEST_P(Launch, StreamFilesAndAFifoInput) {
     mode_t oldMask = umask(022);
     writeFile(dir.file("in"), "new\n");
     writeFile(dir.file("old"), "old\n", 0644);
@@ -217,42 +203,20 @@ TEST_P(Launch, OutputFilesAreAppendedOrCreatedAndTheLaterSetterWins) {
     cat.setStdOutput(dir.file("old"), 0);
     cat.setStdError(dir.file("fresh"), 0640);
     EXPECT_EQ(0, cat.call());
-    EXPECT_EQ("old\nnew\n", readFile(dir.file("old")));
     EXPECT_EQ(0644, fileMode(dir.file("old")));
     EXPECT_EQ(0640, fileMode(dir.file("fresh")));
-    int fd = open(dir.file("byfd").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    cat.setStdOutput(dir.file("unused"), 0);
-    cat.setStdOutput(fd);
-    EXPECT_EQ(0, cat.call());
-    cat.setStdError(fd);
-    cat.setStdError(dir.file("later"), 0);
-    EXPECT_EQ(0, cat.call());
-    close(fd);
-    EXPECT_EQ("new\nnew\n", readFile(dir.file("byfd")));
-    EXPECT_EQ(0600, fileMode(dir.file("later")));
-    EXPECT_FALSE(exists(dir.file("unused")));
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    cat.setStdInput(fifo);
+    LaunchFailure failure;
+    int status = -1, pid = cat.callNoWait({}, failure);
+    EXPECT_EQ(LaunchFailure::kUnobserved, failure.step);
+    int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(3, write(writer, "hi\n", 3));
+    close(writer);
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ("old\nnew\nhi\n", readFile(dir.file("old")));
     umask(oldMask);
-}
-
-TEST_P(Launch, ChildSeesOnlyPathAndItsOwnVariables) {
-    std::string report = dir.file("report");
-    Lines args = helperCommand("describe", {report});
-    EXPECT_CHILD_OK([&] {
-        setenv("PATH", "/bin", 1);
-        setenv("SECRET", "leaks", 1);
-        SubProcess sp(args);
-        sp.setEnv("ZED", "last");
-        sp.setEnv("ALPHA", "first");
-        CHILD_CHECK_EQ(0, sp.call());
-        CHILD_CHECK(field(readFile(report), "env") ==
-                    (Lines{"PATH=/bin", "ALPHA=first", "ZED=last"}));
-        // Set after the clean-up, PATH wins.
-        unlink(report.c_str());
-        sp.setEnv("PATH", "/opt/bin");
-        CHILD_CHECK_EQ(0, sp.call());
-        CHILD_CHECK(field(readFile(report), "env") ==
-                    (Lines{"PATH=/opt/bin", "ALPHA=first", "ZED=last"}));
-    });
 }
 
 int hostHandlerCalls = 0;
@@ -266,10 +230,6 @@ TEST_P(Launch, SignalsAroundTheChild) {
         // starts with an empty mask and SIGPIPE at its default.
         PipeFile *pipe = nullptr;
         int pid = SubProcess(exit5).callPipeOpen(&pipe);
-        // The close gives a child half a second before SIGTERM; on a loaded machine the helper
-        // may need longer to start, so its end is awaited first (not reaped: the close reaps).
-        siginfo_t ended;
-        CHILD_CHECK_EQ(0, waitid(P_PID, pid, &ended, WEXITED | WNOWAIT));
         CHILD_CHECK_EQ(5 << 8, SubProcess::callPipeClose(pipe, pid));
         sigset_t set;
         sigemptyset(&set);
@@ -282,19 +242,20 @@ TEST_P(Launch, SignalsAroundTheChild) {
             (std::stoull(field(seen, "SigIgn:").at(0), nullptr, 16) & (1 << (SIGPIPE - 1))) == 0);
 
         // SIGTERM to the waiting caller reaches the child, and the host's handler too.
-        CHILD_CHECK_EQ(42 << 8, SubProcess(signaller).call());
         struct sigaction host = {};
         host.sa_handler = [](int) { ++hostHandlerCalls; };
         sigaction(SIGTERM, &host, nullptr);
+        const Disposition hostTerm = disposition(SIGTERM);
         CHILD_CHECK_EQ(42 << 8, SubProcess(signaller).call());
-        CHILD_CHECK(hostHandlerCalls >= 1 && same(host, actionOf(SIGTERM)));
+        CHILD_CHECK(hostHandlerCalls >= 1 && hostTerm == disposition(SIGTERM));
 
         // SA_NOCLDWAIT is lifted for the wait and put back.
         struct sigaction chld = {};
         chld.sa_flags = SA_NOCLDWAIT | SA_RESTART;
         sigaction(SIGCHLD, &chld, nullptr);
+        const Disposition hostChld = disposition(SIGCHLD);
         CHILD_CHECK_EQ(5 << 8, SubProcess(exit5).call());
-        CHILD_CHECK(SubProcess(exit5).callBackground(false) && same(chld, actionOf(SIGCHLD)));
+        CHILD_CHECK(SubProcess(exit5).callBackground(false) && hostChld == disposition(SIGCHLD));
     });
 }
 
@@ -302,14 +263,11 @@ TEST_P(Launch, BackgroundGrandchildIsDetached) {
     std::string fifo = dir.file("fifo");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     for (bool newSession : {true, false}) {
-        // Opened first, so the grandchild's open does not wait; end of file is its end.
-        int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        // The FIFO's end of file is the grandchild's end.
         SubProcess sp(helperCommand("describe", {"fd:1"}));
         sp.setStdOutput(fifo, 0);
         ASSERT_TRUE(sp.callBackground(newSession));
-        fcntl(reader, F_SETFL, 0);
-        std::string report = readAll(reader);
-        close(reader);
+        std::string report = readFile(fifo);
         EXPECT_EQ(newSession ? field(report, "pid") : Lines{std::to_string(getsid(0))},
                   field(report, "sid"));
     }
@@ -319,38 +277,25 @@ TEST_P(Launch, BackgroundGrandchildIsDetached) {
               launcherLines(log));
 }
 
+// On failure exec() returns 0 and the process goes on prepared: in "/", with the program's
+// environment (this child reports through its exit status only).
 TEST_P(Launch, ExecReplacesTheCallerOrReturnsZero) {
     std::string report = dir.file("report");
     pid_t pid = fork();
     if (pid == 0) _exit(SubProcess(helperCommand("describe", {report})).exec() + 99);
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, waitExitCode(pid));
     EXPECT_EQ(Lines{std::to_string(pid)}, field(readFile(report), "pid"));
-    // On failure the process goes on prepared: in "/", with the program's environment and its
-    // descriptors closed (this child reports through its exit status only).
     EXPECT_CHILD_OK([] {
         setenv("OTHER", "x", 1);
         SubProcess sp("/nonexistent");
         sp.setEnv("MINE", "1");
         SyslogCapture log;
         char cwd[8] = {};
-        CHILD_CHECK(sp.exec() == 0 && getcwd(cwd, sizeof(cwd)) != nullptr &&
-                    cwd == std::string("/"));
+        CHILD_CHECK(sp.exec() == 0 && getcwd(cwd, sizeof(cwd)) == std::string("/"));
         CHILD_CHECK(getenv("OTHER") == nullptr && getenv("MINE") != nullptr);
         CHILD_CHECK(launcherLines(log) == childLines("self", {"/nonexistent"},
                                                      {"execv [/nonexistent] failed, " + kNoFile}));
     });
-}
-
-// Whether the process holds a pidfd, sampled until `done`.
-bool pidfdSeenUntil(const std::atomic<bool> &done) {
-    bool seen = false;
-    while (!done && !seen) {
-        for (int fd : openFds()) seen = seen || linkOf(fd) == "anon_inode:[pidfd]";
-        std::this_thread::yield();
-    }
-    return seen;
 }
 
 // The child is waited for on a pidfd where the kernel has them, else with naps; both collect it
@@ -379,40 +324,17 @@ TEST_P(Launch, PipeConversations) {
         // A child that ignores end of file gets SIGTERM after half a second; the check right
         // after usually comes too early, and the child is left to the caller.
         pid = SubProcess(helperCommand("ignore_eof")).callPipeOpen(&pipe);
-        std::atomic<bool> closed{false};
-        std::thread sampler([&] { EXPECT_EQ(!naps, pidfdSeenUntil(closed)); });
-        auto start = std::chrono::steady_clock::now();
+        auto start = Clock::now();
         int status = SubProcess::callPipeClose(pipe, pid);
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-        closed = true;
-        sampler.join();
+        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
         if (status == -1) {
             EXPECT_TRUE(log.has(LOG_ERR, "(<pid>) [err] proc/subprocess:<line> waitpid [" +
                                              std::to_string(pid) + "] return [0]"));
             ASSERT_EQ(pid, waitpid(pid, &status, 0));
         }
-        EXPECT_TRUE(WIFSIGNALED(status));
-        EXPECT_EQ(SIGTERM, WTERMSIG(status));
+        EXPECT_EQ(SIGTERM, status);
     }
     TELO::Backup::internal::setExitWaitByNaps(false);
-}
-
-// The child waits in its open for a writer: were the launch to wait for its exec, the caller
-// could never become that writer.
-TEST_P(Launch, FifoInputDoesNotHoldTheCaller) {
-    std::string fifo = dir.file("fifo");
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    SubProcess cat(helperCommand("cat"));
-    cat.setStdInput(fifo);
-    cat.setStdOutput(dir.file("out"), 0);
-    LaunchFailure failure;
-    int status = -1, pid = cat.callNoWait({}, failure);
-    EXPECT_EQ(LaunchFailure::kUnobserved, failure.step);
-    int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(3, write(writer, "hi\n", 3));
-    close(writer);
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_EQ("hi\n", readFile(dir.file("out")));
 }
 
 TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
@@ -423,84 +345,29 @@ TEST_P(Launch, ProcessTableExhaustionIsReportedByEveryStart) {
         setrlimit(RLIMIT_NPROC, &none);
         PipeFile *pipe = nullptr;
         SubProcess sp(exit0);
-        CHILD_CHECK(sp.call() == -1 && errno == EAGAIN);
         LaunchFailure failure;
-        CHILD_CHECK(sp.call(failure) == -1 && failure.step == LaunchFailure::kFork &&
-                    failure.error == EAGAIN);
+        CHILD_CHECK(sp.call(failure) == -1 && errno == EAGAIN &&
+                    failure.step == LaunchFailure::kFork && failure.error == EAGAIN);
         CHILD_CHECK(sp.callNoWait({}) == -1 && !sp.callBackground(true));
         CHILD_CHECK(sp.callPipeOpen(&pipe) == -1 && pipe == nullptr);
         CHILD_CHECK(launcherLines(log) ==
-                    Lines(5, "self ERR fork failed, Resource temporarily unavailable"));
+                    Lines(4, "self ERR fork failed, Resource temporarily unavailable"));
     });
 }
 
-TEST(SubProcessDescription, ArgumentsCommandLineAndEnvironmentDump) {
-    EXPECT_EQ("\"ls -l\"", SubProcess(std::string("ls -l")).getCmdline());
-    EXPECT_EQ(R"("a\"b" "$x\" "")",
-              SubProcess(std::list<std::string>{"a\"b", "$x\\", ""}).getCmdline());
-    SubProcess sp(Lines{});
-    EXPECT_EQ("", sp.getCmdline());
-    sp.addArgList("a", "b", (char *)nullptr);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-    sp.addArgList(nullptr);
-#pragma GCC diagnostic pop
-    sp.addArg("c d");
-    sp.addFormatArg("%s=%03d", "n", 7);
-    EXPECT_EQ(R"("a" "b" "c d" "n=007")", sp.getCmdline());
-    SyslogCapture log;
-    sp.printEnv();
-    sp.setEnv("B", "2");
-    sp.setEnv("A", "x=1");
-    sp.printEnv();
-    EXPECT_EQ((Lines{"self ERR env: A=x=1", "self ERR env: B=2"}), launcherLines(log));
-    EXPECT_EQ(-1, SubProcess::callPipeClose(nullptr, -1) + SubProcess::getReadFD(nullptr) + 1);
-    SubProcess::flushPipe(nullptr);
-    EXPECT_EQ(0u,
-              SubProcess::readPipe(&sp, 0, 1, nullptr) + SubProcess::writePipe(&sp, 0, 1, nullptr));
+// Quoting for the log, and the argument list that ends at a null pointer.
+TEST(SubProcessDescription, CommandLine) {
+    SubProcess sp(std::list<std::string>{"a\"b", "$x\\", ""});
+    sp.addArgList("c d", "e", (char *)nullptr);
+    EXPECT_EQ(R"("a\"b" "$x\" "" "c d" "e")", sp.getCmdline());
 }
 
-}  // namespace
-
-// ---- Under stress
-// --------------------------------------------------------------------------------
-
-// A daemon whose threads are busy allocating, logging and reading the environment launches
+// A daemon whose threads are busy allocating, logging and rewriting the environment launches
 // children over and over, on both start paths: no launch may hang, and no child or descriptor
-// may be left. TELO_STRESS_LAUNCHES sets the number of launches (default 1000, 250 under the
-// sanitizers, which make each launch several times slower); on a machine too busy to finish
-// them in 40 s the run stops there, once every kind of launch has run 8 times.
-namespace {
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
-
-// The launch patterns of launchOnce (8 kinds on each of the two start paths), and the time
-// after which a busy machine may stop.
-constexpr int kLaunchPatterns = 16;
-constexpr std::chrono::seconds kLaunchBudget(40);
-
-// A stuck child would outlive the aborted run and hold its output open.
-void killChildren() {
-    DIR *tasks = opendir("/proc/self/task");
-    while (struct dirent *task = tasks != nullptr ? readdir(tasks) : nullptr) {
-        std::ifstream children(std::string("/proc/self/task/") + task->d_name + "/children");
-        for (int pid; children >> pid;) kill(pid, SIGKILL);
-    }
-    if (tasks != nullptr) closedir(tasks);
-}
-
+// may be left (a hang is ended by the test's time limit). TELO_STRESS_LAUNCHES sets the number of
+// launches (default 1000); on a machine too busy (or a build too slow) to finish them in 40 s the
+// run stops there, once every kind of launch has run 16 times.
 void busy(const std::atomic<bool> &stop, int index) {
-    std::mt19937 random(static_cast<unsigned>(index));
     for (long round = 0; !stop; ++round) {
         // One thread only rewrites a variable, so that the C library's environment lock (which
         // nothing resets at a fork) is held most of the time: a child must never need it.
@@ -508,28 +375,20 @@ void busy(const std::atomic<bool> &stop, int index) {
             setenv("TELO_STRESS_TOGGLE", round % 2 == 0 ? "a" : "b", 1);
             continue;
         }
-        size_t size = 16 + random() % 65536;
-        std::unique_ptr<char[]> block(new char[size]);
-        memset(block.get(), index, size);
-        syslog(LOG_DEBUG, "busy thread %d holds %zu bytes at %p", index, size, block.get());
-        if (getenv("PATH") == nullptr) abort();
+        std::unique_ptr<char[]> block(new char[16 + (round * 7919 + index) % 65536]);
+        syslog(LOG_DEBUG, "busy thread %d holds %p", index, block.get());
         if (index == 0 && round % 4096 == 0) testsupport::clearCapturedLines();
-        // Busy, but sharing two cores with the launching thread.
-        std::this_thread::yield();
+        std::this_thread::yield();  // busy, but sharing two cores with the launching thread
     }
 }
 
+// Launch `i` of 4 kinds (three waited calls, one conversation) on either path.
 bool launchOnce(int i) {
-    TELO::Backup::internal::setForkOnly(i / 8 % 2 == 1);
-    if (i % 8 < 6) return SubProcess("/bin/true").call() == 0;
-    int status = -1, pid;
-    if (i % 8 == 6) {
-        pid = SubProcess("/bin/true").callNoWait({});
-        return pid > 0 && waitpid(pid, &status, 0) == pid && status == 0;
-    }
+    TELO::Backup::internal::setForkOnly(i / 4 % 2 == 1);
+    if (i % 4 < 3) return SubProcess("/bin/true").call() == 0;
     PipeFile *pipe = nullptr;
     char line[6] = {};
-    pid = SubProcess("/bin/cat").callPipeOpen(&pipe);
+    int pid = SubProcess("/bin/cat").callPipeOpen(&pipe);
     bool ok = pid > 0 && SubProcess::writePipe("ping\n", 1, 5, pipe) == 5 &&
               SubProcess::readPipe(line, 1, 5, pipe) == 5 && strcmp(line, "ping\n") == 0;
     return SubProcess::callPipeClose(pipe, pid) == 0 && ok;
@@ -537,41 +396,21 @@ bool launchOnce(int i) {
 
 TEST(SubProcessStress, BusyHostNeverHangsNorLeaks) {
     const char *count = getenv("TELO_STRESS_LAUNCHES");
-    const int launches = count != nullptr && atoi(count) > 0 ? atoi(count)
-                         : kSanitized                        ? 250
-                                                             : 1000;
+    const int launches = count != nullptr && atoi(count) > 0 ? atoi(count) : 1000;
     const std::set<int> fdsBefore = testsupport::openFds();
     setenv("TELO_STRESS_TOGGLE", "a", 1);  // only replaced from now on, never added
     std::atomic<bool> stop{false};
-    std::atomic<int> progress{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) threads.emplace_back(busy, std::cref(stop), i);
-    threads.emplace_back([&] {
-        int seen = -1;
-        for (auto since = Clock::now(); !stop;
-             std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
-            if (progress != seen) {
-                seen = progress, since = Clock::now();
-            } else if (Clock::now() - since > std::chrono::seconds(20)) {
-                fprintf(stderr, "launch %d has not returned within 20 s: hung\n", seen);
-                killChildren();
-                abort();
-            }
-        }
-    });
-
     int failures = 0, done = 0;
-    auto start = Clock::now();
-    for (; done < launches; ++done, ++progress) {
-        if (done >= 8 * kLaunchPatterns && Clock::now() - start > kLaunchBudget) break;
+    for (auto start = Clock::now(); done < launches; ++done) {
+        if (done >= 8 * 8 && Clock::now() - start > std::chrono::seconds(40)) break;
         failures += launchOnce(done) ? 0 : 1;
     }
-    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     TELO::Backup::internal::setForkOnly(false);
     stop = true;
     for (std::thread &t : threads) t.join();
     testsupport::clearCapturedLines();
-    printf("%d of %d launches beside 8 busy threads in %.2f s\n", done, launches, seconds);
     EXPECT_EQ(0, failures);
     EXPECT_TRUE(testsupport::noChildren()) << "a child or zombie was left";
     EXPECT_EQ(fdsBefore, testsupport::openFds()) << "descriptors leaked";

@@ -11,14 +11,15 @@
 namespace testsupport {
 
 Attacker::Attacker(std::vector<std::function<bool()>> steps) {
-    int toAttacker[2], fromAttacker[2];
-    if (geteuid() != 0 || pipe2(toAttacker, O_CLOEXEC) != 0) return;
-    if (pipe2(fromAttacker, O_CLOEXEC) != 0) {
-        close(toAttacker[0]);
-        close(toAttacker[1]);
+    int toAttacker[2] = {-1, -1}, fromAttacker[2] = {-1, -1};
+    if (geteuid() != 0 || pipe2(toAttacker, O_CLOEXEC) != 0 ||
+        pipe2(fromAttacker, O_CLOEXEC) != 0 || (pid_ = fork()) < 0) {
+        for (int fd : {toAttacker[0], toAttacker[1], fromAttacker[0], fromAttacker[1]}) {
+            if (fd >= 0) close(fd);
+        }
+        pid_ = -1;
         return;
     }
-    pid_ = fork();
     if (pid_ == 0) {
         close(toAttacker[1]);
         close(fromAttacker[0]);
@@ -38,11 +39,6 @@ Attacker::Attacker(std::vector<std::function<bool()>> steps) {
     close(fromAttacker[1]);
     request_ = toAttacker[1];
     reply_ = fromAttacker[0];
-    if (pid_ < 0) {
-        close(request_);
-        close(reply_);
-        request_ = reply_ = -1;
-    }
 }
 
 Attacker::~Attacker() {

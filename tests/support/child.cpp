@@ -1,14 +1,15 @@
 #include "support/child.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -21,25 +22,16 @@ namespace {
 constexpr int kSkipExit = 77;
 constexpr size_t kMessageSize = 1 << 16;
 
-// The directory right under /tmp that holds this test's binary, or "" when it is elsewhere. A
-// checkout under /tmp (a common place to clone to) would vanish under a private /tmp, and with it
-// every helper program the test runs.
-std::string checkoutUnderTmp() {
-    char exe[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (length <= 0) return std::string();
-    std::string path(exe, static_cast<size_t>(length));
-    if (path.compare(0, 5, "/tmp/") != 0) return std::string();
-    return path.substr(0, path.find('/', 5));
-}
-
-// Mounts a private /tmp, with the checkout that lived under the old one bound back at its path.
+// Mounts a private /tmp. A checkout under /tmp (a common place to clone to) would vanish under
+// it, and with it every helper program the test runs: the directory right under /tmp that holds
+// this test's binary is bound back at its path.
 std::string mountPrivateTmp() {
-    std::string checkout = checkoutUnderTmp();
+    char exe[PATH_MAX] = {};
+    std::string path(exe, std::max<ssize_t>(0, readlink("/proc/self/exe", exe, sizeof(exe) - 1)));
+    std::string checkout =
+        path.compare(0, 5, "/tmp/") == 0 ? path.substr(0, path.find('/', 5)) : "";
     int held = checkout.empty() ? -1 : open(checkout.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (!checkout.empty() && held < 0) {
-        return "cannot hold " + checkout + ": " + strerror(errno);
-    }
+    if (!checkout.empty() && held < 0) return "cannot hold " + checkout + ": " + strerror(errno);
     std::string problem;
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
         problem = std::string("cannot mount a private /tmp: ") + strerror(errno);

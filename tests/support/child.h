@@ -67,10 +67,7 @@ bool canChangeOwner();
     do {                                \
         if (!(cond)) CHILD_FAIL(#cond); \
     } while (0)
-#define CHILD_CHECK_EQ(expected, actual)                                     \
-    do {                                                                     \
-        if (!((expected) == (actual))) CHILD_FAIL(#expected " == " #actual); \
-    } while (0)
+#define CHILD_CHECK_EQ(expected, actual) CHILD_CHECK((expected) == (actual))
 
 // Runs a body in a child (the arguments of runInChild) and turns its outcome into a
 // gtest result: a skip when the environment could not be set up, else a failure with the message.

@@ -48,7 +48,8 @@ bool noChildren();
 
 // Makes every later call of the system call `number` (__NR_...) in this process fail with
 // `error`, through a seccomp filter the kernel applies: a real fault, not an interposed libc.
-// For a forked child only; there is no way back. False when the kernel refuses the filter.
+// For a forked child only; there is no way back. False when the kernel refuses the filter or
+// this architecture is not one the filter knows.
 bool failSystemCall(long number, int error);
 
 }  // namespace testsupport

@@ -53,24 +53,10 @@ void record(int priority, const char *format, va_list ap) {
 
 // The regular expression of a pattern (see SyslogCapture::count).
 std::regex regexFromPattern(const std::string &pattern) {
-    static const std::string kSpecial = R"(\^$.|?*+()[]{})";
-    std::string out;
-    for (size_t i = 0; i < pattern.size();) {
-        if (pattern.compare(i, 5, "<pid>") == 0) {
-            out += std::to_string(getpid());
-            i += 5;
-        } else if (pattern.compare(i, 6, "<line>") == 0) {
-            out += "[0-9]+";
-            i += 6;
-        } else if (pattern.compare(i, 5, "<any>") == 0) {
-            out += "[\\s\\S]*";
-            i += 5;
-        } else {
-            if (kSpecial.find(pattern[i]) != std::string::npos) out += '\\';
-            out += pattern[i++];
-        }
-    }
-    return std::regex(out);
+    std::string out = std::regex_replace(pattern, std::regex(R"([\\^$.|?*+()\[\]{}])"), "\\$&");
+    out = std::regex_replace(out, std::regex("<pid>"), std::to_string(getpid()));
+    out = std::regex_replace(out, std::regex("<line>"), "[0-9]+");
+    return std::regex(std::regex_replace(out, std::regex("<any>"), "[\\s\\S]*"));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "support/temp_dir.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace testsupport {
@@ -38,12 +38,8 @@ void forceRemoveTree(const std::string &path) {
 
 TempDir::TempDir() {
     const char *base = getenv("TMPDIR");
-    std::string templ =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/telotest.XXXXXX";
-    if (mkdtemp(&templ[0]) == nullptr) {
-        ADD_FAILURE() << "mkdtemp failed: " << strerror(errno);
-    }
-    path_ = templ;
+    path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/telotest.XXXXXX";
+    if (mkdtemp(&path_[0]) == nullptr) ADD_FAILURE() << "mkdtemp failed: " << strerror(errno);
 }
 
 TempDir::~TempDir() {
@@ -56,15 +52,11 @@ std::string TempDir::file(const std::string &name) const {
 
 void writeFile(const std::string &path, const std::string &content, mode_t mode) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0) {
-        ADD_FAILURE() << "open " << path << ": " << strerror(errno);
-        return;
-    }
-    if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    if (fd < 0 || write(fd, content.data(), content.size()) != ssize_t(content.size())) {
         ADD_FAILURE() << "write " << path << ": " << strerror(errno);
     }
-    fchmod(fd, mode);
-    close(fd);
+    if (fd >= 0) fchmod(fd, mode);
+    if (fd >= 0) close(fd);
 }
 
 void makeDir(const std::string &path, mode_t mode) {
@@ -75,13 +67,8 @@ void makeDir(const std::string &path, mode_t mode) {
 
 std::string readFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        ADD_FAILURE() << "cannot read " << path;
-        return std::string();
-    }
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    if (!in) ADD_FAILURE() << "cannot read " << path;
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 bool exists(const std::string &path) {
@@ -91,14 +78,10 @@ bool exists(const std::string &path) {
 
 std::vector<std::string> listDir(const std::string &path) {
     std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr) return names;
-    while (struct dirent *entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-            names.push_back(entry->d_name);
-        }
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(path, error), end; it != end; it.increment(error)) {
+        names.push_back(it->path().filename());
     }
-    closedir(dir);
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -112,13 +95,12 @@ int fileMode(const std::string &path) {
 std::string aclGrantingRead(uid_t uid) {
     // Little-endian header (version 2) and entries of tag, permissions and id, sorted by tag.
     struct Entry {
-        uint16_t tag;
-        uint16_t perm;
+        uint16_t tag, perm;
         uint32_t id;
     };
     const uint32_t none = ~0u, version = 2;
-    const Entry entries[] = {{0x01, 6, none}, {0x02, 4, uid},  {0x04, 4, none},
-                             {0x10, 4, none}, {0x20, 0, none}};
+    const Entry entries[] = {
+        {0x01, 6, none}, {0x02, 4, uid}, {0x04, 4, none}, {0x10, 4, none}, {0x20, 0, none}};
     std::string blob(reinterpret_cast<const char *>(&version), sizeof(version));
     blob.append(reinterpret_cast<const char *>(entries), sizeof(entries));
     return blob;
@@ -127,9 +109,8 @@ std::string aclGrantingRead(uid_t uid) {
 bool attributeOf(const std::string &path, const std::string &name, std::string &value) {
     char buffer[65536];
     ssize_t size = lgetxattr(path.c_str(), name.c_str(), buffer, sizeof(buffer));
-    if (size < 0) return false;
-    value.assign(buffer, static_cast<size_t>(size));
-    return true;
+    if (size >= 0) value.assign(buffer, static_cast<size_t>(size));
+    return size >= 0;
 }
 
 std::string describeTree(const std::string &path) {
@@ -173,11 +154,9 @@ void makeDeepTree(const std::string &root, int levels) {
         close(fd);
         fd = next;
     }
-    if (fd < 0) {
+    if (fd < 0)
         ADD_FAILURE() << "cannot make a tree of " << levels << " levels: " << strerror(errno);
-    } else {
-        close(fd);
-    }
+    if (fd >= 0) close(fd);
 }
 
 }  // namespace testsupport

@@ -40,66 +40,49 @@ class VolumeFilters : public ::testing::Test {
 }  // namespace
 
 // The type test comes first, so a refused type never raises the bar; free space compares as
-// unsigned 64-bit and must be strictly larger than the best so far.
+// unsigned 64-bit and must be strictly larger than the best so far. The default location is
+// the platform's, with mode 2; without one both stay 0.
 TEST_F(VolumeFilters, AcceptTheirTypesWithStrictlyLargerSpace) {
     FilterMaxVolume sizes(1, 2, false);
     std::string bySize;
-    for (unsigned long long size : {10ull, 30ull, 30ull, 20ull, 31ull, ~0ull}) {
+    for (unsigned long long size : {10ull, 30ull, 30ull, 31ull, ~0ull}) {
         bySize += sizes.isAccept(volume(size)) ? "Y" : "n";
     }
-    EXPECT_EQ("YYnnYY", bySize);
-
+    EXPECT_EQ("YYnYY", bySize);
+    // Per type, one letter for each of: any type, ext, ext or btrfs.
     FilterMaxVolume anyType(1, 2, false);
     FilterMaxExtVolume ext(1, 2, false);
     FilterMaxExtBtrfsVolume extBtrfs(1, 2, false);
-    std::string accepted[3];
+    std::string accepted;
     unsigned long long size = 100;  // growing, so only the type decides
-    for (int type : {TELO_FS_FAT, TELO_FS_EXT3, TELO_FS_EXT4, TELO_FS_BTRFS, TELO_FS_XFS,
-                     TELO_FS_FOREIGN, TELO_FS_NETWORK, TELO_FS_OTHER}) {
+    for (int type : {TELO_FS_FAT, TELO_FS_EXT3, TELO_FS_EXT4, TELO_FS_BTRFS, TELO_FS_NETWORK}) {
         size += 100;
-        accepted[0] += anyType.isAccept(volume(size, type)) ? "Y" : "n";
-        accepted[1] += ext.isAccept(volume(size, type)) ? "Y" : "n";
-        accepted[2] += extBtrfs.isAccept(volume(size, type)) ? "Y" : "n";
+        for (FilterVolume *filter :
+             std::initializer_list<FilterVolume *>{&anyType, &ext, &extBtrfs}) {
+            accepted += filter->isAccept(volume(size, type)) ? "Y" : "n";
+        }
+        accepted += " ";
     }
-    EXPECT_EQ("YYYYYYYY", accepted[0]);
-    EXPECT_EQ("nYYnnnnn", accepted[1]);
-    EXPECT_EQ("nYYYnnnn", accepted[2]);
+    EXPECT_EQ("Ynn YYY YYY YnY Ynn ", accepted);
     FilterMaxExtVolume fresh(1, 2, false);
     EXPECT_FALSE(fresh.isAccept(volume(1000, TELO_FS_BTRFS)));
     EXPECT_TRUE(fresh.isAccept(volume(5, TELO_FS_EXT4)));
-}
-
-TEST_F(VolumeFilters, SignaturesAndEnumerationParameters) {
-    EXPECT_EQ("FilterMaxVolume:3:2:1", FilterMaxVolume(3, 2, true).getSignature());
-    // The default location is the platform's, with mode 2; without one both stay 0.
     fakeplatform::outcomes().volumeLocation = 5;
     EXPECT_EQ("FilterMaxExtBtrfsVolume:5:2:1", FilterMaxExtBtrfsVolume(true).getSignature());
     fakeplatform::outcomes().volumeLocation = 0;
-    FilterMaxVolume none;
-    EXPECT_EQ("FilterMaxVolume:0:0:0", none.getSignature());
-    EXPECT_EQ("", none.defaultPath());
-    EXPECT_EQ("/tmp", FilterMaxVolume(true).defaultPath());
+    EXPECT_EQ("FilterMaxVolume:0:0:0", FilterMaxVolume().getSignature());
 }
 
+// A path on no known volume, or a volume without a temporary directory, gives none, logged;
+// the manager's test covers the found one.
 TEST_F(VolumeFilters, SameVolumeFilter) {
     fakeplatform::outcomes().volumeOfPath["/srv/photos"] = "/srv";
     fakeplatform::outcomes().shareTmpPaths["/srv"] = "/srv/.telobackup-tmp";
-    FilterSameVolume known("/srv/photos");
-    EXPECT_EQ("FilterSameVolume:/srv", known.getSignature());
-    EXPECT_EQ("/srv/.telobackup-tmp", known.defaultPath());
-    int location = 0, mode = 0;
-    EXPECT_FALSE(known.getVolumeEnumParameter(location, mode));
-    EXPECT_FALSE(known.isAccept(volume(1ull << 40)));
-    EXPECT_EQ(0u, log.size());
-
-    FilterSameVolume unknown("/elsewhere");
-    EXPECT_EQ("FilterSameVolume:", unknown.getSignature());
-    EXPECT_TRUE(unknown.defaultPath().empty());
+    EXPECT_TRUE(FilterSameVolume("/elsewhere").defaultPath().empty());
     EXPECT_EQ(1,
-              log.err("TELOMountVolInfoGet(/elsewhere) failed, [0x0002 fake_platform.cpp:<line>]"))
-        << log.dump();
+              log.err("TELOMountVolInfoGet(/elsewhere) failed, [0x0002 fake_platform.cpp:<line>]"));
     fakeplatform::setFail("TELOShareTmpPathGet");
-    EXPECT_EQ("", known.defaultPath());
+    EXPECT_EQ("", FilterSameVolume("/srv/photos").defaultPath());
     EXPECT_EQ(1, log.err("TELOShareTmpPathGet(/srv) fail, [0x0004 fake_platform.cpp:<line>]"));
 }
 
@@ -131,7 +114,6 @@ TEST_F(VolumeManager, ChoosesTheLargestUsableWritableVolumeAndCachesIt) {
         std::string out = "stale";
         CHILD_CHECK(manager.getVolumePath(maxFilter(false), out));
         CHILD_CHECK(out == dir.file("best-tmp"));
-        CHILD_CHECK(calls("TELOMountVolAllEnum") == 1);
         CHILD_CHECK(calls("TELOMountVolInfoFree") == 1);
         // The same signature from a new object is answered from the cache; another enumerates.
         out.clear();
@@ -145,7 +127,6 @@ TEST_F(VolumeManager, ChoosesTheLargestUsableWritableVolumeAndCachesIt) {
         CHILD_CHECK(
             manager.getVolumePath(std::make_shared<FilterSameVolume>(dir.file("best/data")), out));
         CHILD_CHECK_EQ(dir.file("best-tmp"), out);
-        CHILD_CHECK(!manager.getVolumePath(std::make_shared<FilterSameVolume>("/nowhere"), out));
         CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
     });
 }
@@ -165,33 +146,23 @@ TEST_F(VolumeManager, UnwritableTemporaryDirectoriesAreSkipped) {
 // Without a usable volume, a filter with the /tmp fallback gets /tmp, cached; one without gets
 // nothing and asks again next time. A failed enumeration counts as no volume.
 TEST_F(VolumeManager, FallbackIsCachedButFailureIsNot) {
-    addVolume("gone", 10, false);
     addVolume("broken", 20);
     fakeplatform::setFail("TELOShareTmpPathGet");
     EXPECT_CHILD_OK([] {
-        SyslogCapture childLog{kSource};
         VolumePathManager &manager = VolumePathManager::getInstance();
         std::string out = "stale";
         CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out));
         CHILD_CHECK(out.empty());
         CHILD_CHECK(!manager.getVolumePath(maxFilter(false), out));
         CHILD_CHECK_EQ(2, calls("TELOMountVolAllEnum"));
-        CHILD_CHECK_EQ(4, childLog.err("TELOShareTmpPathGet(<any>) fail, [0x0004 <any>]"));
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
-        CHILD_CHECK(out == "/tmp");
         CHILD_CHECK(manager.getVolumePath(maxFilter(true), out));
         CHILD_CHECK(out == "/tmp");
         CHILD_CHECK_EQ(3, calls("TELOMountVolAllEnum"));
-
         fakeplatform::setFail("TELOMountVolAllEnum");
-        auto ext = [](bool fallback) {
-            return std::make_shared<FilterMaxExtVolume>(1, 2, fallback);
-        };
-        CHILD_CHECK(manager.getVolumePath(ext(true), out));
+        CHILD_CHECK(manager.getVolumePath(std::make_shared<FilterMaxExtVolume>(1, 2, true), out));
         CHILD_CHECK(out == "/tmp");
-        CHILD_CHECK(!manager.getVolumePath(ext(false), out));
         CHILD_CHECK_EQ(3, calls("TELOMountVolInfoFree"));  // nothing to free after a failure
-        // A null filter leaves the output alone.
         out = "untouched";
         CHILD_CHECK(!manager.getVolumePath(nullptr, out));
         CHILD_CHECK(out == "untouched");

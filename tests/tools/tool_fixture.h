@@ -4,9 +4,12 @@
 #ifndef TELO_TESTS_TOOLS_TOOL_FIXTURE_H
 #define TELO_TESTS_TOOLS_TOOL_FIXTURE_H
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,15 +51,39 @@ inline std::string toolPath() {
         static TempDir copy;  // under TMPDIR, which the tool tests set to /var/tmp
         chmod(copy.path().c_str(), 0755);
         std::string bin = installed, prefix = bin.substr(0, bin.rfind("/bin/"));
-        CommandResult copied = runCommand(
-            {"/bin/sh", "-c",
-             "mkdir \"$2/lib\" && cp -a \"$1/bin\" \"$1/share\" \"$2/\" && "
-             "cp -a \"$1\"/lib/*.so* \"$2/lib/\"",
-             "sh", prefix, copy.path()});
+        CommandResult copied =
+            runCommand({"/bin/sh", "-c",
+                        "mkdir \"$2/lib\" && cp -a \"$1/bin\" \"$1/share\" \"$2/\" && "
+                        "cp -a \"$1\"/lib/*.so* \"$2/lib/\"",
+                        "sh", prefix, copy.path()});
         if (copied.exitCode != 0) ADD_FAILURE() << "cannot copy the tool: " << copied.err;
         return copy.path() + bin.substr(prefix.size());
     }();
     return path;
+}
+
+// In a forked child: becomes the tool run with `args`.
+[[noreturn]] inline void execTool(Args args) {
+    args.insert(args.begin(), toolPath());
+    std::vector<char *> argv;
+    for (std::string &arg : args) argv.push_back(&arg[0]);
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
+// A loopback TCP listener with room for `backlog` waiting connections; its port in `port`.
+inline int loopbackListener(int backlog, std::string &port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&address), length));
+    EXPECT_EQ(0, listen(fd, backlog));
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    port = std::to_string(ntohs(address.sin_port));
+    return fd;
 }
 
 inline Json::Value parse(const std::string &text) {
@@ -78,19 +105,14 @@ class Tool : public ::testing::Test {
 
     // Runs the tool with its standard output on `stdoutFd` (and input from `stdinFd`, if any);
     // standard error is captured.
-    CommandResult runWithOutput(int stdoutFd, Args args, int stdinFd = -1) {
-        args.insert(args.begin(), toolPath());
+    CommandResult runWithOutput(int stdoutFd, const Args &args, int stdinFd = -1) {
         std::string errors = dir.file("stderr.txt");
         pid_t pid = fork();
         if (pid == 0) {
             int err = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             if (err < 0 || dup2(stdoutFd, 1) != 1 || dup2(err, 2) != 2) _exit(126);
             if (stdinFd >= 0 && dup2(stdinFd, 0) != 0) _exit(126);
-            std::vector<char *> argv;
-            for (std::string &arg : args) argv.push_back(&arg[0]);
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
+            execTool(args);
         }
         CommandResult result;
         result.exitCode = waitExitCode(pid);
@@ -111,6 +133,20 @@ class Tool : public ::testing::Test {
     std::string out(const Args &args, const std::string &input = "") {
         return run(args, input).out;
     }
+    // "" when the tool fails with `code`, prints nothing and says `says` on standard error in a
+    // message of its own; else what it did.
+    std::string failsWith(const Args &args, int code, const std::string &says,
+                          const std::string &input = "",
+                          const std::map<std::string, std::string> &env = {}) {
+        CommandResult r = run(args, input, env);
+        if (r.exitCode == code && r.out.empty() && r.err.rfind("telobackup-util: ", 0) == 0 &&
+            r.err.find(says) != std::string::npos) {
+            return "";
+        }
+        std::string command;
+        for (const std::string &arg : args) command += arg + " ";
+        return command + "-> " + std::to_string(r.exitCode) + " " + r.out + r.err;
+    }
 
     TempDir dir;
     std::string conf = dir.file("tasks.conf");
@@ -126,5 +162,11 @@ class Tool : public ::testing::Test {
         EXPECT_TRUE(result_.ok()) << result_.message << " (status " << result_.status << ")"; \
     } while (0)
 
+// In a child: fails it with `why` unless that is empty (see Tool::failsWith).
+#define CHILD_CHECK_NONE(why)                \
+    do {                                     \
+        const std::string why_ = (why);      \
+        if (!why_.empty()) CHILD_FAIL(why_); \
+    } while (0)
 
 #endif

