@@ -4,13 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <thread>
 
 #include "support/syslog_capture.h"
 #include "telobackup/option_map.h"
 
-using TELO::Backup::clearLastErrorText;
 using TELO::Backup::lastErrorText;
 using testsupport::SyslogCapture;
 
@@ -35,10 +33,6 @@ TEST(LastErrorText, IsTheLineTheSystemLogGot) {
     failLoad(longName);
     EXPECT_EQ(1, log.err("invalid sec [][" + longName + "]"));
     EXPECT_EQ(log.lines()[1].text.substr(0, 1023), lastErrorText());
-    errno = E2BIG;
-    clearLastErrorText();
-    EXPECT_EQ(E2BIG, errno);
-    EXPECT_EQ("", lastErrorText());
 }
 
 // A new thread starts empty and keeps its own line.

@@ -1,5 +1,5 @@
-// The line scanner and the file operations on real files, including failed rewrites, bad input,
-// links and swaps another user plants, and a writer killed at random moments.
+// The file operations on real files, including failed rewrites, bad input, links and swaps
+// another user plants, and a writer killed at random moments.
 #include "telobackup/section_config.h"
 
 #include <fcntl.h>
@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
-#include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -22,7 +21,6 @@
 #include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telobackup/json_text.h"
-#include "telobackup/option_map.h"
 
 using TELO::Backup::jsonFromString;
 using TELO::Backup::SectionConfig;
@@ -33,23 +31,6 @@ using TELO::Backup::internal::testHook;
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// Every callback record as "type|line|section|key|value", "~" for a null pointer; the callback
-// answers `answer` after every line, and the scan's result must be the same.
-Lines scan(const std::string &content, bool answer) {
-    Lines lines{answer ? "true" : "false"};
-    auto record = [](bool &, const SectionConfig::LineInfo &info, void *arg) {
-        auto text = [](const char *p) { return p != nullptr ? std::string(p) : std::string("~"); };
-        auto *out = static_cast<Lines *>(arg);
-        out->push_back(std::to_string(info.type) + "|" + text(info.line) + "|" +
-                       text(info.section) + "|" + text(info.key) + "|" + text(info.value));
-        return out->front() == "true";
-    };
-    FILE *stream = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
-    EXPECT_EQ(answer, SectionConfig::parseFile(stream, record, &lines));
-    fclose(stream);
-    return Lines(lines.begin() + 1, lines.end());
-}
 
 Json::Value json(const std::string &text) {
     Json::Value value;
@@ -70,30 +51,20 @@ const char kSample[] = "#top\n[a]\n#c\nx=1\n[b]\ny=2\n";
 
 }  // namespace
 
-// A callback's false makes the result false, but the scan goes on to the end.
-TEST(SectionConfigScanner, ClassifiesEveryLine) {
-    std::string content = "  #top  \n\n=v\n[a]b]\r\n\t x \t=\t \"y=z\" \t\n[]\n[open\n";
-    content += std::string("x\0[junk]=1\n", 11) + "last";
-    EXPECT_EQ((Lines{"2|#top|~|~|~", "0||~|~|~", "4|~|~||v", "3|[a]b]|a]b|~|~", "4|~|a]b|x|\"y=z\"",
-                     "3|[]||~|~", "1|[open||~|~", "1|x||~|~", "1|last||~|~"}),
-              scan(content, true));
-    EXPECT_EQ(9u, scan(content, false).size());
-}
-
 // A stop ends the scan after the stopping line and leaves the stream just behind it, so a
-// caller can go on reading from there.
+// caller can go on reading from there. A callback's false fails the scan but does not end it.
 TEST_F(SectionConfigFile, StopLeavesTheStreamAfterTheStoppingLine) {
     writeFile(file, "[a]\nx=1\n[b]\ny=2\n");
     auto stopAtB = [](bool &stop, const SectionConfig::LineInfo &info, void *arg) {
         const bool section = info.type == SectionConfig::LINE_SECTION;
         static_cast<Lines *>(arg)->push_back(section ? info.line : info.key);
         stop = section && std::string(info.section) == "b";
-        return true;
+        return section;
     };
     Lines seen;
     std::unique_ptr<FILE, int (*)(FILE *)> stream(fopen(file.c_str(), "r"), fclose);
     ASSERT_TRUE(stream);
-    EXPECT_TRUE(SectionConfig::parseFile(stream.get(), stopAtB, &seen));
+    EXPECT_FALSE(SectionConfig::parseFile(stream.get(), stopAtB, &seen));
     EXPECT_EQ((Lines{"[a]", "x", "[b]"}), seen);
     char rest[32] = {};
     EXPECT_EQ(4u, fread(rest, 1, sizeof rest - 1, stream.get()));
@@ -125,19 +96,15 @@ TEST_F(SectionConfigFile, LineWritersAndTheirFailure) {
 }
 
 // The first copy of a section loads, its last value of a key wins, values that do not parse
-// are skipped; a `values` of another kind than an object is replaced.
+// are skipped.
 TEST_F(SectionConfigFile, LoadAndList) {
     writeFile(file, "k0=0\n[a]\n k = \"v\" \nbare = v\nn=1\nn=2\ne=[[\n[b]\n[a]\nx=9\n");
-    Json::Value values = json("[1]");
+    Json::Value values;
     EXPECT_TRUE(SectionConfig::loadSection(file, "a", values));
     EXPECT_EQ(json("{\"k\":\"v\",\"n\":2}"), values);
-    EXPECT_TRUE(SectionConfig::loadSection(file, "b", values));
-    EXPECT_TRUE(values.empty());
-    EXPECT_FALSE(SectionConfig::loadSection(file, "A", values) || errno != ENOENT);
-    std::list<std::string> names{"stale"};
+    std::list<std::string> names;
     EXPECT_TRUE(SectionConfig::listSection(file, names));
     EXPECT_EQ((std::list<std::string>{"a", "b", "a"}), names);
-    EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
 TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
@@ -146,55 +113,31 @@ TEST_F(SectionConfigFile, RewritesNormaliseAndKeepTheRest) {
     EXPECT_EQ("#top\n[a]\ns=\"t\"\nz=5\n#c\n[b]\ny=2\n", readFile(file));
     EXPECT_EQ(0640, fileMode(file));
 
-    // Hand-written layout is normalised; every copy of the section is removed.
-    writeFile(file, "  k = 1 \r\n[a]\nx=1\n[a]\ny=2\n  [c] \n\tbad line\n[a]\n");
-    EXPECT_TRUE(SectionConfig::removeSection(file, "a"));
-    EXPECT_EQ("k=1\n[c]\nbad line\n", readFile(file));
-
     // Several sections in one rewrite: both copies of [a] get its keys, the missing one is
-    // appended; a missing file is made with the sections in the object's order.
+    // appended.
     writeFile(file, "# top\n[a]\nx=1\n# in a\n[b]\ny=1\n[a]\nx=9\n[keep]\nz=1\n");
     ASSERT_TRUE(SectionConfig::updateSections(
         file, json("{\"b\":{\"n\":null,\"y\":2},\"a\":{\"x\":2},\"new\":{\"w\":[1]}}"), true));
     EXPECT_EQ("# top\n[a]\nx=2\n# in a\n[b]\nn=null\ny=2\n[a]\nx=2\n[keep]\nz=1\n[new]\nw=[1]\n",
               readFile(file));
-    ASSERT_EQ(0, unlink(file.c_str()));
-    ASSERT_TRUE(SectionConfig::updateSections(file, json("{\"z\":{},\"m\":{\"k\":\"v\"}}"), true));
-    EXPECT_EQ("[m]\nk=\"v\"\n[z]\n", readFile(file));
-    // Nothing to update: the file is not even made.
-    EXPECT_TRUE(SectionConfig::updateSections(dir.file("none.conf"), json("{}"), true));
     expectAlone();
     EXPECT_EQ(0u, log.size()) << log.dump();
 }
 
-// Names that would not read back as written, absent sections without `create` and a non-object
-// are refused before anything is touched; odd content elsewhere (a 10 MB line, invalid UTF-8, a
-// NUL byte) survives rewrites of other sections.
+// Names that would not read back as written and absent sections without `create` are refused
+// before anything is touched; odd content elsewhere (a 10 MB line, invalid UTF-8) survives
+// rewrites of other sections.
 TEST_F(SectionConfigFile, BadInputNeverCostsData) {
     std::string big = "big=\"" + std::string(10 << 20, 'x') + "\"\n";
     std::string content = "[keep]\n" + big + "\xff\xfe=1\n[a]\nv=1\n";
     writeFile(file, content);
-    auto update = [&](const char *name, const char *values, bool create) {
-        return SectionConfig::updateSection(file, name, json(values), create);
-    };
-    auto sections = [&](const char *values, bool create) {
-        return SectionConfig::updateSections(file, json(values), create);
-    };
-    const std::pair<std::function<bool()>, int> refused[] = {
-        {[&] { return update("a\n[keep]", "{}", true); }, EINVAL},
-        {[&] { return update("a", "{\"x\\n[keep]\":1}", true); }, EINVAL},
-        {[&] { return update("zz", "{\"a\":1}", false); }, ENOENT},
-        // A bad key in any section refuses all of them; one missing section refuses all.
-        {[&] { return sections("{\"a\":{},\"b\":{\"=k\":1}}", true); }, EINVAL},
-        {[&] { return sections("{\"a\":{},\"gone\":{}}", false); }, ENOENT},
-        {[&] { return sections("[{\"a\":{}}]", true); }, EINVAL},
-    };
-    for (const auto &call : refused) {
-        errno = 0;
-        EXPECT_FALSE(call.first());
-        EXPECT_EQ(call.second, errno);
-    }
-    EXPECT_EQ(1, log.err("invalid name [=k]"));
+    EXPECT_FALSE(SectionConfig::updateSection(file, "a\n[keep]", json("{}"), true) ||
+                 errno != EINVAL);
+    // A bad key in any section refuses all of them; one missing section refuses all.
+    EXPECT_FALSE(SectionConfig::updateSections(file, json("{\"a\":{},\"b\":{\"=k\":1}}"), true) ||
+                 errno != EINVAL);
+    EXPECT_FALSE(SectionConfig::updateSections(file, json("{\"a\":{},\"gone\":{}}"), false) ||
+                 errno != ENOENT);
     EXPECT_EQ(content, readFile(file));
     expectAlone();
 
@@ -202,57 +145,35 @@ TEST_F(SectionConfigFile, BadInputNeverCostsData) {
     EXPECT_EQ("[keep]\n" + big + "\xff\xfe=1\n[a]\nw=\"l1\\nl2\"\n", readFile(file));
 }
 
-// A caller who may not write the directory or the file gets false, and nothing changes.
+// A caller who may write the file but not its directory gets false, and nothing changes.
 TEST_F(SectionConfigFile, FailedRewriteLeavesFileAlone) {
     writeFile(file, kSample, 0666);
-    std::string readOnly = dir.file("ro.conf");
-    writeFile(readOnly, kSample, 0644);
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
     std::string path = file;
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
-        SyslogCapture childLog{"section_config"};
-        Json::Value values = json("{\"z\":1}");
-        CHILD_CHECK(!SectionConfig::updateSection(path, "a", values, false) && errno == EACCES);
-        CHILD_CHECK(!SectionConfig::removeSection(path, "a"));
-        CHILD_CHECK_EQ(2, childLog.err("create temp failed, Permission denied"));
-        // A file the caller may not write fails at the open, silently.
-        CHILD_CHECK(!SectionConfig::updateSection(readOnly, "a", values, false));
-        CHILD_CHECK(!SectionConfig::removeSection(readOnly, "a") && errno == EACCES);
-        CHILD_CHECK_EQ(2, childLog.count(LOG_ERR, "<any>"));
+        CHILD_CHECK(!SectionConfig::updateSection(path, "a", json("{\"z\":1}"), false) &&
+                    errno == EACCES);
     });
     EXPECT_EQ(kSample, readFile(file));
-    EXPECT_EQ(kSample, readFile(readOnly));
-    EXPECT_EQ((Lines{"c.conf", "ro.conf"}), listDir(dir.path()));
+    expectAlone();
 }
 
-// A FIFO, a device or a directory where the file should be is refused at once by the read and
-// the write paths, with EINVAL (EISDIR for a directory): nothing waits for a writer that never
-// comes or reads without end. A regular file opens close-on-exec.
+// A FIFO where the file should be is refused at once by the read and the write paths: nothing
+// waits for a writer that never comes. A regular file opens close-on-exec.
 TEST_F(SectionConfigFile, OnlyRegularFilesAreRead) {
     writeFile(file, kSample);
     std::unique_ptr<FILE, int (*)(FILE *)> in(SectionConfig::openFile(file), fclose);
     ASSERT_TRUE(in);
     EXPECT_NE(0, fcntl(fileno(in.get()), F_GETFD) & FD_CLOEXEC);
-    const std::string fifo = dir.file("fifo.conf"), zero = dir.file("zero.conf"),
-                      sub = dir.file("dir.conf");
+    const std::string fifo = dir.file("fifo.conf");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
-    ASSERT_EQ(0, symlink("/dev/zero", zero.c_str()));
-    ASSERT_EQ(0, mkdir(sub.c_str(), 0755));
     const std::string before = describeTree(dir.path());
     EXPECT_CHILD_OK([&] {
         alarm(20);  // a hang ends the child, not the run
-        SyslogCapture childLog{"section_config"};
-        for (const std::string &path : {fifo, zero, sub}) {
-            const int expected = path == sub ? EISDIR : EINVAL;
-            Json::Value loaded;
-            CHILD_CHECK(SectionConfig::openFile(path) == nullptr && errno == expected);
-            CHILD_CHECK(!SectionConfig::loadSection(path, "a", loaded) && errno == expected);
-            CHILD_CHECK(!SectionConfig::updateSection(path, "a", json("{}"), true) &&
-                        errno == expected);
-            CHILD_CHECK(!SectionConfig::removeSection(path, "a") && errno == expected);
-        }
-        CHILD_CHECK_EQ(4, childLog.err("open failed, Invalid argument"));
-        CHILD_CHECK_EQ(2, childLog.err("open failed, Is a directory"));
+        Json::Value loaded;
+        CHILD_CHECK(SectionConfig::openFile(fifo) == nullptr && errno == EINVAL);
+        CHILD_CHECK(!SectionConfig::loadSection(fifo, "a", loaded) && errno == EINVAL);
+        CHILD_CHECK(!SectionConfig::updateSection(fifo, "a", json("{}"), true) && errno == EINVAL);
     });
     EXPECT_EQ(before, describeTree(dir.path()));
 }
@@ -272,15 +193,13 @@ TEST_F(SectionConfigFile, RewritesTakeNoAclFromTheDirectory) {
     std::string value;
     EXPECT_FALSE(attributeOf(file, "system.posix_acl_access", value));
     EXPECT_EQ(0600, fileMode(file));
-    expectAlone();
 }
 
 // The temporaries of killed writers, once 10 minutes old, go; nothing else does: not a young
-// one, a link, a directory, another user's file or a name of another shape.
+// one, a link, a directory, another user's file or a longer name.
 TEST_F(SectionConfigFile, StaleTemporariesGoNothingElse) {
     writeFile(file, kSample);
-    Lines expected = {"c.conf",         "c.conf.Young1", "c.conf.ab-de9", "c.conf.abcde",
-                      "c.conf.abcdefg", "c.conf.bak",    "d.conf.abcdef"};
+    Lines expected = {"c.conf", "c.conf.Young1", "c.conf.abcdefg"};
     for (const std::string &name : expected) writeFile(dir.file(name), "x", 0600);
     ASSERT_EQ(0, symlink(file.c_str(), dir.file("c.conf.Link01").c_str()));
     makeDir(dir.file("c.conf.Dir001"), 0700);
@@ -325,17 +244,12 @@ TEST(SectionConfigAttack, PlantedLinksAreFollowedOnlyWhenTrusted) {
                    symlink("own", (home + "/mine.conf").c_str()) == 0;
         }});
         CHILD_CHECK(attacker.perform(0));
-        SyslogCapture log{"section_config"};
         Json::Value values = json("{\"k\":2}"), loaded;
         for (const std::string &conf : {home + "/a.conf", home + "/new.conf", home + "/dir/file"}) {
             CHILD_CHECK(!SectionConfig::updateSection(conf, "s", values, true) && errno == EPERM);
             CHILD_CHECK(!SectionConfig::removeSection(conf, "s") && errno == EPERM);
             CHILD_CHECK(!SectionConfig::loadSection(conf, "s", loaded) && errno == EPERM);
-            // Nor is a new section made there.
-            TELO::Backup::OptionMap map;
-            CHILD_CHECK(!map.optSectionCreate(conf, "n", false) && errno == EPERM);
         }
-        CHILD_CHECK_EQ(6, log.err("open failed, Operation not permitted"));
         CHILD_CHECK_EQ(before, describeTree(rootOnly));
 
         CHILD_CHECK(SectionConfig::updateSection(home + "/mine.conf", "s", values, false));

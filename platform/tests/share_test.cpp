@@ -1,7 +1,6 @@
 // Shares of the generic server: the shares file, Samba's configuration read as testparm reads it
 // (checked against testparm itself over a corpus), path resolution and configuration failures.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,26 +18,19 @@ using telo_platform::Share;
 
 namespace {
 
-// Points the platform at configuration files for the life of the object.
-class Fixtures {
-  public:
-    Fixtures(const std::string &shares, const std::string &smb) {
-        setenv("TELO_SHARES_CONF", shares.c_str(), 1);
-        setenv("TELO_SMB_CONF", smb.c_str(), 1);
-    }
-    ~Fixtures() {
-        unsetenv("TELO_SHARES_CONF");
-        unsetenv("TELO_SMB_CONF");
-    }
-};
-
-// "name path" of the share holding `path`, or "error <code> <errno>".
-std::string lookup(const std::string &path, int nameSize = 64) {
+// "name path" of the share holding `path` under the shares file and Samba configuration given,
+// or "error <code> <errno text>: <detail>".
+std::string lookup(const std::string &shares, const std::string &smb, const std::string &path,
+                   int nameSize = 64) {
+    setenv("TELO_SHARES_CONF", shares.c_str(), 1);
+    setenv("TELO_SMB_CONF", smb.c_str(), 1);
     char name[64] = "stale", sharePath[256] = "stale";
-    if (TELOShareNamePathGet(path.c_str(), name, nameSize, sharePath, sizeof(sharePath)) != 0) {
-        return "error " + std::to_string(TLIBCErrGet()) + " " + strerror(errno);
-    }
-    return std::string(name) + " " + sharePath;
+    int rc = TELOShareNamePathGet(path.c_str(), name, nameSize, sharePath, sizeof(sharePath));
+    std::string error = strerror(errno);
+    unsetenv("TELO_SHARES_CONF");
+    unsetenv("TELO_SMB_CONF");
+    if (rc == 0) return std::string(name) + " " + sharePath;
+    return "error " + std::to_string(TLIBCErrGet()) + " " + error + ": " + TLIBCErrorGetDetail();
 }
 
 std::string describe(const std::vector<Share> &shares) {
@@ -74,90 +66,51 @@ std::string instantiate(const std::string &source, const std::string &dir) {
 
 }  // namespace
 
+// The share of a path is the longest share path that is a component prefix, both resolved.
 TEST(SharesFile, JsonOrPlainPathsAndTheLongestResolvedPrefix) {
-    TempDir dir;
-    writeFile(dir.file("shares.conf"),
-              "# administrator's shares\n"
-              "[photos]\npath=\"/srv/photos\"\n"
-              "[all]\n  path = /srv/  \ncomment=\"x\"\n"
-              "[deep]\npath=\"/srv/photos/2024\"\n"
-              "[esc]\npath=\"/srv/\\u00e9t\\u00E9 \\\"q\\\"\\/x\"\n"
-              "[nul]\npath=\"/srv/a\\u0000b\"\n"
-              "[unbalanced]\npath=\"/srv/unbalanced\n"
-              "[relative]\npath=srv/rel\n"
-              "[photos]\ncomment=\"a section named twice keeps its path\"\n"
-              "[later]\npath=/srv/photos/\n");  // the first share of a path wins
-    Fixtures env(dir.file("shares.conf"), dir.file("no-smb.conf"));
-    EXPECT_EQ("photos /srv/photos", lookup("/srv/photos/2023/a.jpg"));
-    EXPECT_EQ("deep /srv/photos/2024", lookup("/srv/photos/2024"));
-    EXPECT_EQ("all /srv", lookup("/srv/photosX"));
-    EXPECT_EQ("esc /srv/\xc3\xa9t\xc3\xa9 \"q\"/x", lookup("/srv/\xc3\xa9t\xc3\xa9 \"q\"/x/f"));
-    EXPECT_EQ("all /srv", lookup("/srv/a"));  // a path with a NUL byte names no share
-    EXPECT_EQ("error 2 No such file or directory", lookup("/srvx"));
-    EXPECT_EQ("error 5 Numerical result out of range", lookup("/srv/photos/1", 6));
-    EXPECT_EQ("error 1 Invalid argument", lookup(""));
-    EXPECT_EQ("error 2 No such file or directory", lookup("srv/rel/f"));  // relative: no share
-}
-
-TEST(SharesFile, ResolvesTheArgumentAndTheSharePaths) {
     TempDir dir;
     for (const char *d : {"srv", "srv/photos", "srv/photos/2024", "srv/docs", "home"}) {
         makeDir(dir.file(d));
     }
     ASSERT_EQ(0, symlink(dir.file("srv/photos/2024").c_str(), dir.file("home/link").c_str()));
     ASSERT_EQ(0, symlink(dir.file("srv/docs").c_str(), dir.file("docs-link").c_str()));
-    writeFile(dir.file("shares.conf"), "[Photos]\npath = " + dir.file("srv/photos") +
-                                           "\n[Docs]\npath = " + dir.file("docs-link") + "/\n");
-    Fixtures env(dir.file("shares.conf"), dir.file("no-smb.conf"));
-    std::string photos = "Photos " + dir.file("srv/photos");
-    std::string docs = "Docs " + dir.file("srv/docs");
-    EXPECT_EQ(docs, lookup(dir.file("srv/photos/../docs/x")));  // x does not exist
-    EXPECT_EQ(photos, lookup(dir.file("home/link/a.jpg")));     // a link into the share
-    EXPECT_EQ("error 2 No such file or directory", lookup(dir.file("srv/photos/..")));
-    char cwd[4096];
-    ASSERT_NE(nullptr, getcwd(cwd, sizeof(cwd)));
-    ASSERT_EQ(0, chdir(dir.file("srv").c_str()));
-    EXPECT_EQ(photos, lookup("photos/2024/x"));  // relative to the working directory
-    ASSERT_EQ(0, chdir(cwd));
+    std::string srv = dir.file("srv"), shares = dir.file("shares.conf");
+    writeFile(shares, "[all]\n  path = " + srv + "/  \ncomment=\"x\"\n[Photos]\npath=\"" + srv +
+                          "/photos\"\n[Docs]\npath = " + dir.file("docs-link") +
+                          "/\n[later]\npath=" + srv + "/photos/\n");  // the first one wins
+    std::string none = dir.file("none.smb");
+    EXPECT_EQ("Photos " + srv + "/photos", lookup(shares, none, srv + "/photos/2023/a.jpg"));
+    EXPECT_EQ("Photos " + srv + "/photos", lookup(shares, none, dir.file("home/link/a.jpg")));
+    EXPECT_EQ("Docs " + srv + "/docs", lookup(shares, none, srv + "/photos/../docs/x"));
+    EXPECT_EQ("all " + srv, lookup(shares, none, srv + "/photosX"));
+    EXPECT_EQ("error 2 No such file or directory: " + srv + "x: in no share",
+              lookup(shares, none, srv + "x"));
+    EXPECT_EQ("error 5 Numerical result out of range: ",
+              lookup(shares, none, srv + "/photos/1", 6));
 }
 
 // A configuration that cannot be read is an error that says so, never "in no share"; nothing
-// that is not a regular file is read, so a FIFO or a device cannot hang or exhaust the caller.
+// that is not a regular file is read, so a device or a kernel file cannot exhaust the caller.
 TEST(SharesFile, MissingOrUnreadableConfiguration) {
     TempDir dir;
-    ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
     writeFile(dir.file("smb.conf"), "[Media]\npath = /srv/media\ninclude = /dev/zero\n");
     writeFile(dir.file("big.conf"), std::string(telo_platform::kMaxShareFileBytes + 1, '#'));
-    // The lookup's answer and the error's detail.
-    auto answer = [](const std::string &shares, const std::string &smb) {
-        Fixtures env(shares, smb);
-        std::string result = lookup("/srv/media/a");
-        return result.rfind("error ", 0) == 0 ? result + ": " + TLIBCErrorGetDetail() : result;
-    };
-    std::string none = dir.file("none"), noSmb = dir.file("none.smb"), fifo = dir.file("fifo");
+    std::string none = dir.file("none"), noSmb = dir.file("none.smb"), media = "/srv/media/a";
     // A shares file that defines no section leaves the shares to Samba.
     writeFile(dir.file("media.conf"), "[Media]\npath = /srv/media\n");
     writeFile(dir.file("empty.conf"), "# nothing defined here yet\n\n");
-    EXPECT_EQ("Media /srv/media", answer(dir.file("empty.conf"), dir.file("media.conf")));
+    EXPECT_EQ("Media /srv/media", lookup(dir.file("empty.conf"), dir.file("media.conf"), media));
     EXPECT_EQ("error 4 No such file or directory: no share configuration: neither " + none +
                   " nor " + noSmb + " exists",
-              answer(none, noSmb));
-    EXPECT_EQ("error 7 Invalid argument: shares file " + fifo + ": not a regular file",
-              answer(fifo, noSmb));
+              lookup(none, noSmb, media));
     EXPECT_EQ("error 7 Invalid argument: Samba configuration " + dir.file("smb.conf") +
                   ":3: include /dev/zero: not a regular file",
-              answer(none, dir.file("smb.conf")));
+              lookup(none, dir.file("smb.conf"), media));
     EXPECT_EQ("error 7 File too large: shares file " + dir.file("big.conf") +
                   ": larger than 4194304 bytes",
-              answer(dir.file("big.conf"), noSmb));
+              lookup(dir.file("big.conf"), noSmb, media));
     EXPECT_EQ("error 7 Invalid argument: shares file /proc/self/status: not a regular file",
-              answer("/proc/self/status", noSmb));
-}
-
-// What the differential cannot see: a NUL byte ends its line.
-TEST(SambaRules, NulByteEndsItsLine) {
-    const char nul[] = "[a]\npath=/p\0q\\\nr\n[b]\npath=/b";
-    EXPECT_EQ("[a]=/p [b]=/b ", sambaShares({{"/smb.conf", std::string(nul, sizeof(nul) - 1)}}));
+              lookup("/proc/self/status", noSmb, media));
 }
 
 // Nesting deeper than Samba's 100 (an include loop) refuses the configuration.
@@ -193,9 +146,6 @@ TEST(SambaRules, ManySectionsReadInOnePass) {
     smb += "[t]\ncopy = S99999\n";
     std::string read = sambaShares({{"/smb.conf", smb}});
     EXPECT_EQ(100001, std::count(read.begin(), read.end(), '='));
-    std::vector<Share> found;
-    EXPECT_TRUE(telo_platform::parseSharesFile(smb, found));
-    EXPECT_EQ(100000u, found.size());
 }
 
 // The disk shares in testparm's reading of `file`, or "refused". Its dump lists [global] first,

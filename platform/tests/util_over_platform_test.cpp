@@ -1,14 +1,11 @@
 // The util library and the platform over the machine's resolver: from a private hosts file, read
-// by a resolver that reads only files (nothing leaves the machine), the addresses of a name and
-// the error logged when it resolves to nothing.
+// by a resolver that reads only files (nothing leaves the machine), the addresses of a name.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <syslog.h>
 
 #include <set>
 
 #include "support/child.h"
-#include "support/syslog_capture.h"
 #include "support/temp_dir.h"
 #include "telo/platform.h"
 #include "telobackup/network/network.h"
@@ -29,15 +26,9 @@ TEST(UtilOverPlatform, AddressLookup) {
         CHILD_CHECK_EQ(2, TELONetLookupIP("dual.test", entries, 4, 0));  // the repeated one once
         CHILD_CHECK((std::set<std::string>{entries[0], entries[1]} ==
                      std::set<std::string>{"127.0.0.1", "::1"}));
-        CHILD_CHECK_EQ(1, TELONetLookupIP("dual.test", entries, 1, 0));
         CHILD_CHECK_EQ(-1, TELONetLookupIP("missing.test", entries, 4, 0));
         CHILD_CHECK_EQ(unsigned(TELO_ERR_LOOKUP), TLIBCErrGet());
-        SyslogCapture log;
         CHILD_CHECK_EQ(std::string("127.0.0.1"), TELO::Backup::Net::getIpFromAddr("dual.test"));
-        CHILD_CHECK_EQ(-1, TELO::Backup::Net::testIpAndPortConnect("missing.test", 80, 1));
-        CHILD_CHECK(log.has(LOG_ERR,
-                            "network/network:<line> [missing.test:80] getaddrinfo() "
-                            "error, <any>"));
         return std::string();
     });
 }

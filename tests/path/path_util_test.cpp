@@ -37,9 +37,9 @@ constexpr char kSource[] = "path/path_util";
 
 }  // namespace
 
-// Each row: an operation, its arguments and its result; one row per branch of each. common is
-// symmetric.
-TEST(PathAlgebra, JoinCommonAndRelative) {
+// Each row: an operation, its arguments and its result, the rule and its boundary. The fuzzer
+// checks that common is symmetric, relative a tail of its path, and token agrees with split.
+TEST(PathAlgebra, JoinCommonRelativeAndSplit) {
     using Binary = std::string (*)(const std::string &, const std::string &);
     const Binary join = Path::join, common = Path::common, relative = Path::relative;
     const struct {
@@ -47,61 +47,26 @@ TEST(PathAlgebra, JoinCommonAndRelative) {
         const char *a, *b, *expected;
     } cases[] = {
         // clang-format off
-        {join, "a//", "//b//c", "a/b//c"}, {join, "a/", "", "a"}, {join, "///", "", "/"},
-        {join, "", "/x", "x"}, {join, ".", "/x/", "x/"}, {join, "a", "././b", "a/./b"},
-        {join, "a", ".", "a"}, {join, "a", ".x", "a/.x"}, {join, "a/./b", "../c", "a/./b/../c"},
-        {common, "/a/b/c", "/a/b/d", "/a/b"}, {common, "/a/b/", "/a/b", "/a/b"},
-        {common, "/a/b", "/a/bc", "/a"}, {common, "/x", "/y", "/"}, {common, "/", "/", ""},
-        {common, "a", "b", ""}, {relative, "/a/b/c", "/a///", "b/c"},
-        {relative, "/a/b/", "/a/b", ""}, {relative, "/a/bc", "/a/b", ""},
-        {relative, "/x/y", "/", "x/y"}, {relative, "/x", "", ""}, {relative, "/a//b", "/a", "/b"},
+        {join, "a//", "//b//c", "a/b//c"}, {join, "///", "", "/"}, {join, "", "/x", "x"},
+        {common, "/a/b/c", "/a/b/d", "/a/b"}, {common, "/a/b", "/a/bc", "/a"},
+        {common, "/x", "/y", "/"}, {relative, "/a/b/c", "/a///", "b/c"},
+        {relative, "/a/bc", "/a/b", ""}, {relative, "/x/y", "/", "x/y"},
         // clang-format on
     };
     for (const auto &c : cases) {
         EXPECT_EQ(c.expected, c.op(c.a, c.b)) << c.a << " " << c.b;
-        if (c.op == common) {
-            EXPECT_EQ(c.expected, common(c.b, c.a)) << c.b << " " << c.a;
-        }
     }
-    // c is always joined, so its trailing slash goes; d..g are skipped when empty.
-    EXPECT_EQ("a/b", Path::join("a", "b/", ""));
-    EXPECT_EQ("/x/y/", Path::join("/", "x", "y/", "", "", "", ""));
-    Parts parts{"/", "a", "b/"};
-    EXPECT_EQ("/a", Path::join(parts.cbegin(), parts.cbegin() + 2));
-    EXPECT_EQ("", Path::join(Parts{}));
-    EXPECT_EQ("a//", Path::join(Parts{"a//"}));
-}
-
-// Each row: path, split(path), token(path, 0); token 1 is the split's second part, or "".
-TEST(PathAlgebra, SplitAndToken) {
-    const struct {
-        const char *path;
-        Parts parts;
-        const char *first;
-    } cases[] = {
-        // clang-format off
-        {"", {}, ""}, {"/", {"/"}, "/"}, {"a//", {"a", "/"}, "a/"}, {"a//b", {"a", "", "b"}, "a"},
-        {"/a/b/", {"/", "a", "b/"}, "/"},
-        // clang-format on
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.path);
-        Parts out{"stale"};
-        EXPECT_TRUE(Path::split(c.path, out));
-        EXPECT_EQ(c.parts, out);
-        EXPECT_EQ(c.first, Path::token(c.path, 0));
-        EXPECT_EQ(c.parts.size() > 1 ? c.parts[1] : "", Path::token(c.path, 1));
-    }
+    Parts parts{"stale"};
+    EXPECT_TRUE(Path::split("/a//b/", parts));
+    EXPECT_EQ((Parts{"/", "a", "", "b/"}), parts);
 }
 
 // Each row: path, basename, dirname, share name, path relative to the share.
-TEST(PathAlgebra, BasenameDirnameShareNameAndAbsPath) {
+TEST(PathAlgebra, BasenameDirnameAndShareName) {
     const std::string cases[][5] = {
-        // clang-format off
-        {"/photos/2024/", "2024", "/photos", "photos", "2024/"}, {"", ".", ".", "", ""},
-        {"/photos", "photos", "/", "photos", ""}, {"/", "/", "/", "", ""},
+        {"/photos/2024/", "2024", "/photos", "photos", "2024/"},
+        {"/", "/", "/", "", ""},
         {"a/b", "b", "a", "", ""},
-        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c[0]);
@@ -110,29 +75,19 @@ TEST(PathAlgebra, BasenameDirnameShareNameAndAbsPath) {
         EXPECT_EQ(c[3], ConfigPath::shareName(c[0]));
         EXPECT_EQ(c[4], ConfigPath::shareRelativePath(c[0]));
     }
-    // Only the text before an embedded NUL counts.
-    EXPECT_EQ("x", Path::basename(std::string("/a/x\0/y", 7)));
-    // The working directory is joined in without normalising.
-    EXPECT_EQ("/x/../y", Path::absPath("/x/../y"));
-    EXPECT_CHILD_OK([] {
-        CHILD_CHECK(chdir("/usr") == 0);
-        CHILD_CHECK_EQ(std::string("/usr/x"), Path::absPath("x"));
-    });
 }
 
 // ---- The IPC tree ----------------------------------------------------------------------------
 
 TEST(IpcTree, ExactModesLockFilesAndBadNames) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
-        SyslogCapture log{kSource};
         // "." and ".." name the tree itself and /tmp: forcing a mode there would reach outside
         // the sub-directories the call is for.
         CHILD_CHECK(chmod("/tmp", 01777) == 0);
-        for (const char *name : {"a/b", "", "..", "."}) {
+        for (const char *name : {"a/b", ".."}) {
             errno = 0;
             CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath(name, 0700));
             CHILD_CHECK_EQ(EINVAL, errno);
-            CHILD_CHECK_EQ(1, log.err(std::string("bad ") + name + " name."));
         }
         CHILD_CHECK_EQ(01777, fileMode("/tmp"));
         CHILD_CHECK(!exists("/tmp/telobackup"));
@@ -154,11 +109,10 @@ TEST(IpcTree, ExactModesLockFilesAndBadNames) {
     });
 }
 
-// A link planted at the tree, at its lock directory or at a lock file (dangling too) is never
+// A link planted at the tree (the lock directory is opened the same way) or at a lock file is never
 // followed: the call fails and the target is not changed.
 TEST(IpcTree, PlantedLinksAreNeverFollowed) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
-        SyslogCapture log{kSource};
         CHILD_CHECK(mkdir("/tmp/target", 0700) == 0);
         writeFile("/tmp/victim", "precious", 0600);
         const std::string before = describeTree("/tmp/target") + describeTree("/tmp/victim");
@@ -166,22 +120,13 @@ TEST(IpcTree, PlantedLinksAreNeverFollowed) {
         CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0777));
         CHILD_CHECK(errno == ELOOP || errno == ENOTDIR);
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
-        CHILD_CHECK_EQ(2, log.err("chmod /tmp/telobackup path failed. <any>"));
 
-        CHILD_CHECK(unlink("/tmp/telobackup") == 0 && mkdir("/tmp/telobackup", 0755) == 0);
-        CHILD_CHECK(symlink("/tmp/target", "/tmp/telobackup/lock") == 0);
-        CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
-        CHILD_CHECK_EQ(1, log.err("chmod /tmp/telobackup/lock path failed. <any>"));
-
-        CHILD_CHECK(unlink("/tmp/telobackup/lock") == 0);
+        CHILD_CHECK(unlink("/tmp/telobackup") == 0);
         CHILD_CHECK(Path::createIpcTempPath("lock", 0770) == "/tmp/telobackup/lock");
         CHILD_CHECK(symlink("/tmp/victim", "/tmp/telobackup/lock/t") == 0);
-        CHILD_CHECK(symlink("/tmp/absent", "/tmp/telobackup/lock/dangling") == 0);
         errno = 0;
         CHILD_CHECK_EQ(-1, Path::createIpcLockFile("t"));
         CHILD_CHECK_EQ(ELOOP, errno);
-        CHILD_CHECK_EQ(-1, Path::createIpcLockFile("dangling"));
-        CHILD_CHECK(!exists("/tmp/absent"));
         CHILD_CHECK_EQ(before, describeTree("/tmp/target") + describeTree("/tmp/victim"));
     });
 }
@@ -211,8 +156,7 @@ TEST(IpcTree, LockNamesStayBeneathTheLockDirectory) {
         // Each row: a lock name and the errno of both ways to open it, 0 when they do.
         const std::pair<const char *, int> names[] = {
             // clang-format off
-            {"app/new", ELOOP}, {"/tmp/victim", EXDEV},
-            {"sub/../../../victim", EXDEV}, {"../../created", EXDEV}, {"sub/../t", 0},
+            {"app/new", ELOOP}, {"/tmp/victim", EXDEV}, {"../../created", EXDEV}, {"sub/../t", 0},
             // clang-format on
         };
         auto outcome = [](int fd) { return fd < 0 ? errno : close(fd); };
@@ -243,10 +187,8 @@ int openNamedLockFile() {
 
 }  // namespace
 
-// A process keeps the lock directory it validated between calls. When the tree is moved away
-// and made anew, or the held descriptor is closed and its number taken by another file, the next
-// call still opens the file the path names; a changed mode is brought back; a tree that another
-// user made in its place is refused.
+// A process keeps one descriptor of the lock directory it validated between calls. When the tree
+// is moved away and made anew, the next call still opens the file the path names.
 TEST(IpcTree, ReplacedTreeStillLocksTheNamedFile) {
     EXPECT_CHILD_OK(kPrivateTmp, [] {
         const std::set<int> before = openFds();
@@ -281,12 +223,11 @@ TEST(IpcTree, ReplacedTreeStillLocksTheNamedFile) {
     });
 }
 
-// Another user's tree or sub-directory, or a file where the tree should be, is refused and left
-// as it is. An unprivileged process can use a tree that root made, as long as no mode must change.
+// Another user's tree or sub-directory is refused and left as it is. An unprivileged process can
+// use a tree that root made, as long as no mode must change.
 TEST(IpcTree, ForeignEntriesAreRefusedAndRootsTreeIsShared) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to plant another user's directory";
     EXPECT_CHILD_OK(kPrivateTmp, [] {
-        SyslogCapture log{kSource};
         CHILD_CHECK(mkdir("/tmp/telobackup", 0777) == 0 && chmod("/tmp/telobackup", 0777) == 0);
         CHILD_CHECK(chown("/tmp/telobackup", 65534, 65534) == 0);
         errno = 0;
@@ -294,20 +235,12 @@ TEST(IpcTree, ForeignEntriesAreRefusedAndRootsTreeIsShared) {
         CHILD_CHECK_EQ(EPERM, errno);
         CHILD_CHECK_EQ(0777, fileMode("/tmp/telobackup"));
         CHILD_CHECK(!exists("/tmp/telobackup/x"));
-        CHILD_CHECK_EQ(1, log.err("chmod /tmp/telobackup path failed. Operation not permitted"));
         CHILD_CHECK(chown("/tmp/telobackup", 0, 0) == 0 && mkdir("/tmp/telobackup/x", 0777) == 0);
         CHILD_CHECK(chown("/tmp/telobackup/x", 65534, 65534) == 0);
         const std::string planted = describeTree("/tmp/telobackup/x");
         CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0700));
         CHILD_CHECK_EQ(planted, describeTree("/tmp/telobackup/x"));
-        CHILD_CHECK(rmdir("/tmp/telobackup/x") == 0 && rmdir("/tmp/telobackup") == 0);
-        writeFile("/tmp/telobackup", "file", 0644);
-        errno = 0;
-        CHILD_CHECK_EQ(std::string(), Path::createIpcTempPath("x", 0700));
-        CHILD_CHECK_EQ(ENOTDIR, errno);
-        CHILD_CHECK_EQ(std::string("file"), readFile("/tmp/telobackup"));
 
-        CHILD_CHECK(unlink("/tmp/telobackup") == 0);
         CHILD_CHECK(Path::createIpcTempPath("shared", 0777) == "/tmp/telobackup/shared");
         ChildResult user = runInChild(ChildOptions{.dropPrivileges = true}, [] {
             CHILD_CHECK_EQ(std::string("/tmp/telobackup/shared"),
@@ -370,36 +303,21 @@ TEST_F(PathFiles, RemoveAllRemovesEveryLevelButNoLinkTarget) {
 // An unprivileged caller cannot unlink in a read-only directory: the first failure is reported
 // with its own errno and full path, logged once, and everything else that can go, goes.
 TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
-    std::string root = dir.file("tree"), unlistable = dir.file("unlistable");
-    std::string locked = below(root, 25) + "/locked";
+    std::string root = dir.file("tree"), locked = below(root, 25) + "/locked";
     makeChain(root, 30, "/etc/hostname");
     makeDir(locked, 0777);
     writeFile(locked + "/stuck", "x", 0666);
     ASSERT_EQ(0, chmod(locked.c_str(), 0555));
-    // A directory that cannot be listed: its file is never tried, only its rmdir fails.
-    makeDir(unlistable, 0777);
-    makeDir(unlistable + "/sub", 0777);
-    writeFile(unlistable + "/sub/f", "x", 0666);
-    ASSERT_EQ(0, chmod((unlistable + "/sub").c_str(), 0333));
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
         SyslogCapture childLog{kSource};
-        const std::pair<std::string, std::string> cases[] = {
-            {root, "unlink " + locked + "/stuck failed. Permission denied"},
-            // A directory left non-empty is reported as EACCES.
-            {unlistable, "rmdir " + unlistable + "/sub failed. <any>"},
-        };
-        for (const auto &[tree, line] : cases) {
-            clearCapturedLines();
-            errno = 0;
-            CHILD_CHECK(!removeAll(tree));
-            CHILD_CHECK_EQ(EACCES, errno);
-            CHILD_CHECK_EQ(1, childLog.err(line));
-            CHILD_CHECK_EQ(size_t(1), childLog.size());
-        }
+        errno = 0;
+        CHILD_CHECK(!removeAll(root));
+        CHILD_CHECK_EQ(EACCES, errno);
+        CHILD_CHECK_EQ(1, childLog.err("unlink " + locked + "/stuck failed. Permission denied"));
+        CHILD_CHECK_EQ(size_t(1), childLog.size());
     });
     for (int depth = 0; depth < 25; ++depth) EXPECT_EQ(Parts{"d"}, listDir(below(root, depth)));
     EXPECT_EQ(Parts{"stuck"}, listDir(locked));
-    EXPECT_EQ(Parts{"f"}, listDir(unlistable + "/sub"));
 }
 
 // Other file systems mounted inside the tree are left alone, mount points included, and so is a
@@ -484,8 +402,8 @@ TEST(RemoveAllAttack, SwappedDirectoryLeadsNowhere) {
 }
 
 // An unprivileged writer cannot take over another user's ownership: it fails before the rename,
-// so the old file stays as it was. A refused chmod counts as success only on FAT and foreign
-// file systems.
+// so the old file stays as it was. A refused chmod counts as success only where the file system
+// has no such modes.
 TEST_F(PathFiles, UnprivilegedRenameFailures) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to set up files of two users";
     std::string dst = dir.file("config"), src = dir.file("config.tmp");
@@ -493,21 +411,17 @@ TEST_F(PathFiles, UnprivilegedRenameFailures) {
     writeFile(src, "new", 0600);
     ASSERT_EQ(0, chown(src.c_str(), 65534, 65534));
     const std::string before = describeTree(dst) + describeTree(src);
-    const std::pair<int, bool> fsTypes[] = {
-        {TELO_FS_FAT, true}, {TELO_FS_FOREIGN, true}, {TELO_FS_EXT4, false}};
+    const std::pair<int, bool> fsTypes[] = {{TELO_FS_FAT, true}, {TELO_FS_EXT4, false}};
     for (auto fs : fsTypes) writeFile(dir.file("root" + std::to_string(fs.first)), "x", 0600);
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
-        SyslogCapture childLog{kSource};
         CHILD_CHECK(!Path::renameWithMode(src, dst));
         CHILD_CHECK_EQ(EPERM, errno);
-        CHILD_CHECK_EQ(1, childLog.err("chown failed Operation not permitted, [" + dst + "]"));
         for (auto [fsType, accepted] : fsTypes) {
             fakeplatform::outcomes().fsType = fsType;
             std::string from = dir.file("root" + std::to_string(fsType));
             CHILD_CHECK_EQ(accepted, Path::renameWithMode(from, from + ".new"));
         }
         CHILD_CHECK_EQ(EPERM, errno);
-        CHILD_CHECK_EQ(1, childLog.err("chmod failed Operation not permitted, [<any>.new]"));
     });
     EXPECT_EQ(before, describeTree(dst) + describeTree(src));
 }
@@ -542,37 +456,18 @@ TEST_F(PathFiles, ModesOfNewAndReplacedNames) {
     });
 }
 
-// Failures leave the old file as it was and make no new name.
+// A failed rename or ACL copy leaves the old file as it was.
 TEST_F(PathFiles, RenameFailuresLeaveTheOldFile) {
     std::string dst = dir.file("config");
     writeFile(dst, "old", 0600);
     makeDir(dir.file("adir"), 0700);
+    writeFile(dir.file("a.tmp"), "new", 0644);
     const std::string before = describeTree(dir.path());
     EXPECT_FALSE(Path::renameWithMode(dir.file("adir"), dst));
-    EXPECT_EQ(1, log.err("rename failed, Not a directory [" + dst + "]")) << log.dump();
-    EXPECT_FALSE(Path::renameWithMode(dir.file("missing"), dir.file("new")));
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ(1, log.err("rename failed No such file or directory, [" + dir.file("new") + "]"));
-    // lstat of dst failing other than ENOENT: false without a line.
-    EXPECT_FALSE(Path::renameWithMode(dst, dst + "/under"));
     EXPECT_EQ(ENOTDIR, errno);
-    EXPECT_EQ(2u, log.size());
-    EXPECT_EQ(before, describeTree(dir.path()));
-}
-
-TEST_F(PathFiles, RenameWithPlatformAclsCopiesThemOrFails) {
     fakeplatform::outcomes().aclSupport = 1;
-    std::string dst = dir.file("config");
-    writeFile(dst, "old", 0600);
-    writeFile(dir.file("a.tmp"), "new", 0644);
     fakeplatform::setFail("TELOACLArchiveCopy");
     EXPECT_FALSE(Path::renameWithMode(dir.file("a.tmp"), dst));
-    EXPECT_EQ("old", readFile(dst));
     EXPECT_EQ(1, fakeplatform::calls("TELOACLCopy"));
-    EXPECT_EQ(1, log.err("Failed to copy ACL from [" + dst + "] to [" + dir.file("a.tmp") + "]"));
-    // A new name with ACLs resets inheritance instead of applying the umask.
-    fakeplatform::setFail("TELOACLResetInherit");
-    EXPECT_FALSE(Path::renameWithMode(dir.file("a.tmp"), dir.file("fresh")));
-    EXPECT_TRUE(exists(dir.file("fresh")));
-    EXPECT_EQ(1, log.err("reset acl inherit failed"));
+    EXPECT_EQ(before, describeTree(dir.path()));
 }

@@ -194,8 +194,6 @@ int TELOShareTmpPathGet(const char *volPath, char *buf, int size) {
 
 int TELOShareNamePathGet(const char *, char *name, int nameSize, char *sharePath,
                          int sharePathSize) {
-    outcomes().shareNameSize = nameSize;
-    outcomes().sharePathSize = sharePathSize;
     if (enter("TELOShareNamePathGet", __LINE__)) return -1;
     snprintf(name, static_cast<size_t>(nameSize), "%s", outcomes().shareName.c_str());
     snprintf(sharePath, static_cast<size_t>(sharePathSize), "%s", outcomes().sharePath.c_str());

@@ -40,11 +40,9 @@ struct Outcomes {
     std::map<std::string, std::string> volumeOfPath;
     std::map<std::string, std::string> shareTmpPaths;
     // ---- Shares and name lookup ----
-    // TELOShareNamePathGet writes these (cut to the buffer sizes) and records the sizes given.
+    // TELOShareNamePathGet writes these, cut to the buffer sizes.
     std::string shareName = "share";
     std::string sharePath = "/share";
-    int shareNameSize = 0;
-    int sharePathSize = 0;
     // TELONetLookupIP returns these in order, at most `capacity` of them; none fails with
     // TELO_ERR_LOOKUP. BlTLIBIsIpAddr and BlTLIBIsv6IpAddrValid classify as the real ones do.
     std::vector<std::string> lookupAddresses{"127.0.0.1"};

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/child.h"
@@ -61,11 +60,8 @@ TEST_F(Temporaries, TemplatesModesRenameAndRemoval) {
         EXPECT_EQ(0600, fileMode(named.getPath()));
         EXPECT_EQ(0700, fileMode(folder.getPath()));
         EXPECT_EQ(FD_CLOEXEC, fcntl(file.getFileDescripter(), F_GETFD) & FD_CLOEXEC);
-        // unlink() gives up ownership.
-        EXPECT_EQ(0, suffixed.unlink());
         // A rename onto itself or into nowhere fails and keeps the temporary.
         EXPECT_FALSE(file.rename(file.getPath()));
-        EXPECT_EQ(1, log.err("rename temp file to the same path[" + file.getPath() + "]"));
         EXPECT_FALSE(file.rename(dir.file("missing/x")));
         ASSERT_TRUE(file.rename(dir.file("moved")));
         EXPECT_FALSE(file.isValid());
@@ -73,11 +69,6 @@ TEST_F(Temporaries, TemplatesModesRenameAndRemoval) {
     }
     EXPECT_EQ((Names{"d" + kept.substr(kept.size() - 7), "moved", "vol"}), listDir(dir.path()));
     EXPECT_FALSE(exists(byDefault));
-    // A folder already gone is the removal's -1.
-    ScopedTempFolder gone(dir.file("g"));
-    ASSERT_EQ(0, rmdir(gone.getPath().c_str()));
-    EXPECT_EQ(-1, gone.unlink());
-    EXPECT_EQ(ENOENT, errno);
 }
 
 // Over-long names are cut to fit a 255-byte component and a 4095-byte path, on a character
@@ -90,12 +81,6 @@ TEST_F(Temporaries, OverlongNames) {
     for (int i = 0; i < 150; ++i) accents += "\xC3\xA9";
     ScopedTempFile file(dir.file("x" + accents), false);
     EXPECT_TRUE(generated(dir.file("x" + accents.substr(0, 246) + "."), file.getPath()));
-    std::string deep = dir.path();
-    while (deep.size() < 4000) {
-        deep += "/" + std::string(200, 'd');
-        ASSERT_EQ(0, mkdir(deep.c_str(), 0700));
-    }
-    EXPECT_EQ(4095u, ScopedTempFile(deep + "/" + std::string(200, 'f'), false).getPath().size());
 }
 
 // A name that no longer holds the temporary (swapped while it was open, or a second link to it
@@ -124,49 +109,24 @@ TEST_F(Temporaries, RenameRefusesANameThatIsNoLongerTheTemporary) {
     EXPECT_EQ(1u, log.size()) << log.dump();
 }
 
-// A bad name ("." and ".." would put the temporary beside the directory) or no directory for
-// the filter leaves nothing; without any volume, a filter with the fallback uses /tmp.
+// A bad name ("." and ".." would put the temporary beside the directory) leaves nothing;
+// without any volume, a filter with the fallback uses /tmp.
 TEST_F(Temporaries, OnTheChosenVolume) {
     EXPECT_CHILD_OK([this] {
         std::string keptFile;
         {
             ScopedVolumeTempFile file(largest(), "", false);
             CHILD_CHECK(generated(tmp + "/scoped_volume_temp_file.", file.getPath()));
-            ScopedVolumeTempFolder folder(largest(), "");
-            CHILD_CHECK_EQ(0700, fileMode(folder.getPath()));
             keptFile = ScopedVolumeTempFile(largest(), "job", true).preserve();
             CHILD_CHECK(generated(tmp + "/job.", keptFile));
         }
         CHILD_CHECK_EQ(Names{keptFile.substr(tmp.size() + 1)}, listDir(tmp));
         CHILD_CHECK(!ScopedVolumeTempFile(nullptr, "x", false).isValid());
-        CHILD_CHECK_EQ(1, log.err("volume temp filter is null!"));
         CHILD_CHECK(!ScopedVolumeTempFile(largest(), "a/b", false).isValid());
         CHILD_CHECK(!ScopedVolumeTempFolder(largest(), "..").isValid());
-        CHILD_CHECK_EQ(2, log.err("name[<any>] is invalid!"));
         CHILD_CHECK_EQ(Names{keptFile.substr(tmp.size() + 1)}, listDir(tmp));
         fakeplatform::outcomes().volumes.clear();
-        CHILD_CHECK(
-            !ScopedVolumeTempFile(TempManager::maxExtVolume(1, 2, false), "x", false).isValid());
         ScopedVolumeTempFile fallback(TempManager::maxVolume(true), "", true);
         CHILD_CHECK(generated("/tmp/scoped_volume_temp_file.", fallback.getPath()));
     });
-}
-
-// Moved on: one owner at a time, and assigning over an owner removes what it held.
-TEST_F(Temporaries, MovedToOneOwnerAtATime) {
-    auto makeFile = [this] { return ScopedTempFile(dir.file("f"), false); };
-    ScopedTempFile file = makeFile();
-    std::string first = file.getPath();
-    int fd = file.getFileDescripter();
-    ScopedTempFile taker(std::move(file));
-    EXPECT_FALSE(file.isValid());
-    EXPECT_EQ("", file.preserve());
-    EXPECT_EQ(fd, taker.getFileDescripter());
-    taker = makeFile();
-    EXPECT_FALSE(exists(first));
-    EXPECT_EQ(0u, openFds().count(fd));
-    ScopedTempFolder folder(dir.file("d"));
-    std::string second = folder.getPath();
-    folder = ScopedTempFolder(dir.file("e"));
-    EXPECT_FALSE(exists(second));
 }

@@ -11,7 +11,6 @@
 
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "telobackup/path/path_util.h"
 #include "tools/tool_fixture.h"
@@ -30,20 +29,14 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
         CHILD_CHECK(readFile(conf).find("s3cret-value") == std::string::npos);
         r = run({"--json", "config", "get", conf, "task1"});
         Json::Value task = parse(r.out);
-        CHILD_CHECK_EQ(std::string("nightly"), task["name"].asString());
-        CHILD_CHECK_EQ(std::string("/srv/photos"), task["source"].asString());
         CHILD_CHECK(r.out.find("s3cret-value") == std::string::npos);
         CHILD_CHECK_EQ(std::string("s3cret-value\n"),
                        out({"config", "get", conf, "task1", "password", "--secret"}));
-        Json::Value second = parse(out({"--json", "config", "new", conf, "task", "retries=3"}));
-        CHILD_CHECK_EQ(std::string("task2"), second["section"].asString());
-        CHILD_CHECK_EQ(2, second["id"].asInt());
+        CHILD_CHECK_EQ(std::string("task2\n"), out({"config", "new", conf, "task", "retries=3"}));
         // Every writing command says what it did as JSON, so a script never parses text.
         const std::string changed = "{\"changed\":true}\n";
         CHILD_CHECK_EQ(changed, out({"--json", "config", "set", conf, "task1", "retries=5",
                                      "--string", "note=two words"}));
-        CHILD_CHECK_EQ(std::string("{\"changed\":false}\n"),
-                       out({"config", "set", conf, "task1", "retries=5", "--json"}));
         CHILD_CHECK_EQ(changed, out({"--json", "config", "unset", conf, "task1", "name"}));
         CHILD_CHECK_EQ(changed, out({"--json", "config", "delete", conf, "task2"}));
         CHILD_CHECK_EQ(
@@ -73,7 +66,6 @@ TEST_F(Tool, FailuresSayWhyAndChangeNothing) {
         writeFile("s.conf", "[a]\npassword=\"\"\n");
         writeFile("t", "{{n}}{{b}}");
         CHILD_CHECK(mkfifo("fifo", 0644) == 0);
-        CHILD_CHECK(symlink("/dev/zero", "zero") == 0);
         // Held, so that a command that took the lock before it looked at the file would fail
         // with 5.
         int held = TELO::Backup::Path::createIpcLockFile("h");
@@ -90,42 +82,30 @@ TEST_F(Tool, FailuresSayWhyAndChangeNothing) {
         const Case cases[] = {
             {1, {"config", "get", "missing", "a"}, "missing: no such file"},
             {1, {"config", "get", conf, "nosuch"}, conf + ": no section [nosuch]"},
-            {1, {"config", "get", "-", "nosuch"}, "standard input: no section", "[a]\n"},
             {1, {"config", "get", conf, "a", "nokey"}, "no key 'nokey' in [a]"},
             // A dry run names the file, not the copy it rewrites.
             {1, {"config", "unset", conf, "nosuch", "x", "--dry-run"}, conf + ": no section"},
             {1, {"config", "import", conf, "@-"}, "(add --create", "{\"nosuch\":{}}"},
-            {1, {"filter", "--from-file", "none", "/x"}, "none: No such file or directory"},
             {1, {"template", "t", "--vars", "{}", "--strict"}, "t: the tag {{n}} has no value"},
             {1, {"share", "/elsewhere/x"}, "/elsewhere/x: in no share"},
             {1, {"session", "path", "sess.absent"}, "no session 'sess.absent'"},
             {1, {"mktemp", "--volume", "same:/none"}, "cannot create a temporary on volume"},
-            {1, {"session", "create", "--volume", "same:/none"}, "no directory on volume"},
-            {2, {"config", "set", conf, "a"}, "config set: nothing to set"},
             {2, {"config", "set", conf, "a", "k=1x"}, "'k': not JSON: 1x (use --string"},
             {2, {"config", "set", conf, "a", "novalue"}, "'novalue': expected KEY=JSON"},
-            {2, {"config", "set", conf, "a", "b\nc=1"}, "c': no \"=\" or newline, no blanks"},
             {2, {"config", "import", conf, "@-"}, "bad key '=bad'", "{\"a\":{\"=bad\":1}}"},
             {2, {"config", "set", conf, "a", "--from-json", "@-"}, "expected one JSON ob", "[1]"},
             {2, {"config", "get", conf}, "SECTION is required\nRun with --help for usage.\n"},
             {2, {"config", "get", conf, ""}, "bad section '': a section name cannot be empty"},
             {2, {"config", "nosuch"}, "unknown config command 'nosuch' (expected sections, "},
-            {2, {"nosuch"}, "unknown command 'nosuch' (expected config, filter, template, "},
             {2, {"filter", "--rule", "up", "/x"}, "--rule: up not in {include-wins,exclude-"},
-            {2, {"template", conf, "--vars", "[1,2]"}, "--vars: expected one JSON object"},
             {3, {"config", "get", conf, "a", "x", "--secret"}, "is not a secret (not a string)"},
-            {3, {"config", "get", "s.conf", "a", "password", "--secret"}, "a secret (empty)"},
             {3, {"config", "get", conf, "c", "--format", "sh"}, "is no shell variable name"},
             {3, {"config", "get", dir.path(), "a"}, dir.path() + ": not a regular file"},
             // Refused before the held lock is waited for.
             {3, {"config", "set", "fifo", "s", "k=1", "--lock", "h", "--wait", "0"}, "fifo: not a"},
-            {3, {"config", "new", "zero", "j", "--lock", "h", "--wait", "0"}, "zero: not a"},
-            {3, {"config", "dump", "zero"}, "zero: not a regular file"},
             {3, {"filter", "--from-file", conf, "/x"}, conf + ":2: expected KIND<TAB>PATTERN"},
             {3, {"share", "/x"}, "shares file fifo: not a", "", {{"TELO_SHARES_CONF", "fifo"}}},
-            {3, {"volumes"}, "mount table fifo: not a", "", {{"TELO_MOUNTINFO", "fifo"}}},
             {4, {"log", "x"}, "log /dev/full: No space", "", {{"TELO_LOGFILE", "/dev/full"}}},
-            {4, {"log", "x"}, "log a/b: No such file", "", {{"TELO_LOGFILE", "a/b"}}},
             {5, {"config", "set", conf, "a", "k=1", "--lock", "a/b"}, "lock/a does not exist"},
             {6, {"probe", "127.0.0.1", "1", "--timeout", "1"}, "127.0.0.1:1: connection refused"},
             {7, {"config", "set", "s.conf", "a", "--secret", "p"}, "by others: refused", "\n"},
@@ -172,11 +152,10 @@ TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
             kill(pid, signal);
             return waitExitCode(pid);
         };
-        int value = 0, stopped = 0;
+        int value = 0;
         for (int signal : {SIGINT, SIGHUP, SIGTERM, SIGINT, SIGHUP, SIGTERM}) {
             const int exitCode = interrupt(++value, signal);
             CHILD_CHECK(exitCode == 128 + signal || exitCode == 0);
-            stopped += exitCode == 128 + signal;
             CHILD_CHECK(temporaries().empty());
             // The rewrite under way was finished before the signal took effect.
             CHILD_CHECK_EQ("[s]\nk=" + std::to_string(value) + "\npad=\"" + pad + "\"\n",
@@ -192,11 +171,6 @@ TEST_F(Tool, SignalledWritersLeaveNoTemporary) {
         }
         CHILD_CHECK_EQ(0, run({"config", "set", conf, "s", "k=7"}).exitCode);
         CHILD_CHECK(temporaries().empty());
-        printf(
-            "[ signals  ] %d of 6 writers ended by the signal after their rewrite, %zu killed "
-            "writers' temporaries removed by the next write\n",
-            stopped, leftovers.size());
-        fflush(stdout);
     });
 }
 
@@ -255,12 +229,10 @@ TEST_F(Tool, WaitingForTheLock) {
         CHILD_CHECK(flock(held, LOCK_EX) == 0);
         const std::string self = "process " + std::to_string(getpid());
         // Too short a wait to say that it waits.
-        for (const char *wait : {"0", "0.3"}) {
-            const Args set = {"config",   "set",    conf,     "a",      "k=1",
-                              "--create", "--lock", "shared", "--wait", wait};
-            CHILD_CHECK_NONE(failsWith(set, 5, "lock shared is still held by " + self));
-            CHILD_CHECK(run(set).err.find("waiting") == std::string::npos);
-        }
+        const Args set = {"config",   "set",    conf,     "a",      "k=1",
+                          "--create", "--lock", "shared", "--wait", "0.3"};
+        CHILD_CHECK_NONE(failsWith(set, 5, "lock shared is still held by " + self));
+        CHILD_CHECK(run(set).err.find("waiting") == std::string::npos);
         CHILD_CHECK(!exists(conf));
         int err[2];
         CHILD_CHECK(pipe2(err, O_CLOEXEC) == 0);
@@ -323,34 +295,17 @@ TEST_F(Tool, PlantedLinksAreNotFollowed) {
     });
 }
 
-// The dump reads the file once, yet each section comes out exactly as `get` prints it: every
-// kind of value, duplicate keys and sections, values that do not parse, names in byte order.
-TEST_F(Tool, DumpMatchesGetOfEverySection) {
-    std::string deep = std::string(1001, '[') + std::string(1001, ']');
-    writeFile(conf,
-              "orphan=1\n[b]\nint=-5\nbig=123456789012345678901\nstr=\"a\\\"b\\u00e9/\"\n"
-              "list=[1, \"x\" ]\nobj={\"b\":1,\"a\":[true,null]}\nbad=not json\ndeep=" +
-                  deep +
-                  "\nk=1\nk=2\n[a]\nt=true\n[b]\nlater=1\n[c\xff]\nv=\"\xfe\"\n[]\ne=1\n[A]\n");
-    std::istringstream names(out({"config", "sections", conf}));
-    std::set<std::string> distinct;
-    for (std::string name; std::getline(names, name);) distinct.insert(name);
-    std::string expected = "{";
-    for (const std::string &name : distinct) {
-        // The empty name is no section a command can address.
-        std::string section =
-            name.empty() ? "{\"e\":1}\n" : out({"--json", "config", "get", conf, name});
-        if (expected.size() > 1) expected += ",";
-        expected += (name == "c\xff" ? "\"c\\u00ff\"" : "\"" + name + "\"") + ":" +
-                    section.substr(0, section.size() - 1);
-    }
-    expected += "}\n";
-    EXPECT_EQ(expected, out({"config", "dump", conf}));
-
-    // A value as deep as a text may be is set and read whole: neither passes it through the
-    // text of the whole section, which is one level deeper.
+// The dump reads the file once, yet a section comes out as `get` prints it, with its values
+// that do not parse and its duplicate keys. A value as deep as a text may be is set and read
+// whole: neither passes it through the text of the whole section, which is one level deeper.
+TEST_F(Tool, DumpMatchesGetAndTakesTheDeepestValue) {
     IN_PRIVATE_TMP([this] {
-        std::string deepest = std::string(1000, '[') + std::string(1000, ']');
+        const std::string deepest = std::string(1000, '[') + std::string(1000, ']');
+        writeFile(conf, "[b]\nobj={\"b\":1,\"a\":[true,null]}\nbad=not json\ndeep=[" + deepest +
+                            "]\nk=1\nk=2\n[b]\nlater=1\n");
+        const std::string section = out({"config", "get", conf, "b"});
+        CHILD_CHECK_EQ("{\"b\":" + section.substr(0, section.size() - 1) + "}\n",
+                       out({"config", "dump", conf}));
         CHILD_CHECK_EQ(0,
                        run({"config", "set", conf, "d", "limit=" + deepest, "--create"}).exitCode);
         CHILD_CHECK_EQ("{\"limit\":" + deepest + "}\n", out({"config", "get", conf, "d"}));
@@ -359,25 +314,10 @@ TEST_F(Tool, DumpMatchesGetOfEverySection) {
     });
 }
 
-// JSON output is valid UTF-8 whatever the file holds: a byte outside a well-formed sequence
-// is written as \u00XX of that byte; well-formed sequences stay as they are. Plain output
-// keeps the bytes.
-TEST_F(Tool, JsonOutputEscapesInvalidUtf8) {
-    writeFile(conf, "[s\xff]\nv=\"\xc3\xa9 \xc3 \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82\xac\"\n");
-    EXPECT_EQ(
-        "\"\xc3\xa9 \\u00c3 \\u00ed\\u00a0\\u0080 \\u00f4\\u0090\\u0080\\u0080 "
-        "\xe2\x82\xac\"\n",
-        out({"--json", "config", "get", conf, "s\xff", "v"}));
-    EXPECT_EQ("[\"s\\u00ff\"]\n", out({"--json", "config", "sections", conf}));
-    EXPECT_EQ("s\xff\n", out({"config", "sections", conf}));
-    EXPECT_EQ("{\"kept\":true,\"path\":\"/a\\u00ff\"}\n", out({"--json", "filter", "/a\xff"}));
-}
-
 // Standard output that fails (a full device, a reader gone) is an error with a message, for
 // output of every size and from every path the tool writes it.
 TEST_F(Tool, FailedStandardOutputIsReported) {
     writeFile(conf, "[a]\nx=1\n");
-    writeFile(dir.file("t"), "{{x}}");
     std::string many;
     for (int i = 0; i < 100000; ++i) many += "/p" + std::to_string(i) + "\n";
     writeFile(dir.file("paths"), many);
@@ -389,11 +329,8 @@ TEST_F(Tool, FailedStandardOutputIsReported) {
     // A command that fails before it writes keeps its own exit code.
     std::pair<int, Args> cases[] = {
         {4, {"config", "dump", conf}},
-        {4, {"--json", "config", "get", conf, "a"}},
         {1, {"filter", "--from-file", dir.file("none"), "/x"}},
-        {4, {"template", dir.file("t"), "--vars", "{\"x\":1}"}},
         {4, {"--help"}},
-        {4, {"--generate-bash-completion"}},
     };
     for (const auto &c : cases) {
         for (int fd : {full, pipeFds[1]}) {
@@ -416,48 +353,30 @@ TEST_F(Tool, FilterTemplateShareAndLog) {
     Args rules = {"filter", "--exclude", "/**/*.tmp", "--exclude",
                   "/x/**",  "--include", "/x/keep/**"};
     EXPECT_EQ("/x/keep/f\n", out(rules, paths));
-    rules.push_back("--print-excluded");
-    EXPECT_EQ("/a/b.tmp\n/x/drop\n", out(rules, paths));
-    writeFile(dir.file("patterns"), "# comment\nexclude\t/**/*.tmp\nprior\t/a/**\n");
-    EXPECT_EQ(std::string("/a/b.tmp\0/b/c\0", 14),
-              out({"filter", "-0", "--from-file", dir.file("patterns")},
-                  std::string("/a/b.tmp\0/b/c.tmp\0/b/c\0", 23)));
     writeFile(dir.file("vars.json"), "{\"name\":\"x\",\"n\":3}");
     EXPECT_EQ("<\"x\"> 3 ",
               out({"template", "-", "--vars", "@" + dir.file("vars.json"), "--json-strings"},
                   "<{{name}}> {{n}} {{missing}}"));
-    EXPECT_EQ("{\"text\":\"x!\"}\n",
-              out({"--json", "template", "-", "--vars", "{\"name\":\"x\"}"}, "{{name}}!"));
     EXPECT_EQ("photos\n", out({"share", dir.file("vol/photos/2024/a.jpg")}));
     EXPECT_EQ("{\"file\":\"" + dir.file("app.log") + "\",\"logged\":true}\n",
               out({"--json", "log", "backup", "finished"}));
     EXPECT_TRUE(std::regex_match(readFile(dir.file("app.log")),
                                  std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d backup "
                                             "finished\n")));
-    EXPECT_EQ(0, run({"log", "off"}, "", {{"TELO_LOGFILE", ""}}).exitCode);
 }
 
-// The one volume of the mount table is a directory of the test: temporaries and sessions land
-// in its .telobackup-tmp. A mount point cannot break the text table or drive the terminal.
-TEST_F(Tool, VolumesTemporariesAndSessions) {
+// The one volume of the mount table is a directory of the test: temporaries land in its
+// .telobackup-tmp. A mount point cannot break the text table or drive the terminal.
+TEST_F(Tool, VolumesAndTemporaries) {
     IN_PRIVATE_TMP([this] {
         const std::string tmp = dir.file("vol/.telobackup-tmp");
         Json::Value volumes = parse(out({"--json", "volumes"}));
         CHILD_CHECK_EQ(dir.file("vol"), volumes["volumes"][0]["path"].asString());
-        CHILD_CHECK_EQ(tmp, volumes["choices"]["max-ext"].asString());
-        CHILD_CHECK(out({"volumes"}).find(tmp + " (made on first use)") != std::string::npos);
-        CHILD_CHECK(!exists(tmp));  // listing only reads
         CHILD_CHECK_EQ(0u, out({"mktemp", "--volume", "max", "job"}).rfind(tmp + "/job.", 0));
         const std::string folder =
             parse(out({"--json", "mktemp", "--dir", "--volume", "same:" + dir.file("vol")}))["path"]
                 .asString();
         CHILD_CHECK_EQ(0700, fileMode(folder));
-        Json::Value session = parse(out({"--json", "session", "create", "--volume", "max"}));
-        const std::string id = session["id"].asString();
-        CHILD_CHECK_EQ(session["path"].asString() + "\n", out({"session", "path", id}));
-        CHILD_CHECK_EQ("{\"changed\":true,\"id\":\"" + id + "\"}\n",
-                       out({"--json", "session", "destroy", id}));
-        CHILD_CHECK(!exists(session["path"].asString()));
 
         const std::string odd = dir.file("a\nb\x1b[31mc\\d");
         CHILD_CHECK(mkdir(odd.c_str(), 0755) == 0);
