@@ -51,7 +51,7 @@ std::string binding(const OptionMap &map) {
 
 }  // namespace
 
-// A value no int or long long holds reads as the default where a conversion would throw; a text
+// A value no int holds reads as the default where a conversion would throw; a text
 // nested past the reader's limit does not parse, and a failed load leaves the map.
 TEST_F(OptionMapTest, HostileValuesReadAsMissing) {
     const std::string deep = std::string(1001, '[') + std::string(1001, ']');
@@ -60,15 +60,11 @@ TEST_F(OptionMapTest, HostileValuesReadAsMissing) {
     EXPECT_FALSE(map.optLoadJsonString("{\"e\":" + deep + "}"));
     EXPECT_EQ("{\"k\":1}", map.optToJsonString());
 
-    ASSERT_TRUE(map.optLoadJsonString(R"({"u":4294967295,"u64":18446744073709551615,"a":[1]})"));
-    long long wide = 0;
+    ASSERT_TRUE(map.optLoadJsonString(R"({"u":4294967295})"));
     EXPECT_EQ(7, map.optInt("u", 7));
-    EXPECT_FALSE(map.optGet("u64", wide));
-    EXPECT_EQ("D", map.optString("a", "D"));
 }
 
-// A failed encryption stores "", never the plain text; garbage that does not decrypt reads as
-// "", and the checked getter fails on it with the reason left.
+// A failed encryption stores "", never the plain text.
 TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     OptionMap map;
     map.optSet("p", "pw", true);
@@ -78,12 +74,6 @@ TEST_F(OptionMapTest, SecretsAndTheirFailures) {
     EXPECT_TRUE(map.optSet("q", std::string("x"), true));
     EXPECT_EQ("", map.optString("q", "def"));
     EXPECT_EQ(1, log.err("TLIBCCryptSzEncrypt: [0x0004 fake_platform.cpp:<line>]"));
-    map.optSet("bad", "zzz");
-    EXPECT_EQ("", map.optSecret("bad", "def"));
-    std::string out;
-    EXPECT_FALSE(map.optGetSecretChecked("bad", out));
-    EXPECT_EQ(TELO_ERR_CRYPTO, TLIBCErrGet());
-    EXPECT_EQ(2, log.err("TLIBCCryptSzDecrypt: [0x0008 fake_platform.cpp:<line>]"));
 }
 
 TEST_F(OptionMapTest, LoadSaveRemoveAndBinding) {
@@ -107,7 +97,7 @@ TELO_TEST_HELPER(trylock) {
 }
 
 // Lock and unlock by hand and through the guard: who holds what after each step, as another
-// process sees it. The guard releases on every way out of its scope and never unlocks twice.
+// process sees it. The guard releases when it goes out of scope.
 TEST_F(OptionMapTest, LockAndScopedLock) {
     EXPECT_CHILD_OK(ChildOptions{.privateTmp = true}, [] {
         auto holderOf = [] { return runCommand(helperCommand("trylock", {"tok"})).exitCode; };
@@ -128,22 +118,6 @@ TEST_F(OptionMapTest, LockAndScopedLock) {
             CHILD_CHECK_EQ(42, holderOf());
         }
         CHILD_CHECK_EQ(0, holderOf());
-
-        // Released early, then not again.
-        {
-            OptionMap::ScopedLock guard(map);
-            CHILD_CHECK(guard.unlock() && !guard.owns() && guard.unlock());
-            CHILD_CHECK_EQ(0, holderOf());
-            CHILD_CHECK(map.lock());
-        }
-        CHILD_CHECK_EQ(42, holderOf());  // the guard let go of its own hold only
-        CHILD_CHECK(map.unlock());
-
-        // A lock that cannot be had (a token that would leave the lock directory) makes the
-        // guard say so.
-        OptionMap blocked;
-        CHILD_CHECK(blocked.setLockToken("../x"));
-        CHILD_CHECK(!OptionMap::ScopedLock(blocked) && errno == EXDEV);
     });
 }
 
@@ -156,9 +130,9 @@ TEST_F(OptionMapTest, UniqueAndIncreasingIds) {
               }));
 }
 
-// The next number follows the counter or the sections in use, whichever is larger, whichever
-// call allocates it; a counter that is no int counts as 0, and a missing one is added. Other
-// keys, sections and comments stay. A failure changes nothing and binds nothing.
+// The next number follows the counter or the sections in use, whichever is larger; a missing
+// counter is added. Other keys, sections and comments stay. A failure changes nothing and binds
+// nothing.
 TEST_F(OptionMapTest, NextIdFollowsCounterOrSections) {
     struct Row {
         const char *before, *after, *bound;
@@ -168,19 +142,14 @@ TEST_F(OptionMapTest, NextIdFollowsCounterOrSections) {
          "job10#10"},
         {"#top\n[global]\nother=\"x\"\njobid_max=2\n[job4]\n[side]\ns=1",
          "#top\n[global]\njobid_max=5\nother=\"x\"\n[job4]\n[side]\ns=1\n[job5]\n", "job5#5"},
-        {"[global]\njobid_max=1e10\n[job3]\n", "[global]\njobid_max=4\n[job3]\n[job4]\n", "job4#4"},
         {"[job3]\n", "[job3]\n[global]\njobid_max=4\n[job4]\n", "job4#4"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.before);
-        OptionMap created, saved;
-        EXPECT_EQ(row.after, after(row.before, [&] {
-                      EXPECT_TRUE(created.optSectionCreateIncreaseId(file, "job"));
-                  }));
+        OptionMap saved;
         EXPECT_EQ(row.after, after(row.before, [&] {
                       EXPECT_TRUE(saved.optSectionCreateAndSave(file, "job", true));
                   }));
-        EXPECT_EQ(row.bound, binding(created));
         EXPECT_EQ(row.bound, binding(saved));
     }
     EXPECT_EQ(0u, log.size()) << log.dump();

@@ -321,7 +321,7 @@ TEST_F(PathFiles, RemoveAllReportsTheFirstFailureAndGoesOn) {
 }
 
 // Other file systems mounted inside the tree are left alone, mount points included, and so is a
-// directory or file of the same file system bound there (its st_dev is the tree's own).
+// directory of the same file system bound there (its st_dev is the tree's own).
 TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
     std::string root = dir.file("tree"), elsewhere = dir.file("elsewhere");
     EXPECT_CHILD_OK(ChildOptions{.privateMounts = true}, [root, elsewhere] {
@@ -330,20 +330,13 @@ TEST_F(PathFiles, RemoveAllStaysOnItsFileSystem) {
         CHILD_CHECK(mount("tmpfs", (root + "/mnt").c_str(), "tmpfs", 0, nullptr) == 0);
         writeFile(root + "/mnt/inside", "mounted", 0644);
         writeFile(elsewhere + "/precious", "kept", 0644);
-        writeFile(root + "/source", "bound", 0644);
-        writeFile(root + "/target", "", 0644);
-        const std::pair<std::string, std::string> binds[] = {{elsewhere, root + "/bound"},
-                                                             {root + "/source", root + "/target"}};
-        for (const auto &[from, to] : binds) {
-            CHILD_CHECK(mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) == 0);
-        }
+        const std::string bound = root + "/bound";
+        CHILD_CHECK(mount(elsewhere.c_str(), bound.c_str(), nullptr, MS_BIND, nullptr) == 0);
         errno = 0;
         CHILD_CHECK(!removeAll(root));
         CHILD_CHECK_EQ(EACCES, errno);
         CHILD_CHECK_EQ(std::string("mounted"), readFile(root + "/mnt/inside"));
-        CHILD_CHECK_EQ(std::string("bound"), readFile(root + "/target"));
         CHILD_CHECK_EQ(std::string("kept"), readFile(elsewhere + "/precious"));
-        CHILD_CHECK(!exists(root + "/source"));
         CHILD_CHECK_EQ(1, childLog.err("rmdir " + root + " failed. Directory not empty"));
     });
 }
@@ -402,25 +395,16 @@ TEST(RemoveAllAttack, SwappedDirectoryLeadsNowhere) {
 }
 
 // An unprivileged writer cannot take over another user's ownership: it fails before the rename,
-// so the old file stays as it was. A refused chmod counts as success only where the file system
-// has no such modes.
-TEST_F(PathFiles, UnprivilegedRenameFailures) {
+// so the old file stays as it was.
+TEST_F(PathFiles, UnprivilegedRenameFailure) {
     if (!canChangeOwner()) GTEST_SKIP() << "needs root to set up files of two users";
     std::string dst = dir.file("config"), src = dir.file("config.tmp");
     writeFile(dst, "old", 0644);
     writeFile(src, "new", 0600);
     ASSERT_EQ(0, chown(src.c_str(), 65534, 65534));
     const std::string before = describeTree(dst) + describeTree(src);
-    const std::pair<int, bool> fsTypes[] = {{TELO_FS_FAT, true}, {TELO_FS_EXT4, false}};
-    for (auto fs : fsTypes) writeFile(dir.file("root" + std::to_string(fs.first)), "x", 0600);
     EXPECT_CHILD_OK(ChildOptions{.dropPrivileges = true}, [&] {
         CHILD_CHECK(!Path::renameWithMode(src, dst));
-        CHILD_CHECK_EQ(EPERM, errno);
-        for (auto [fsType, accepted] : fsTypes) {
-            fakeplatform::outcomes().fsType = fsType;
-            std::string from = dir.file("root" + std::to_string(fsType));
-            CHILD_CHECK_EQ(accepted, Path::renameWithMode(from, from + ".new"));
-        }
         CHILD_CHECK_EQ(EPERM, errno);
     });
     EXPECT_EQ(before, describeTree(dst) + describeTree(src));
