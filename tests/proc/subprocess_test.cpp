@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,6 +21,7 @@
 #include <sstream>
 #include <thread>
 
+#include "internal/unique_fd.h"
 #include "proc/exit_wait.h"
 #include "proc/launch.h"
 #include "support/child.h"
@@ -31,6 +33,7 @@
 using TELO::Backup::LaunchFailure;
 using TELO::Backup::PipeFile;
 using TELO::Backup::SubProcess;
+using TELO::Backup::internal::UniqueFd;
 using namespace testsupport;
 using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
@@ -221,11 +224,21 @@ TEST_P(Launch, SignalsAroundTheChild) {
 TEST_P(Launch, BackgroundGrandchildIsDetached) {
     std::string fifo = dir.file("fifo");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    // The FIFO's end of file is the grandchild's end.
+    // Opened first, so that opening the output never waits for a reader; end of file is the
+    // grandchild's end.
+    UniqueFd reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     SubProcess sp(helperCommand("describe", {"fd:1"}));
     sp.setStdOutput(fifo, 0);
     ASSERT_TRUE(sp.callBackground(true));
-    std::string report = readFile(fifo);
+    // Until the grandchild has opened and closed its end: a reader opened before any writer
+    // sees no hang-up, so poll waits for the grandchild rather than racing it.
+    std::string report;
+    char buffer[4096];
+    pollfd ready = {reader.get(), POLLIN, 0};
+    for (ssize_t n = 1; n > 0 && poll(&ready, 1, 60000) == 1;) {
+        n = read(reader.get(), buffer, sizeof buffer);
+        if (n > 0) report.append(buffer, n);
+    }
     EXPECT_EQ(field(report, "pid"), field(report, "sid"));
 }
 
