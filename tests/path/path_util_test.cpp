@@ -8,6 +8,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "internal/safe_open.h"
@@ -410,10 +411,37 @@ TEST_F(PathFiles, UnprivilegedRenameFailure) {
     EXPECT_EQ(before, describeTree(dst) + describeTree(src));
 }
 
+// The replacing file takes over the old one's owner, access ACL and user attributes, which an
+// administrator set on the file and a rewrite must not drop.
+TEST_F(PathFiles, RenameOverAFileKeepsOwnerAclAndAttributes) {
+    const std::string dst = dir.file("tasks.conf"), src = dir.file("tasks.conf.new");
+    const std::string acl = aclGrantingRead(34);
+    writeFile(dst, "old", 0600);
+    if (canChangeOwner()) {
+        ASSERT_EQ(0, chown(dst.c_str(), 65534, 65534));
+    }
+    if (setxattr(dst.c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0) != 0 ||
+        setxattr(dst.c_str(), "user.a", "1", 1, 0) != 0) {
+        GTEST_SKIP() << "no ACLs or user attributes on " << dir.path() << ": " << strerror(errno);
+    }
+    writeFile(src, "new", 0644);
+    EXPECT_TRUE(Path::renameWithMode(src, dst));
+    std::string value;
+    EXPECT_TRUE(attributeOf(dst, "system.posix_acl_access", value));
+    EXPECT_EQ(acl, value);
+    EXPECT_TRUE(attributeOf(dst, "user.a", value));
+    EXPECT_EQ("1", value);
+    struct stat st;
+    ASSERT_EQ(0, lstat(dst.c_str(), &st));
+    if (canChangeOwner()) {
+        EXPECT_EQ(65534u, st.st_uid);
+    }
+    EXPECT_EQ((Parts{"tasks.conf"}), listDir(dir.path()));
+}
+
 // A new name takes the umask's mode; so does a link's name, which is replaced, not followed.
 // A link keeps its own mode (a chmod would follow it to nothing). A replaced file's mode is taken
-// over without its set-id bits; owners and attributes are kept by the same code as the section
-// writers' (their fault tests check them).
+// over without its set-id bits.
 TEST_F(PathFiles, ModesOfNewAndReplacedNames) {
     writeFile(dir.file("prog"), "old", 0755);
     ASSERT_EQ(0, chmod(dir.file("prog").c_str(), 04755));
@@ -454,4 +482,25 @@ TEST_F(PathFiles, RenameFailuresLeaveTheOldFile) {
     EXPECT_FALSE(Path::renameWithMode(dir.file("a.tmp"), dst));
     EXPECT_EQ(1, fakeplatform::calls("TELOACLCopy"));
     EXPECT_EQ(before, describeTree(dir.path()));
+}
+
+// A tree deeper than any descriptor budget is removed with a handful of descriptors, none left
+// open and nothing logged. On a memory-backed /tmp where the machine allows one: deep trees are
+// slow to make on disk.
+TEST(RemoveAllDepth, TenThousandLevelsWithFewDescriptors) {
+    TempDir dir;
+    auto removeDeepTree = [](const std::string &root) {
+        makeDir(root);
+        makeDeepTree(root, 10000);
+        SyslogCapture log{kSource};
+        const std::set<int> fds = openFds();
+        CHILD_CHECK(limitNewDescriptors(24));
+        CHILD_CHECK(removeAll(root));
+        CHILD_CHECK(!exists(root));
+        CHILD_CHECK(fds == openFds());
+        CHILD_CHECK_EQ(size_t(0), log.size());
+    };
+    ChildResult result = runInChild(kPrivateTmp, [&] { removeDeepTree("/tmp/deep"); });
+    if (result.skipped) result = runInChild([&] { removeDeepTree(dir.file("deep")); });
+    EXPECT_TRUE(result.ok()) << result.message;
 }

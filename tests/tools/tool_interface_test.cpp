@@ -1,6 +1,6 @@
 // End-to-end tests of what the installed telobackup-util shows a person and a script: errors and
 // results as JSON, standard input as a file, values for eval, the probe on a terminal, the
-// application log's place, help examples, the manual page and the bash completion.
+// application log's place, help examples and the manual page.
 #include <pty.h>
 #include <sys/mount.h>
 
@@ -163,36 +163,4 @@ TEST_F(Tool, ProbeShowsProgressOnATerminal) {
     listener = loopbackListener(8, port);
     EXPECT_EQ("127.0.0.1\n", out({"probe", "127.0.0.1", port, "--timeout", "2"}));
     close(listener);
-}
-
-// The completion completes sections and keys from the FILE on the command line, and lock tokens
-// from the lock directory.
-TEST_F(Tool, BashCompletion) {
-    std::string bash = programPath("bash");
-    if (bash.empty()) GTEST_SKIP() << "no bash";
-    std::string prefix = TELO::Backup::Path::dirname(TELO::Backup::Path::dirname(toolPath()));
-    std::string script = prefix + "/share/bash-completion/completions/telobackup-util";
-    IN_PRIVATE_TMP([&] {
-        writeFile(conf, "[task1]\nkeep=14\nname=\"n\"\n[my tasks]\nz=1\n");
-        CHILD_CHECK_EQ(
-            0, run({"config", "set", conf, "task1", "k=1", "--lock", "shared.lock"}).exitCode);
-        // Each case: the words after the program, the last one being completed, and the
-        // replies, "|" between them.
-        std::pair<Args, std::string> cases[] = {
-            {{"config", "get", conf, ""}, "my\\ tasks|task1"},
-            {{"config", "set", conf, "task1", "ke"}, "keep="},
-            {{"config", "set", conf, "task1", "--lock", ""}, "shared.lock"},
-        };
-        std::string driver =
-            "source \"$1\"; shift\n"
-            "COMP_WORDS=(\"$@\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=()\n"
-            "_telobackup_util\n"
-            "printf '%s\\n' \"${COMPREPLY[@]}\" | LC_ALL=C sort | paste -sd '|'\n";
-        for (const auto &c : cases) {
-            Args args = {bash, "-c", driver, "bash", script, toolPath()};
-            args.insert(args.end(), c.first.begin(), c.first.end());
-            CommandResult r = runCommand(args);
-            if (r.out != c.second + "\n") CHILD_FAIL(c.first.back() + " -> " + r.out + r.err);
-        }
-    });
 }
