@@ -6,7 +6,7 @@
 #include "cli.h"
 #include "telobackup/session.h"
 #include "telobackup/temp_manager/temp_manager.h"
-#include "volume_spec.h"
+#include "volume_choice.h"
 
 namespace telocli {
 
@@ -20,12 +20,12 @@ const char kVolumeHelp[] =
 
 // The filter a --volume value names; the Max filters fall back to /tmp.
 std::shared_ptr<FilterVolume> volumeFilter(const std::string &volume) {
-    VolumeSpec spec;
-    if (!parseVolumeSpec(volume, spec)) {
+    VolumeChoice choice;
+    if (!parseVolumeChoice(volume, choice)) {
         throw CommandError(kExitUsage, "bad --volume '" + volume +
                                            "': expected max, max-ext, max-ext-btrfs or same:PATH");
     }
-    return volumeFilterOf(spec);
+    return volumeFilterOf(choice);
 }
 
 struct TempArgs {

@@ -14,9 +14,9 @@
 
 #include "support/syslog_capture.h"
 #include "telobackup/temp_manager/volume_path_manager.h"
-#include "volume_spec.h"
+#include "volume_choice.h"
 
-using telocli::VolumeSpec;
+using telocli::VolumeChoice;
 
 namespace {
 
@@ -55,23 +55,23 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string text(reinterpret_cast<const char *>(data), size);
-    VolumeSpec spec;
-    bool parsed = telocli::parseVolumeSpec(text, spec);
+    VolumeChoice choice;
+    bool parsed = telocli::parseVolumeChoice(text, choice);
     bool documented = text.empty() || text == "max" || text == "max-ext" ||
                       text == "max-ext-btrfs" || (startsWith(text, "same:") && text.size() > 5);
     check(parsed == documented);
     if (!parsed) return 0;
-    check((spec.kind == VolumeSpec::kSame) == startsWith(text, "same:"));
-    check(spec.kind == VolumeSpec::kSame ? spec.path == text.substr(5) : spec.path.empty());
+    check((choice.kind == VolumeChoice::kSame) == startsWith(text, "same:"));
+    check(choice.kind == VolumeChoice::kSame ? choice.path == text.substr(5) : choice.path.empty());
 
     std::string volume = scratch + "/vol";
-    std::shared_ptr<TELO::Backup::FilterVolume> filter = telocli::volumeFilterOf(spec);
+    std::shared_ptr<TELO::Backup::FilterVolume> filter = telocli::volumeFilterOf(choice);
     check(filter != nullptr);
     std::string directory;
     if (TELO::Backup::VolumePathManager::getInstance().getVolumePath(filter, directory)) {
         check(directory.empty() || directory == volume + "/.telobackup-tmp" || directory == "/tmp");
     }
-    if (spec.kind == VolumeSpec::kSame) {
+    if (choice.kind == VolumeChoice::kSame) {
         std::string signature = filter->getSignature();
         check(signature == "FilterSameVolume:" || signature == "FilterSameVolume:" + volume);
     }

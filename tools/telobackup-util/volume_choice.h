@@ -1,8 +1,8 @@
 // The --volume values of mktemp and session create: max (the volume with the most free space),
 // max-ext (ext volumes only), max-ext-btrfs (ext and btrfs) or same:PATH (the volume holding
 // PATH); no value means max.
-#ifndef TELO_TOOLS_TELOBACKUP_UTIL_VOLUME_SPEC_H
-#define TELO_TOOLS_TELOBACKUP_UTIL_VOLUME_SPEC_H
+#ifndef TELO_TOOLS_TELOBACKUP_UTIL_VOLUME_CHOICE_H
+#define TELO_TOOLS_TELOBACKUP_UTIL_VOLUME_CHOICE_H
 
 #include <memory>
 #include <string>
@@ -11,7 +11,7 @@
 
 namespace telocli {
 
-struct VolumeSpec {
+struct VolumeChoice {
     enum Kind { kMax, kMaxExt, kMaxExtBtrfs, kSame };
     Kind kind = kMax;
     std::string path;  // of kSame, never empty
@@ -19,10 +19,10 @@ struct VolumeSpec {
 
 // Reads a --volume value; false for anything but the forms above. Throws nothing but
 // std::bad_alloc.
-bool parseVolumeSpec(const std::string &text, VolumeSpec &spec);
+bool parseVolumeChoice(const std::string &text, VolumeChoice &choice);
 
-// The filter a spec names; the max filters fall back to /tmp when no volume qualifies.
-std::shared_ptr<TELO::Backup::FilterVolume> volumeFilterOf(const VolumeSpec &spec);
+// The filter a choice names; the max filters fall back to /tmp when no volume qualifies.
+std::shared_ptr<TELO::Backup::FilterVolume> volumeFilterOf(const VolumeChoice &choice);
 
 }  // namespace telocli
 
